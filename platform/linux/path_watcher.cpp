@@ -1,0 +1,121 @@
+#include "platform/linux/path_watcher.hpp"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "foundation/strings.hpp"
+
+namespace qm {
+namespace {
+
+// Of the folders on the way, and of the file and the folder it lies in.
+constexpr std::uint32_t kFolderEvents = IN_ONLYDIR | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                        IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB;
+constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+
+// A thread that no signal of the process is delivered to.
+template <class Body>
+std::thread startQuietThread(Body body) {
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  std::thread thread(std::move(body));
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return thread;
+}
+
+}  // namespace
+
+PathWatcher::PathWatcher(std::string path, std::chrono::milliseconds settlingTime, Handler handler)
+    : path_(std::move(path)),
+      settlingTime_(settlingTime),
+      handler_(std::move(handler)),
+      stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      thread_(startQuietThread([this] { run(); })) {}
+
+PathWatcher::~PathWatcher() {
+  if (stop_) {
+    const std::uint64_t one = 1;
+    while (::write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
+    }
+  }
+  thread_.join();
+}
+
+void PathWatcher::run() {
+  watchAnew();
+  bool wantsSettled = handler_(false);
+  if (!stop_ || !inotify_) return;
+  while (true) {
+    std::array<pollfd, 2> waited{pollfd{.fd = stop_.get(), .events = POLLIN, .revents = 0},
+                                 pollfd{.fd = inotify_.get(), .events = POLLIN, .revents = 0}};
+    const int timeout = wantsSettled ? static_cast<int>(settlingTime_.count()) : -1;
+    const int ready = ::poll(waited.data(), waited.size(), timeout);
+    if (ready < 0 && errno != EINTR) return;
+    if (ready < 0) continue;
+    if (waited[0].revents != 0) return;
+    if (ready == 0) {
+      wantsSettled = false;
+      handler_(true);
+    } else if (drainEvents()) {
+      watchAnew();
+      wantsSettled = handler_(false);
+    }
+  }
+}
+
+// Every folder on the way is watched before the next one is looked for, and the file last: whatever appears
+// later makes an event. The old watches end when the new ones stand; when those cannot be had, the old ones
+// stay.
+void PathWatcher::watchAnew() {
+  FileDescriptor fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (!fresh) return;
+  std::string folder = "/";
+  const std::string parent = stringByDeletingLastPathComponent(path_);
+  for (const std::string& component : pathComponents(parent)) {
+    if (component != "/") folder = stringByAppendingPathComponent(folder, component);
+    const std::uint32_t events = folder == parent ? kFolderEvents | IN_CLOSE_WRITE : kFolderEvents;
+    if (::inotify_add_watch(fresh.get(), folder.c_str(), events) < 0) break;
+  }
+  // Also by itself, for a file reached through a link.
+  if (folder == parent) ::inotify_add_watch(fresh.get(), path_.c_str(), kFileEvents);
+  inotify_ = std::move(fresh);
+}
+
+// Reads away what there is; true when some of it may concern the file.
+bool PathWatcher::drainEvents() {
+  const std::vector<std::string> names = pathComponents(path_);
+  bool concerned = false;
+  alignas(inotify_event) std::array<char, 16384> buffer;
+  while (true) {
+    const ssize_t length = ::read(inotify_.get(), buffer.data(), buffer.size());
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return concerned;
+    for (std::size_t offset = 0; offset + sizeof(inotify_event) <= static_cast<std::size_t>(length);) {
+      inotify_event event;
+      std::memcpy(&event, buffer.data() + offset, sizeof event);
+      const std::string_view name = event.len == 0 ? "" : buffer.data() + offset + sizeof event;
+      // Other files of the folders on the way come and go: only names that are part of the path count.
+      bool named = name.empty();
+      for (const std::string& component : names) named = named || name == component;
+      concerned = concerned || named;
+      offset += sizeof event + event.len;
+    }
+  }
+}
+
+}  // namespace qm

@@ -1,0 +1,72 @@
+#include "platform/linux/process_threads.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace qm {
+namespace {
+
+constinit std::atomic<bool> forkedChild = false;
+
+void watchForForks() {
+  static const int failure =
+      ::pthread_atfork(nullptr, nullptr, [] { forkedChild.store(true, std::memory_order_relaxed); });
+  if (failure != 0) endProcess("no memory to watch for forks");
+}
+
+// A new thread starts with the mask of the one that makes it. Profilers need theirs everywhere.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    ::sigset_t signals;
+    ::sigfillset(&signals);
+    for (const int own : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGPROF, SIGSEGV, SIGSYS, SIGTRAP}) {
+      ::sigdelset(&signals, own);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &signals, &previous_);
+  }
+  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  ::sigset_t previous_{};
+};
+
+}  // namespace
+
+bool startProcessThread(const char* name, std::function<void()> body) {
+  watchForForks();
+  const SignalsBlocked blocked;
+  try {
+    std::thread([name, body = std::move(body)] {
+      ::pthread_setname_np(::pthread_self(), name);
+      body();
+    }).detach();
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+bool isForkedChild() {
+  return forkedChild.load(std::memory_order_relaxed);
+}
+
+void requireNoForkedChild(const char* action) {
+  if (isForkedChild()) endProcess(action, " in a forked child, whose threads are in its parent");
+}
+
+void endProcess(const char* message, const char* detail) {
+  std::fprintf(stderr, "qm: %s%s\n", message, detail);
+  std::abort();
+}
+
+}  // namespace qm

@@ -1,0 +1,23 @@
+// The threads that serve the whole process (workers, event loop) until it ends, and the forks they do not
+// survive: a child made by fork() has none of them; until it executes a program it must not use what needs
+// them, nor touch what it shares with its parent.
+#pragma once
+
+#include <functional>
+
+namespace qm {
+
+// Starts a thread that is never joined. Signals are left to the main thread, except for those a thread causes
+// itself. False when there is no thread to be had now (limits, memory). The name holds 15 characters.
+[[nodiscard]] bool startProcessThread(const char* name, std::function<void()> body);
+
+// True in a child that was forked after the first startProcessThread().
+bool isForkedChild();
+
+// Ends the process with a clear message if this is such a child: what it asks for would never happen.
+void requireNoForkedChild(const char* action);
+
+// Ends the process (abort) with message and detail as a line on standard error.
+[[noreturn]] void endProcess(const char* message, const char* detail = "");
+
+}  // namespace qm

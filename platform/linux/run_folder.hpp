@@ -1,0 +1,47 @@
+// Where the running program's installation has its run-time files, and Unix socket addresses for paths of any
+// length. For the Linux platform layer and for what starts staged programs.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/file_descriptor.hpp"
+
+namespace qm {
+
+// The root R for a program at R/Library/Quillmarsh[-namespace]/qxmac/bin/NAME, "/" for one that lies anywhere
+// else. The path is absolute and without symbolic links; the file need not exist.
+std::string programRoot(std::string_view programPath);
+
+// The path of the running program, without symbolic links, as it was at the first call.
+const std::string& ownProgramPath();
+// programRoot of the running program: "/" or a path without a slash at its end.
+const std::string& systemRoot();
+// R/run/quillmarsh. Not made here.
+std::string runFolder();
+// The run folder of an installation below that root.
+std::string runFolder(std::string_view root);
+
+// A Unix socket address. A path longer than the 107 bytes that fit into one goes through /proc/self/fd/N/name
+// with N the folder that holds the socket: keep the object until bind(2) or connect(2) has returned.
+class SocketAddress {
+ public:
+  // Nothing with errno set when the folder of a long path cannot be opened, or even the name is too long
+  // (ENAMETOOLONG).
+  static std::optional<SocketAddress> create(const std::string& path);
+
+  const sockaddr* address() const;
+  socklen_t length() const;
+
+ private:
+  SocketAddress(FileDescriptor folder, std::string_view path);
+
+  FileDescriptor folder_;
+  sockaddr_un address_{};
+};
+
+}  // namespace qm

@@ -1,0 +1,349 @@
+#include "platform/linux/worker_pool.hpp"
+
+#include <fcntl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <thread>
+
+#include "platform/file_descriptor.hpp"
+#include "platform/linux/process_threads.hpp"
+
+namespace qm {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kMaximumWorkers = 512;
+constexpr std::size_t kBoundedWorkers = 64;
+constexpr std::size_t kBoundedWorkersPerProcessor = 5;
+
+constexpr std::uint64_t kPicksPerOldest = 16;
+
+constexpr std::chrono::nanoseconds kTick = 1ms;
+constexpr std::uint64_t kTicksBeforeDeferredWake = 1;
+constexpr std::uint64_t kTicksBeforeGrowth = 2;
+// While workers keep the processors busy, more of them for bounded work only help short tasks past long ones.
+constexpr std::uint64_t kTicksBeforeSaturatedGrowth = 20;
+constexpr std::size_t kSaturatedWorkersPerProcessor = 4;
+constexpr std::uint64_t kTicksBetweenCountsWhenSaturated = 5;
+
+int makeTimer() {
+  const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+  if (timer < 0) endProcess("no timer for the workers: ", std::strerror(errno));
+  return timer;
+}
+
+// True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
+// the kernel, or cannot be looked at.
+bool isRunnable(::pid_t thread) {
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "/proc/self/task/%d/stat", thread);
+  const FileDescriptor file(::open(text.data(), O_RDONLY | O_CLOEXEC));
+  if (!file) return false;
+  const auto length = ::read(file.get(), text.data(), text.size());
+  if (length <= 0) return false;
+  // "1234 (name) S ...", proc(5)
+  const std::string_view line(text.data(), static_cast<std::size_t>(length));
+  const auto nameEnd = line.rfind(") ");
+  return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
+}
+
+}  // namespace
+
+constinit thread_local WorkerPool::Worker* WorkerPool::currentWorker_ = nullptr;
+
+void WorkerPool::ReadyTasks::push(Task& task) {
+  List& list = lists_[task.level_];
+  task.next_ = nullptr;
+  if (list.tail != nullptr) {
+    list.tail->next_ = &task;
+  } else {
+    list.head = &task;
+    occupied_[task.level_ / 64] |= std::uint64_t{1} << (task.level_ % 64);
+  }
+  list.tail = &task;
+}
+
+WorkerPool::Task& WorkerPool::ReadyTasks::pop(std::size_t level) {
+  List& list = lists_[level];
+  Task& task = *list.head;
+  list.head = task.next_;
+  if (list.head == nullptr) {
+    list.tail = nullptr;
+    occupied_[level / 64] &= ~(std::uint64_t{1} << (level % 64));
+  }
+  return task;
+}
+
+WorkerPool::Task* WorkerPool::ReadyTasks::mostUrgent() const {
+  for (std::size_t word = 0; word < occupied_.size(); ++word) {
+    if (occupied_[word] == 0) continue;
+    return lists_[word * 64 + static_cast<std::size_t>(std::countr_zero(occupied_[word]))].head;
+  }
+  return nullptr;
+}
+
+WorkerPool::Task* WorkerPool::ReadyTasks::oldest() const {
+  Task* oldest = nullptr;
+  for (std::size_t word = 0; word < occupied_.size(); ++word) {
+    for (std::uint64_t rest = occupied_[word]; rest != 0; rest &= rest - 1) {
+      Task* head = lists_[word * 64 + static_cast<std::size_t>(std::countr_zero(rest))].head;
+      if (oldest == nullptr || head->sequence_ < oldest->sequence_) oldest = head;
+    }
+  }
+  return oldest;
+}
+
+WorkerPool& WorkerPool::shared() {
+  static WorkerPool& pool = *new WorkerPool;
+  return pool;
+}
+
+WorkerPool::WorkerPool()
+    : processors_(std::max(1U, std::thread::hardware_concurrency())),
+      boundedLimit_(std::max(kBoundedWorkers, kBoundedWorkersPerProcessor * processors_)),
+      monitorTimer_(makeTimer()),
+      target_(processors_) {
+  if (!startProcessThread("qm.monitor", [this] { monitorMain(); }))
+    endProcess("no thread for the workers' monitor");
+}
+
+void WorkerPool::submit(Task& task, Wake wake) {
+  requireNoForkedChild("a queue was used");
+  Followup followup;
+  {
+    const MutexLock lock(mutex_);
+    push(task);
+    Worker* const self = currentWorker_;
+    const bool wakes = active_ < target_ && canActivate() && (!task.bounded_ || boundedAllowed());
+    const bool defers = wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake;
+    if (defers) self->owesWake = true;
+    if (wakes && !defers) {
+      followup.startWorker = activate();
+    } else {
+      followup.armMonitor = wantsMonitor();
+    }
+  }
+  followUp(followup);
+}
+
+void WorkerPool::resubmit(Task& task) {
+  willBlock();
+  const MutexLock lock(mutex_);
+  push(task);
+}
+
+void WorkerPool::willBlock() {
+  Worker* const self = currentWorker_;
+  if (self == nullptr || !self->owesWake) return;
+  self->owesWake = false;
+  Followup followup;
+  {
+    const MutexLock lock(mutex_);
+    if (oldestRunnable() == nullptr) return;
+    if (active_ < target_ && canActivate()) followup.startWorker = activate();
+  }
+  followUp(followup);
+}
+
+WorkerPool::Statistics WorkerPool::statistics() const {
+  const MutexLock lock(mutex_);
+  return {workers_, idle_.size(), runningBounded_, waiting_.load(std::memory_order_relaxed)};
+}
+
+void WorkerPool::setIdleTime(std::chrono::milliseconds time) {
+  const MutexLock lock(mutex_);
+  idleTime_ = time;
+  for (Worker* const worker : idle_) worker->wakeUp.notifyOne();  // to look at the time again
+}
+
+void WorkerPool::push(Task& task) {
+  task.sequence_ = nextSequence_++;
+  task.tick_ = tick_;
+  (task.bounded_ ? bounded_ : unbounded_).push(task);
+  waiting_.store(waiting_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+WorkerPool::Task* WorkerPool::takeNext() {
+  const bool oldestFirst = ++picks_ % kPicksPerOldest == 0;
+  Task* candidate = oldestFirst ? unbounded_.oldest() : unbounded_.mostUrgent();
+  if (boundedAllowed()) {
+    Task* const other = oldestFirst ? bounded_.oldest() : bounded_.mostUrgent();
+    const auto rank = [oldestFirst](const Task& task) {
+      return std::pair(oldestFirst ? 0 : task.level_, task.sequence_);
+    };
+    if (other != nullptr && (candidate == nullptr || rank(*other) < rank(*candidate))) candidate = other;
+  }
+  if (candidate == nullptr) return nullptr;
+  waiting_.store(waiting_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+  return &(candidate->bounded_ ? bounded_ : unbounded_).pop(candidate->level_);
+}
+
+WorkerPool::Task* WorkerPool::oldestRunnable() const {
+  Task* const unbounded = unbounded_.oldest();
+  Task* const bounded = boundedAllowed() ? bounded_.oldest() : nullptr;
+  if (unbounded == nullptr || bounded == nullptr) return unbounded != nullptr ? unbounded : bounded;
+  return unbounded->sequence_ < bounded->sequence_ ? unbounded : bounded;
+}
+
+bool WorkerPool::canActivate() const {
+  return !idle_.empty() || workers_ < kMaximumWorkers;
+}
+
+bool WorkerPool::activate() {
+  ++active_;
+  if (idle_.empty()) {
+    ++workers_;
+    return true;
+  }
+  Worker& worker = *idle_.back();
+  idle_.pop_back();
+  worker.woken = true;
+  worker.wakeUp.notifyOne();
+  return false;
+}
+
+bool WorkerPool::wantsMonitor() {
+  if (monitorArmed_ || (unbounded_.empty() && (bounded_.empty() || !boundedAllowed()))) return false;
+  monitorArmed_ = true;
+  return true;
+}
+
+void WorkerPool::followUp(Followup followup) {
+  if (followup.startWorker) startWorker();
+  if (followup.armMonitor) armMonitor();
+}
+
+void WorkerPool::startWorker() {
+  if (startProcessThread("qm.worker", [this] { workerMain(); })) return;
+  // The other workers, and the monitor's next attempt, take care of the work.
+  bool arm = false;
+  {
+    const MutexLock lock(mutex_);
+    --workers_;
+    --active_;
+    arm = wantsMonitor();
+  }
+  if (arm) armMonitor();
+}
+
+void WorkerPool::workerMain() {
+  Worker self;
+  currentWorker_ = &self;
+  const ::pid_t thread = ::gettid();
+  MutexLock lock(mutex_);
+  threads_.push_back(thread);
+  for (;;) {
+    self.owesWake = false;
+    Task* const task = takeNext();
+    if (task == nullptr) {
+      if (waitForWork(self, lock)) continue;
+      std::erase(threads_, thread);
+      return;
+    }
+    const bool bounded = task->bounded_;
+    if (bounded) ++runningBounded_;
+    const bool arm = wantsMonitor();
+    lock.unlock();
+    if (arm) armMonitor();
+    task->run();
+    lock.lock();
+    if (bounded) --runningBounded_;
+  }
+}
+
+bool WorkerPool::waitForWork(Worker& self, MutexLock& lock) {
+  --active_;
+  idle_.push_back(&self);
+  const auto since = std::chrono::steady_clock::now();
+  while (!self.woken) {
+    const auto deadline = since + idleTime_;
+    if (self.wakeUp.waitUntil(lock, deadline) || self.woken) continue;
+    std::erase(idle_, &self);
+    --workers_;
+    target_ = std::max(processors_, std::min(target_, workers_));
+    return false;
+  }
+  self.woken = false;
+  return true;
+}
+
+void WorkerPool::monitorMain() {
+  for (;;) {
+    std::uint64_t expirations = 0;
+    if (::read(monitorTimer_, &expirations, sizeof expirations) < 0) {
+      if (errno == EINTR) continue;
+      endProcess("the workers' timer failed: ", std::strerror(errno));
+    }
+    MutexLock lock(mutex_);
+    ++tick_;
+    if (needsCount()) {
+      const std::vector<::pid_t> threads = threads_;
+      lock.unlock();
+      const std::size_t runnable = countRunnable(threads);
+      lock.lock();
+      runnable_ = runnable;
+      countedAt_ = tick_;
+    }
+    const Followup followup = monitorTick();
+    lock.unlock();
+    followUp(followup);
+  }
+}
+
+// Whether a waiting task may have a worker beyond the target depends on what the others do.
+bool WorkerPool::needsCount() const {
+  const Task* const oldest = oldestRunnable();
+  if (oldest == nullptr || active_ < target_ || tick_ - oldest->tick_ < kTicksBeforeGrowth) return false;
+  return !saturated() || tick_ - countedAt_ >= kTicksBetweenCountsWhenSaturated;
+}
+
+// No further than it matters.
+std::size_t WorkerPool::countRunnable(const std::vector<::pid_t>& threads) const {
+  std::size_t runnable = 0;
+  for (const ::pid_t thread : threads) {
+    if (isRunnable(thread) && ++runnable == kSaturatedWorkersPerProcessor * processors_) break;
+  }
+  return runnable;
+}
+
+void WorkerPool::armMonitor() const {
+  ::itimerspec when{};
+  when.it_value.tv_nsec = kTick.count();
+  ::timerfd_settime(monitorTimer_, 0, &when, nullptr);
+}
+
+WorkerPool::Followup WorkerPool::monitorTick() {
+  const Task* const oldest = oldestRunnable();
+  if (oldest == nullptr) {
+    monitorArmed_ = false;
+    runnable_ = 0;
+    return {};
+  }
+  Followup followup{.startWorker = false, .armMonitor = true};
+  if (!canActivate()) return followup;
+  if (active_ < target_) {
+    if (tick_ - oldest->tick_ >= kTicksBeforeDeferredWake) followup.startWorker = activate();
+  } else if (shouldGrow(*oldest)) {
+    followup.startWorker = activate();
+    lastGrowth_ = tick_;
+    target_ = saturated() ? processors_ : active_;
+  }
+  return followup;
+}
+
+bool WorkerPool::shouldGrow(const Task& oldest) const {
+  const std::uint64_t age = tick_ - oldest.tick_;
+  if (!saturated() || !oldest.bounded_) return age >= kTicksBeforeGrowth;
+  return age >= kTicksBeforeSaturatedGrowth && tick_ - lastGrowth_ >= kTicksBeforeSaturatedGrowth &&
+         runnable_ < kSaturatedWorkersPerProcessor * processors_;
+}
+
+}  // namespace qm

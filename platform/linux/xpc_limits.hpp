@@ -1,0 +1,43 @@
+// What one peer may cost the process. Whoever breaks one of the first group is disconnected with a log line;
+// at one of the second group the socket is left unread until there is room again. docs/wire.md has the same
+// numbers.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace qm::xpc {
+
+// The body of one frame, in bytes.
+inline constexpr std::size_t kMaximumBodyBytes = 4 * 1024 * 1024;
+// Arrays and dictionaries inside each other, the message itself included.
+inline constexpr std::size_t kMaximumDepth = 64;
+// Values in one message, containers included. A value takes some 100 bytes of memory, however short it is on
+// the wire.
+inline constexpr std::size_t kMaximumValues = 65536;
+// Descriptors and endpoints of one message together.
+inline constexpr std::size_t kMaximumDescriptors = 16;
+// Bytes waiting for a peer that does not read.
+inline constexpr std::size_t kMaximumQueuedBytes = 16 * 1024 * 1024;
+// The descriptors among those: each stays open here until it has left.
+inline constexpr std::size_t kMaximumQueuedDescriptors = 1024;
+// From the listener's nonce to the client's answer.
+inline constexpr std::chrono::seconds kHelloDeadline{10};
+// From the first byte of a frame to its last, as long as the socket is read.
+inline constexpr std::chrono::seconds kFrameDeadline{30};
+
+// Requests without a reply and messages whose handler has not returned, of one peer.
+inline constexpr std::size_t kMaximumHeldMessages = 1024;
+// The bytes of those.
+inline constexpr std::size_t kMaximumHeldBytes = 16 * 1024 * 1024;
+// The descriptors of those.
+inline constexpr std::size_t kMaximumHeldDescriptors = 1024;
+// Peers of one listener that are neither admitted nor refused; further ones wait in the kernel.
+inline constexpr std::size_t kMaximumUndecidedPeers = 64;
+inline constexpr int kListenBacklog = 128;
+
+// How long to wait when the system is out of descriptors or buffers before it is tried again.
+inline constexpr std::chrono::milliseconds kAcceptPause{100};
+inline constexpr std::chrono::milliseconds kSendPause{10};
+
+}  // namespace qm::xpc

@@ -1,0 +1,113 @@
+#include "platform/file_io.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+#include "platform/file_handle.hpp"
+#include "support/child_process.hpp"
+#include "support/scratch_folder.hpp"
+
+namespace qm {
+namespace {
+
+TEST(FileStatus, OfADescriptorThatIsNoneIsAnError) {
+  FileStatus status;
+  // The one that means the working folder to the system among them.
+  for (const int bad : {-1, AT_FDCWD, 1'000'000}) {
+    EXPECT_FALSE(statDescriptor(bad, status));
+    EXPECT_EQ(errno, EBADF);
+  }
+}
+
+TEST(OpenForReading, DoesNotWaitForTheWriterOfAFIFO) {
+  const test::ScratchFolder folder;
+  ASSERT_EQ(::mkfifo(folder.path("fifo").c_str(), 0600), 0);
+  const FileDescriptor fifo = openForReading(folder.path("fifo").c_str());
+  ASSERT_TRUE(fifo);
+  char byte = 0;
+  EXPECT_EQ(readAt(fifo.get(), &byte, 1, 0), -1);
+  EXPECT_EQ(errno, ESPIPE);
+}
+
+TEST(ReadTextFile, ContentAndErrors) {
+  const test::ScratchFolder folder;
+  const std::string large(100'000, 'x');
+  EXPECT_EQ(readTextFile(folder.write("bom", "\xef\xbb\xbf" + large)), large);
+  const std::pair<std::string, std::int64_t> failures[] = {
+      {folder.path("missing"), 260},
+      {folder.path(std::string(300, 'n')), 258},
+      {folder.path(), 256},
+      {folder.write("latin1", "caf\xe9"), 261},
+      {"/dev/zero", 263},
+  };
+  for (const auto& [path, code] : failures) {
+    SCOPED_TRACE(path);
+    ErrorPtr error;
+    EXPECT_EQ(readTextFile(path, &error), std::nullopt);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), code);
+  }
+}
+
+std::string processPathText(std::int32_t pid) {
+  std::array<char, 4096> buffer{};
+  errno = 0;
+  const int length = processPath(pid, buffer.data(), buffer.size());
+  return length > 0 ? std::string(buffer.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+TEST(ProcessPath, TellsWhatRunsFromWhatWasDeletedAndWhatEnded) {
+  const test::ScratchFolder folder;
+  const std::string odd = folder.path("cat (deleted)");
+  const std::string plain = folder.path("cat");
+  std::filesystem::copy_file("/bin/cat", odd);
+  std::filesystem::copy_file("/bin/cat", plain);
+  test::ChildProcess oddlyNamed({odd});
+  test::ChildProcess deleted({plain});
+  std::filesystem::remove(plain);
+  EXPECT_EQ(processPathText(oddlyNamed.pid()), odd);
+  // The system now reports the very name of the other file for it.
+  EXPECT_EQ(processPathText(deleted.pid()), "");
+  EXPECT_EQ(errno, ENOENT);
+  oddlyNamed.closeInput();
+  oddlyNamed.waitUntilEnded();
+  for (const std::int32_t missing : {oddlyNamed.pid(), 0, -1, 2'147'483'647}) {
+    EXPECT_EQ(processPathText(missing), "");
+    EXPECT_EQ(errno, ESRCH);
+  }
+}
+
+TEST(FileHandle, OwnsItsDescriptorWhenToldAndReadsFromWhereItWasSought) {
+  const test::ScratchFolder folder;
+  FileDescriptor file = openForReading(folder.write("f", "0123456789").c_str());
+  FileStatus status;
+  { const FileHandle borrowed(file.get(), false); }
+  ASSERT_TRUE(statDescriptor(file.get(), status));
+  const int number = file.get();
+  {
+    FileHandle owner(file.release(), true);
+    EXPECT_TRUE(owner.seekToOffset(8));
+    EXPECT_EQ(owner.readDataUpToLength(SIZE_MAX), Data("89", 2));
+    EXPECT_TRUE(owner.seekToOffset(1'000'000));
+    EXPECT_EQ(owner.readDataUpToLength(4), Data());
+  }
+  EXPECT_FALSE(statDescriptor(number, status));
+}
+
+TEST(FileHandle, FailsOnFoldersAndClosedDescriptors) {
+  const FileDescriptor folder = openForReading("/");
+  ErrorPtr error;
+  EXPECT_EQ(FileHandle(folder.get(), false).readDataUpToLength(1, &error), std::nullopt);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), 256);
+  EXPECT_THROW(FileHandle(-1, false).readDataUpToLength(1), FileHandleOperationException);
+}
+
+}  // namespace
+}  // namespace qm

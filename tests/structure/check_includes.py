@@ -1,0 +1,145 @@
+#!/usr/bin/env python3
+"""Checks what each source may include: the floors of the house, and where system and library headers may stand.
+
+usage: check_includes.py SOURCE_ROOT
+
+Prints every violation as FILE:LINE: what is wrong, and exits with 1 when there is one, with 2 when there is nothing
+to check.
+"""
+
+import pathlib
+import re
+import sys
+
+SUFFIXES = {".c", ".cpp", ".hpp", ".h", ".mm"}
+FOUNDATION = ["foundation"]
+SEAM = ["foundation", "platform"]
+LOGIC = SEAM + ["filefacts", "settings", "validation"]
+REPUTATION = LOGIC + ["reputation"]
+# Programs of their own, which may also use a platform's implementation directly.
+STAND_ALONE = REPUTATION + ["reputation/backends", "client", "companions", "platform/linux", "platform/darwin"]
+
+# Floor -> the folders it may include from besides itself. A folder stands for its own files; "platform" is the seam
+# only, without the implementations below it. The longest matching floor counts.
+FLOORS = {
+    "foundation": [],
+    "platform": FOUNDATION,
+    "platform/linux": SEAM,
+    "platform/darwin": SEAM,
+    "filefacts": SEAM,
+    "settings": SEAM,
+    "validation": SEAM,
+    "reputation": LOGIC,
+    "reputation/backends": REPUTATION,
+    "daemon": REPUTATION + ["reputation/backends"],
+    "client": SEAM,
+    "companions": STAND_ALONE,
+    "tools": STAND_ALONE,
+}
+# A single header of another floor that a floor may include all the same: header by its path -> floors.
+EXCEPTIONS = {"settings/QMRNamespace.hpp": ["filefacts"]}
+
+# Only the C++ standard library may be included from outside the project here.
+STANDARD_ONLY = {
+    "foundation", "platform", "filefacts", "settings", "validation", "reputation", "reputation/backends", "daemon",
+    "client",
+}
+# Not bound by the floors: they test, measure and fuzz every one.
+FREE = {"tests", "bench", "fuzz"}
+
+# Unlike the standard library's, the headers of the system and of other libraries have a suffix or a folder.
+STANDARD_HEADER = re.compile("[a-z_]+")
+
+INCLUDE = re.compile(r'^\s*#\s*(?:include|include_next|import)\s*(?:<([^>]+)>|"([^"]+)"|(\S+))')
+
+
+def floor_of(path):
+    """The floor a file of the project (path relative to the root) belongs to; None outside of all."""
+    for folder in path.parents:
+        name = folder.as_posix()
+        if name in FLOORS or name in FREE:
+            return name
+    return None
+
+
+def includes_of(text):
+    """Line number, name and whether it stands in angle brackets; a name of None is one made by a macro."""
+    without_comments = re.sub(r"/\*.*?\*/", lambda match: "\n" * match.group().count("\n"), text, flags=re.DOTALL)
+    for number, line in enumerate(without_comments.splitlines(), 1):
+        found = INCLUDE.match(line)
+        if found:
+            yield number, found.group(1) or found.group(2), found.group(1) is not None
+
+
+def resolve(root, source, name):
+    """The project file that the include names, relative to the root; None when it is not one of the project."""
+    for candidate in (root / name, (root / source).parent / name):
+        if candidate.is_file():
+            inside = candidate.resolve()
+            if inside.is_relative_to(root):
+                return inside.relative_to(root)
+    return None
+
+
+def wrong_project_include(floor, target):
+    target_floor = floor_of(target)
+    if target_floor is None or target_floor in FREE:
+        return f"{target.as_posix()} does not belong to a floor"
+    if target_floor == floor or target_floor in FLOORS[floor]:
+        return None
+    if floor in EXCEPTIONS.get(target.as_posix(), []):
+        return None
+    return f"{floor}/ may not include {target.as_posix()} ({target_floor}/)"
+
+
+def wrong_include(root, source, floor, name, angled):
+    if name is None:
+        return "an include must name its header"
+    target = None if angled else resolve(root, source, name)
+    if target is not None:
+        return wrong_project_include(floor, target)
+    # A header of the project in angle brackets, or one that does not exist (yet): judged by its name all the same.
+    named = pathlib.PurePosixPath(name)
+    if "/" in name and floor_of(named) is not None:
+        return wrong_project_include(floor, named)
+    if floor in STANDARD_ONLY and not STANDARD_HEADER.fullmatch(name):
+        return f"{floor}/ may include standard C++ headers only, not {name}"
+    return None
+
+
+def violations(root):
+    """All violations below the root, and how many files were looked at."""
+    found = []
+    count = 0
+    tops = sorted({floor.split("/")[0] for floor in FLOORS})
+    for top in tops:
+        for path in sorted((root / top).rglob("*")):
+            source = path.relative_to(root)
+            if path.suffix not in SUFFIXES or not path.is_file():
+                continue
+            count += 1
+            floor = floor_of(source)
+            text = path.read_text(encoding="utf-8", errors="replace")
+            for number, name, angled in includes_of(text):
+                problem = wrong_include(root, source, floor, name, angled)
+                if problem:
+                    found.append(f"{source.as_posix()}:{number}: {problem}")
+    return found, count
+
+
+def main():
+    if len(sys.argv) != 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    found, count = violations(pathlib.Path(sys.argv[1]).resolve())
+    for line in found:
+        print(line)
+    if count == 0:
+        print("no sources to check", file=sys.stderr)
+        return 2
+    print(f"{count} files, {len(found)} violations")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
