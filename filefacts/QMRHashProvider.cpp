@@ -1,0 +1,196 @@
+#include "filefacts/QMRHashProvider.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "filefacts/hash_cache.hpp"
+#include "foundation/log.hpp"
+#include "platform/digest.hpp"
+#include "platform/file_io.hpp"
+#include "platform/read_buffer.hpp"
+
+namespace {
+
+constexpr std::size_t kHashCacheCountLimit = 1024;
+
+enum class ErrorCode : std::int64_t {
+  readFailed = 100,
+  sizeMismatch = 101,
+  openFailed = 102,
+  statFailed = 103,
+  fileTooBig = 104,
+};
+
+qm::Log& hashProviderLog() {
+  static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "QMRHashProvider");
+  return log;
+}
+
+qm::ErrorPtr makeProviderError(ErrorCode code) {
+  return qm::makeError(QMRHashProviderErrorDomain, static_cast<std::int64_t>(code));
+}
+
+qm::ErrorPtr makeProviderError(ErrorCode code, int errnoValue) {
+  return qm::makeError(QMRHashProviderErrorDomain, static_cast<std::int64_t>(code), {{"errno", errnoValue}});
+}
+
+std::string errnoText(int errnoValue) {
+  return std::generic_category().message(errnoValue);
+}
+
+template <class Digest>
+qm::Data dataOf(const Digest& digest) {
+  return qm::Data(digest.data(), digest.size());
+}
+
+// One reading of a file: what was read, and how it ended.
+struct FileReading {
+  qm::FileDigests digests;
+  std::optional<qm::Data> magicBytes;
+  std::int64_t byteCount = 0;
+  bool failed = false;
+  int errnoValue = 0;
+};
+
+void readAndHash(int descriptor, const qm::ReadBuffer& buffer, FileReading& reading) {
+  qm::Log& log = hashProviderLog();
+  // Past the largest size that is accepted the announced one cannot be met any more.
+  while (reading.byteCount <= static_cast<std::int64_t>(kMaxFileSizeForHashing)) {
+    const std::int64_t count = qm::readAt(descriptor, buffer.bytes(), buffer.size(), reading.byteCount);
+    if (count <= 0) {
+      reading.failed = count < 0;
+      reading.errnoValue = errno;
+      return;
+    }
+    const auto length = static_cast<std::size_t>(count);
+    if (!reading.magicBytes)
+      reading.magicBytes = qm::Data(buffer.bytes(), std::min<std::size_t>(length, kMagicBytesLength));
+    reading.digests.update(buffer.bytes(), length);
+    QM_LOG_DEBUG(log, "Read and hashed %zd bytes", count);
+    reading.byteCount += count;
+  }
+}
+
+std::shared_ptr<QMRHashCacheEntry> makeEntry(FileReading& reading) {
+  qm::SHA1Value sha1{};
+  qm::SHA256Value sha256{};
+  reading.digests.finish(sha1, sha256);
+  auto entry = std::make_shared<QMRHashCacheEntry>();
+  entry->setSha1(dataOf(sha1));
+  entry->setSha256(dataOf(sha256));
+  entry->setMagicBytes(reading.magicBytes ? std::move(*reading.magicBytes) : qm::Data());
+  return entry;
+}
+
+}  // namespace
+
+QMRHashProvider::QMRHashProvider() : hashCache_(std::make_unique<qm::HashCache>(kHashCacheCountLimit)) {}
+QMRHashProvider::~QMRHashProvider() = default;
+
+std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescriptor(int descriptor,
+                                                                                    std::uint64_t fileSize,
+                                                                                    qm::ErrorPtr* error) {
+  qm::Log& log = hashProviderLog();
+  QM_LOG_DEBUG(log, "Calculating hashes from file descriptor %d of size %zu", descriptor, fileSize);
+  if (fileSize > kMaxFileSizeForHashing) {
+    qm::setError(error, makeProviderError(ErrorCode::fileTooBig));
+    QM_LOG_ERROR(log, "Error: file too big (%zu bytes) for hashing", fileSize);
+    return nullptr;
+  }
+  const auto expectedSize = static_cast<std::int64_t>(fileSize);
+  const qm::ReadBuffer buffer(static_cast<std::size_t>(std::min(fileSize, kHashBufferMaxSize)));
+  if (!buffer) {
+    // Deliberately, the caller's error stays as it is.
+    QM_LOG_ERROR(log, "Error allocating buffer of %zd bytes: %s", expectedSize, errnoText(errno));
+    return nullptr;
+  }
+  FileReading reading;
+  readAndHash(descriptor, buffer, reading);
+  if (reading.failed) {
+    QM_LOG_ERROR(log, "Error reading from file descriptor (errno=%d): %s", reading.errnoValue,
+                 errnoText(reading.errnoValue));
+    qm::setError(error, makeProviderError(ErrorCode::readFailed, reading.errnoValue));
+    return nullptr;
+  }
+  if (reading.byteCount != expectedSize) {
+    QM_LOG_ERROR(log, "Read byte count %zd does not match expected size %zd, file may have been truncated",
+                 reading.byteCount, expectedSize);
+    qm::setError(error, makeProviderError(ErrorCode::sizeMismatch));
+    return nullptr;
+  }
+  std::shared_ptr<QMRHashCacheEntry> entry = makeEntry(reading);
+  QM_LOG_DEBUG(log, "Read %zd bytes & calculated hashes %@", expectedSize, entry);
+  return entry;
+}
+
+std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForPath(const std::string& path,
+                                                                          qm::ErrorPtr* error) {
+  QM_LOG_DEBUG(hashProviderLog(), "Calculating hashes for %@", path);
+  const qm::FileDescriptor file = qm::openForReading(path.c_str());
+  if (!file) {
+    qm::setError(error, makeProviderError(ErrorCode::openFailed, errno));
+    return nullptr;
+  }
+  qm::FileStatus status;
+  if (!qm::statDescriptor(file.get(), status)) {
+    qm::setError(error, makeProviderError(ErrorCode::statFailed, errno));
+    return nullptr;
+  }
+  return generateHashesForFiledescriptor(file.get(), static_cast<std::uint64_t>(status.size), error);
+}
+
+std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForBuffer(const void* bytes,
+                                                                            std::size_t length) {
+  auto entry = std::make_shared<QMRHashCacheEntry>();
+  entry->setSha1(dataOf(qm::sha1(bytes, length)));
+  entry->setSha256(dataOf(qm::sha256(bytes, length)));
+  return entry;
+}
+
+std::string QMRHashProvider::sha1StringForBuffer(const std::uint8_t* digest) {
+  return hexStringForBytes(digest, qm::SHA1Value().size());
+}
+
+std::string QMRHashProvider::sha256StringForBuffer(const std::uint8_t* digest) {
+  return hexStringForBytes(digest, qm::SHA256Value().size());
+}
+
+std::string QMRHashProvider::hexStringForBytes(const std::uint8_t* bytes, std::size_t size) {
+  if (bytes == nullptr) {
+    QM_LOG_ERROR(hashProviderLog(), "Invalid hash buffer received");
+    return {};
+  }
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * size);
+  for (std::size_t i = 0; i < size; ++i) {
+    text.push_back(kDigits[bytes[i] >> 4]);
+    text.push_back(kDigits[bytes[i] & 0x0F]);
+  }
+  return text;
+}
+
+std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::hashesForPath(const std::string& path,
+                                                                  qm::ErrorPtr* error) {
+  if (std::shared_ptr<QMRHashCacheEntry> cached = hashCache_->entryForPath(path)) {
+    QM_LOG_DEBUG(hashProviderLog(), "Providing cached hashes for %@", path);
+    return cached;
+  }
+  std::shared_ptr<QMRHashCacheEntry> entry = generateHashesForPath(path, error);
+  if (entry != nullptr) hashCache_->setEntry(path, entry);
+  return entry;
+}
+
+void QMRHashProvider::invalidateHashesForPath(const std::string& path) {
+  hashCache_->removeEntryForPath(path);
+}
+
+std::string QMRHashProvider::description() const {
+  char text[64];
+  std::snprintf(text, sizeof text, "<QMRHashProvider: %p>", static_cast<const void*>(this));
+  return text;
+}
