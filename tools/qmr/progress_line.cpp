@@ -1,0 +1,37 @@
+#include "tools/qmr/progress_line.hpp"
+
+#include "foundation/utf8.hpp"
+#include "tools/qmr/display_text.hpp"
+
+namespace qm::qmr {
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawInterval{100};
+
+// The first so many code points of a text without control characters.
+std::string firstColumns(const std::string& text, std::size_t columns) {
+  std::size_t position = 0;
+  while (position < text.size() && columns-- > 0) position += decodeUTF8(text, position).length;
+  return text.substr(0, position);
+}
+
+}  // namespace
+
+void ProgressLine::show(std::size_t answered, std::size_t underWay, const std::string& path) {
+  const auto now = std::chrono::steady_clock::now();
+  if (width_ == 0 || now - drawnAt_ < kRedrawInterval) return;
+  drawnAt_ = now;
+  const std::string text = std::to_string(answered) + " answered, " + std::to_string(underWay) +
+                           " under way  " + displayText(path);
+  // Never the last column: a full line would wrap and could not be taken back.
+  terminal_ << "\r\x1b[K" << firstColumns(text, width_ - 1) << std::flush;
+  shown_ = true;
+}
+
+void ProgressLine::clear() {
+  if (!shown_) return;
+  terminal_ << "\r\x1b[K" << std::flush;
+  shown_ = false;
+}
+
+}  // namespace qm::qmr

@@ -1,0 +1,31 @@
+// One line at the bottom of a terminal that says how far the work is. Made for one thread at a time.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <ostream>
+#include <string>
+
+namespace qm::qmr {
+
+class ProgressLine {
+ public:
+  // Does nothing at all when the width is 0 (no terminal).
+  ProgressLine(std::ostream& terminal, unsigned width) : terminal_(terminal), width_(width) {}
+  ~ProgressLine() { clear(); }
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  // Redrawn at most ten times a second.
+  void show(std::size_t answered, std::size_t underWay, const std::string& path);
+  // Takes it off the terminal, for rows to be written; the next show() draws it again.
+  void clear();
+
+ private:
+  std::ostream& terminal_;
+  const unsigned width_;
+  bool shown_ = false;
+  std::chrono::steady_clock::time_point drawnAt_;
+};
+
+}  // namespace qm::qmr
