@@ -1,0 +1,107 @@
+#include "companions/live_verdict_store.hpp"
+
+#include <utility>
+
+#include "foundation/log.hpp"
+#include "platform/file_io.hpp"
+
+namespace qm {
+
+namespace {
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "skyvaultd");
+  return log;
+}
+
+bool is(const ErrorPtr& error, VerdictStoreError code) {
+  return error != nullptr && error->domain() == kVerdictStoreErrorDomain &&
+         error->code() == static_cast<std::int64_t>(code);
+}
+
+}  // namespace
+
+LiveVerdictStore::LiveVerdictStore(std::string path, Clock::time_point (*now)())
+    : path_(std::move(path)), now_(now) {}
+
+LiveVerdictStore::FileState LiveVerdictStore::fileState() const {
+  FileStatus status;
+  if (!statPath(path_.c_str(), status)) return {};
+  return {true, status.device, status.inode};
+}
+
+// A store that may only be read still answers; nothing new is remembered then.
+std::shared_ptr<VerdictStore> LiveVerdictStore::openStore(ErrorPtr* error) const {
+  std::shared_ptr<VerdictStore> store = VerdictStore::open(path_, VerdictStore::Access::readWrite, error);
+  if (store != nullptr ||
+      (!is(*error, VerdictStoreError::readOnly) && !is(*error, VerdictStoreError::cannotOpen)))
+    return store;
+  store = VerdictStore::open(path_, VerdictStore::Access::readOnly);
+  if (store != nullptr) QM_LOG_ERROR(log(), "The verdict store is only read: %{public}@", *error);
+  return store;
+}
+
+std::shared_ptr<VerdictStore> LiveVerdictStore::current() {
+  const std::lock_guard lock(mutex_);
+  const FileState state = fileState();
+  if (state == opened_) {
+    if (store_ != nullptr) return store_;
+    if (isFailing_ && now_() - lastFailure_ < kRetryInterval) return nullptr;
+  }
+  store_ = nullptr;
+  ErrorPtr error;
+  store_ = openStore(&error);
+  opened_ = fileState();
+  if (store_ == nullptr) noteFailure(error);
+  return store_;
+}
+
+void LiveVerdictStore::noteFailure(const ErrorPtr& error) {
+  lastFailure_ = now_();
+  isFailing_ = true;
+  if (complaint_ == error->localizedDescription()) return;
+  complaint_ = error->localizedDescription();
+  QM_LOG_ERROR(log(), "Answering without the verdict store: %{public}@", complaint_);
+}
+
+void LiveVerdictStore::noteSuccess() {
+  if (!isFailing_.exchange(false)) return;
+  const std::lock_guard lock(mutex_);
+  complaint_.clear();
+  QM_LOG(log(), "The verdict store %{public}@ is in use again", path_);
+}
+
+void LiveVerdictStore::abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error) {
+  const std::lock_guard lock(mutex_);
+  if (store_ != store) return;
+  store_ = nullptr;
+  noteFailure(error);
+}
+
+bool LiveVerdictStore::find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict) {
+  verdict = std::nullopt;
+  const std::shared_ptr<VerdictStore> store = current();
+  if (store == nullptr) return false;
+  ErrorPtr error;
+  verdict = store->find(sha256, &error);
+  if (error == nullptr) {
+    noteSuccess();
+    return true;
+  }
+  abandon(store, error);
+  return false;
+}
+
+StoredVerdict LiveVerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found) {
+  const std::shared_ptr<VerdictStore> store = current();
+  if (store == nullptr) return found;
+  ErrorPtr error;
+  if (std::optional<StoredVerdict> inForce = store->remember(sha256, found, &error))
+    return std::move(*inForce);
+  QM_LOG_ERROR(log(), "An analysis could not be remembered: %{public}@", error);
+  // A full disk or another program's long change does not keep the store from answering.
+  if (is(error, VerdictStoreError::damaged)) abandon(store, error);
+  return found;
+}
+
+}  // namespace qm

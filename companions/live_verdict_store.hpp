@@ -1,0 +1,65 @@
+// The Skyvault agent's hold on the verdict store: opens it, notices when its file is replaced, and carries on
+// without it when it cannot be used, trying again now and then. What is wrong stands in the log once, not
+// with every question.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "companions/verdict_store.hpp"
+#include "platform/digest.hpp"
+
+namespace qm {
+
+// Any thread.
+class LiveVerdictStore {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // After a failure the store is looked at again when its file is another one or when this time has passed.
+  static constexpr std::chrono::seconds kRetryInterval{10};
+
+  // The time is asked of `now`, for tests.
+  explicit LiveVerdictStore(std::string path, Clock::time_point (*now)() = Clock::now);
+
+  // Opens it now rather than with the first question. False when it cannot be used.
+  bool open() { return current() != nullptr; }
+
+  // False when the store cannot be used; the verdict is empty then.
+  bool find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict);
+  // Keeps what an analysis found unless a person said otherwise, and returns the verdict in force: what was
+  // found when it could not be kept.
+  StoredVerdict remember(const SHA256Value& sha256, const StoredVerdict& found);
+
+ private:
+  // The file behind the path: another one when any of this differs.
+  struct FileState {
+    bool exists = false;
+    std::int32_t device = 0;
+    std::uint64_t inode = 0;
+    friend bool operator==(const FileState&, const FileState&) = default;
+  };
+
+  FileState fileState() const;
+  std::shared_ptr<VerdictStore> current();
+  std::shared_ptr<VerdictStore> openStore(ErrorPtr* error) const;
+  // The store is given up until it is looked at again.
+  void abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error);
+  void noteFailure(const ErrorPtr& error);  // with the mutex held
+  void noteSuccess();
+
+  const std::string path_;
+  Clock::time_point (*const now_)();
+  std::mutex mutex_;
+  std::shared_ptr<VerdictStore> store_;
+  FileState opened_;               // what store_ has open, or what failed
+  Clock::time_point lastFailure_;  // when store_ is null
+  std::string complaint_;          // what the log says about the failure that lasts
+  std::atomic<bool> isFailing_ = false;
+};
+
+}  // namespace qm

@@ -1,0 +1,252 @@
+#include "companions/sample_rules.hpp"
+
+#include <yara.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "foundation/log.hpp"
+#include "foundation/strings.hpp"
+#include "platform/file_io.hpp"
+#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+
+namespace qm {
+
+namespace {
+
+constexpr std::uintmax_t kMaximumRuleFileSize = 4 << 20;
+
+// The verdicts a rule may give, the worst first.
+constexpr std::array<std::string_view, 3> kRuleVerdicts = {SVKSkyvaultSafetyVerdictValueMalicious,
+                                                           SVKSkyvaultSafetyVerdictValueUnwanted,
+                                                           SVKSkyvaultSafetyVerdictValuePU};
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "SampleRules");
+  return log;
+}
+
+void fail(ErrorPtr* error, SampleRulesError code, std::string text) {
+  setError(error, makeError(kSampleRulesErrorDomain, static_cast<std::int64_t>(code),
+                            {{kLocalizedDescriptionKey, std::move(text)}}));
+}
+
+// The library keeps process-wide tables; it is started once and never stopped, since scans may still run at
+// exit.
+int libraryStatus() {
+  static const int status = yr_initialize();
+  return status;
+}
+
+struct DestroyCompiler {
+  void operator()(YR_COMPILER* compiler) const { yr_compiler_destroy(compiler); }
+};
+struct DestroyRules {
+  void operator()(YR_RULES* rules) const { yr_rules_destroy(rules); }
+};
+struct DestroyScanner {
+  void operator()(YR_SCANNER* scanner) const { yr_scanner_destroy(scanner); }
+};
+using Compiler = std::unique_ptr<YR_COMPILER, DestroyCompiler>;
+using Rules = std::unique_ptr<YR_RULES, DestroyRules>;
+using Scanner = std::unique_ptr<YR_SCANNER, DestroyScanner>;
+
+std::optional<std::string_view> metaText(const YR_RULE* rule, std::string_view key) {
+  const YR_META* meta = nullptr;
+  yr_rule_metas_foreach(rule, meta) {
+    if (meta->type == META_TYPE_STRING && meta->identifier == key) return std::string_view(meta->string);
+  }
+  return std::nullopt;
+}
+
+// The rank of the rule's verdict, the worst 0; kRuleVerdicts.size() when it says none that a rule may give.
+std::size_t verdictRank(const YR_RULE* rule) {
+  const std::string_view verdict = metaText(rule, "verdict").value_or("");
+  return static_cast<std::size_t>(std::find(kRuleVerdicts.begin(), kRuleVerdicts.end(), verdict) -
+                                  kRuleVerdicts.begin());
+}
+
+// The first mistake that the compiler tells of.
+void keepFirstError(int level, const char*, int line, const YR_RULE*, const char* message, void* context) {
+  std::string& text = *static_cast<std::string*>(context);
+  if (level == YARA_ERROR_LEVEL_ERROR && text.empty())
+    text = "line " + std::to_string(line) + ": " + (message == nullptr ? "mistake" : message);
+}
+
+// Compiles the sources together. On a mistake in one of them its index and the reason; the result is null
+// then, and when the library fails.
+struct Attempt {
+  Rules rules;
+  std::optional<std::size_t> mistaken;
+  std::string reason;
+};
+
+Attempt attemptCompile(const std::vector<const SampleRuleSource*>& sources) {
+  Attempt attempt;
+  YR_COMPILER* created = nullptr;
+  if (yr_compiler_create(&created) != ERROR_SUCCESS) return attempt;
+  const Compiler compiler(created);
+  yr_compiler_set_callback(created, keepFirstError, &attempt.reason);
+  yr_compiler_set_include_callback(created, nullptr, nullptr, nullptr);  // no rule file reads another
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    if (sources[i]->text.find('\0') != std::string::npos) {  // the compiler would take the half before it
+      attempt.mistaken = i;
+      attempt.reason = "not a text";
+      return attempt;
+    }
+    if (yr_compiler_add_string(created, sources[i]->text.c_str(), sources[i]->name.c_str()) == 0) continue;
+    attempt.mistaken = i;
+    if (attempt.reason.empty()) attempt.reason = "mistake";
+    return attempt;
+  }
+  YR_RULES* rules = nullptr;
+  if (yr_compiler_get_rules(created, &rules) == ERROR_SUCCESS) attempt.rules.reset(rules);
+  return attempt;
+}
+
+// A rule that could match without saying what that means makes its source a mistaken one.
+void findRuleWithoutVerdict(const std::vector<const SampleRuleSource*>& sources, Attempt& attempt) {
+  const YR_RULE* rule = nullptr;
+  yr_rules_foreach(attempt.rules.get(), rule) {
+    if (RULE_IS_PRIVATE(rule) || verdictRank(rule) < kRuleVerdicts.size()) continue;
+    const auto source = std::find_if(sources.begin(), sources.end(), [&](const SampleRuleSource* each) {
+      return each->name == rule->ns->name;
+    });
+    attempt.mistaken = static_cast<std::size_t>(source - sources.begin());
+    attempt.reason =
+        std::string("rule ") + rule->identifier + " says no verdict of malicious, unwanted or pu";
+    return;
+  }
+}
+
+struct Matches {
+  std::size_t rank = kRuleVerdicts.size();
+  std::string name;
+  bool tooMany = false;
+};
+
+int noteMatch(YR_SCAN_CONTEXT*, int message, void* data, void* context) {
+  Matches& matches = *static_cast<Matches*>(context);
+  if (message == CALLBACK_MSG_TOO_MANY_MATCHES) {
+    matches.tooMany = true;
+    return CALLBACK_CONTINUE;
+  }
+  if (message != CALLBACK_MSG_RULE_MATCHING) return CALLBACK_CONTINUE;
+  const auto* rule = static_cast<const YR_RULE*>(data);
+  const std::size_t rank = verdictRank(rule);
+  if (rank >= matches.rank) return CALLBACK_CONTINUE;
+  matches.rank = rank;
+  matches.name = std::string(metaText(rule, "name").value_or(rule->identifier));
+  return CALLBACK_CONTINUE;
+}
+
+void reject(const std::string& name, const std::string& reason, std::vector<std::string>* rejected) {
+  QM_LOG_ERROR(log(), "Sample rules %{public}@ are left out: %{public}@", name, reason);
+  if (rejected != nullptr) rejected->push_back(name + ": " + reason);
+}
+
+std::vector<std::string> ruleFilesIn(const std::string& folder) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> files;
+  std::error_code failure;
+  for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure))
+    if (entry->path().extension() == ".yar") files.push_back(entry->path().string());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+}  // namespace
+
+struct SampleRules::Compiled {
+  Rules rules;
+};
+
+SampleRules::SampleRules(std::unique_ptr<Compiled> compiled, std::size_t count)
+    : compiled_(std::move(compiled)), count_(count) {}
+
+SampleRules::~SampleRules() = default;
+
+std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<SampleRuleSource>& sources,
+                                                        std::vector<std::string>* rejected, ErrorPtr* error) {
+  if (const int status = libraryStatus(); status != ERROR_SUCCESS) {
+    fail(error, SampleRulesError::failed, "The rule library does not start: " + std::to_string(status) + ".");
+    return nullptr;
+  }
+  std::vector<const SampleRuleSource*> remaining;
+  for (const SampleRuleSource& source : sources) remaining.push_back(&source);
+  // A compiler that met a mistake is of no further use: start anew without the source that had it.
+  for (;;) {
+    Attempt attempt = attemptCompile(remaining);
+    if (attempt.rules != nullptr) findRuleWithoutVerdict(remaining, attempt);
+    if (attempt.mistaken && *attempt.mistaken < remaining.size()) {
+      reject(remaining[*attempt.mistaken]->name, attempt.reason, rejected);
+      remaining.erase(remaining.begin() + static_cast<std::ptrdiff_t>(*attempt.mistaken));
+      continue;
+    }
+    if (attempt.rules == nullptr) {
+      fail(error, SampleRulesError::failed, "The sample rules cannot be compiled.");
+      return nullptr;
+    }
+    std::size_t count = 0;
+    const YR_RULE* rule = nullptr;
+    yr_rules_foreach(attempt.rules.get(), rule) {
+      count += RULE_IS_PRIVATE(rule) ? 0 : 1;
+    }
+    auto compiled = std::make_unique<Compiled>(Compiled{std::move(attempt.rules)});
+    return std::shared_ptr<const SampleRules>(new SampleRules(std::move(compiled), count));
+  }
+}
+
+std::shared_ptr<const SampleRules> SampleRules::compileFolder(const std::string& folder,
+                                                              std::vector<std::string>* rejected,
+                                                              ErrorPtr* error) {
+  std::vector<SampleRuleSource> sources;
+  for (const std::string& file : ruleFilesIn(folder)) {
+    FileStatus status;
+    if (!statPath(file.c_str(), status) || !status.isRegularFile ||
+        static_cast<std::uintmax_t>(status.size) > kMaximumRuleFileSize) {
+      reject(file, "not a regular file of at most 4 MiB", rejected);
+      continue;
+    }
+    ErrorPtr readError;
+    std::optional<std::string> text = readTextFile(file, &readError);
+    if (text)
+      sources.push_back({file, std::move(*text)});
+    else
+      reject(file, readError == nullptr ? "cannot be read" : readError->localizedDescription(), rejected);
+  }
+  return compile(sources, rejected, error);
+}
+
+std::optional<SampleFinding> SampleRules::scan(const void* bytes, std::size_t length,
+                                               std::chrono::seconds limit, ErrorPtr* error) const {
+  YR_SCANNER* created = nullptr;
+  if (yr_scanner_create(compiled_->rules.get(), &created) != ERROR_SUCCESS) {
+    fail(error, SampleRulesError::failed, "No memory for examining a sample.");
+    return std::nullopt;
+  }
+  const Scanner scanner(created);
+  Matches matches;
+  yr_scanner_set_callback(created, noteMatch, &matches);
+  yr_scanner_set_timeout(created, static_cast<int>(std::clamp<std::int64_t>(limit.count(), 1, 86400)));
+  // The memory is ours, so the library needs no handler for bus errors, which would be the process's.
+  yr_scanner_set_flags(created,
+                       SCAN_FLAGS_FAST_MODE | SCAN_FLAGS_NO_TRYCATCH | SCAN_FLAGS_REPORT_RULES_MATCHING);
+  const int status = yr_scanner_scan_mem(created, static_cast<const std::uint8_t*>(bytes), length);
+  // What matched before a failure counts all the same, but "nothing found" needs a scan to the end.
+  if (matches.rank < kRuleVerdicts.size())
+    return SampleFinding{std::string(kRuleVerdicts[matches.rank]), lossyUTF8(matches.name)};
+  if (status == ERROR_SCAN_TIMEOUT)
+    fail(error, SampleRulesError::timedOut, "Examining the sample took too long.");
+  else if (status == ERROR_TOO_MANY_MATCHES || matches.tooMany)
+    fail(error, SampleRulesError::tooManyMatches, "A rule's string occurs too often in the sample.");
+  else if (status != ERROR_SUCCESS)
+    fail(error, SampleRulesError::failed, "Examining the sample failed: " + std::to_string(status) + ".");
+  return std::nullopt;
+}
+
+}  // namespace qm

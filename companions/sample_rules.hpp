@@ -1,0 +1,76 @@
+// The rules that samples are examined with: YARA rule files (https://yara.readthedocs.io), compiled once.
+// Used by the Skyvault agent.
+//
+// A rule says in its meta data what a match means: `verdict` ("malicious", "unwanted" or "pu") and `name`,
+// the infection name (the rule's identifier when there is none). Private rules are helpers and need neither.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/error.hpp"
+
+namespace qm {
+
+inline constexpr const char* kSampleRulesErrorDomain = "com.quillmarsh.SampleRules";
+
+enum class SampleRulesError : std::int64_t {
+  badRules = 1,        // a rule file that cannot be read or compiled, or that says no verdict
+  timedOut = 2,        // the sample took longer than the limit
+  tooManyMatches = 3,  // a string of a rule occurs without end
+  failed = 4,          // anything else, the text says what
+};
+
+// One rule file's text; the name is for messages and keeps equal rule names of two files apart.
+struct SampleRuleSource {
+  std::string name;
+  std::string text;
+};
+
+struct SampleFinding {
+  std::string verdict;  // a safety verdict value
+  std::string infectionName;
+
+  friend bool operator==(const SampleFinding&, const SampleFinding&) = default;
+};
+
+class SampleRules {
+ public:
+  // A source with a mistake is left out, with an error line in the log and, when `rejected` is given, its
+  // name and reason there; the others still count. Null with kSampleRulesErrorDomain only when the rule
+  // library fails as such. No sources make rules that find nothing.
+  static std::shared_ptr<const SampleRules> compile(const std::vector<SampleRuleSource>& sources,
+                                                    std::vector<std::string>* rejected = nullptr,
+                                                    ErrorPtr* error = nullptr);
+  // All *.yar files of the folder, by name; a missing folder has none.
+  static std::shared_ptr<const SampleRules> compileFolder(const std::string& folder,
+                                                          std::vector<std::string>* rejected = nullptr,
+                                                          ErrorPtr* error = nullptr);
+  ~SampleRules();
+  SampleRules(const SampleRules&) = delete;
+  SampleRules& operator=(const SampleRules&) = delete;
+
+  // Rules that can match; private ones are not counted.
+  std::size_t count() const { return count_; }
+
+  // The worst of all matches (malicious before unwanted before pu, then the first in the order of the rules);
+  // nothing when none matches or, with an error set, when the sample was not examined to its end. The bytes
+  // are the caller's own memory and do not change meanwhile. The limit is kept to the second, at least one.
+  // Any thread, also several.
+  std::optional<SampleFinding> scan(const void* bytes, std::size_t length, std::chrono::seconds limit,
+                                    ErrorPtr* error = nullptr) const;
+
+ private:
+  struct Compiled;
+  SampleRules(std::unique_ptr<Compiled> compiled, std::size_t count);
+
+  const std::unique_ptr<Compiled> compiled_;
+  const std::size_t count_;
+};
+
+}  // namespace qm

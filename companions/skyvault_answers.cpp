@@ -1,0 +1,173 @@
+#include "companions/skyvault_answers.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "companions/content_kind.hpp"
+#include "foundation/log.hpp"
+#include "platform/digest.hpp"
+#include "platform/file_io.hpp"
+#include "platform/read_buffer.hpp"
+#include "reputation/backends/skyvault_wire.hpp"
+
+namespace qm {
+
+namespace {
+
+using namespace skyvault;
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "skyvaultd");
+  return log;
+}
+
+std::int64_t currentSeconds() {
+  return Date::now().nanosecondsSince1970 / 1'000'000'000;
+}
+
+// What comes from an analysis is marked as such also when it comes from the store: its "undetected" is no
+// all-clear.
+SVKSkyvaultResponse responseFor(const StoredVerdict& known) {
+  SVKSkyvaultResponse response;
+  response.safetyVerdict = {known.verdict, known.infectionName};
+  response.options = kOptionFromServer | (known.source == kVerdictSourceAnalysis ? kOptionSageSuccess : 0);
+  response.ttl = known.ttl;
+  response.prevalence = known.prevalence;
+  return response;
+}
+
+bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
+  return known.source == kVerdictSourceAnalysis && known.verdict == SVKSkyvaultSafetyVerdictValueUndetected;
+}
+
+enum class ReadOutcome : std::uint8_t { whole, failed, changed };
+
+// Reads what was there when the size was taken. A file that became shorter meanwhile is read as it is now:
+// verdict and hash are of the same bytes whatever happens to the file. One that grew has no end to trust.
+ReadOutcome readWhole(int descriptor, const ReadBuffer& buffer, std::size_t size, std::size_t& length) {
+  length = 0;
+  while (length < buffer.size()) {
+    const std::int64_t count = readAt(descriptor, buffer.bytes() + length, buffer.size() - length,
+                                      static_cast<std::int64_t>(length));
+    if (count < 0) return ReadOutcome::failed;
+    if (count == 0) return ReadOutcome::whole;
+    length += static_cast<std::size_t>(count);
+  }
+  return length > size ? ReadOutcome::changed : ReadOutcome::whole;
+}
+
+}  // namespace
+
+SkyvaultAnswers::SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions options)
+    : options_([&] {
+        if (options.now == nullptr) options.now = currentSeconds;
+        return std::move(options);
+      }()),
+      store_(std::move(storePath)) {}
+
+SVKSkyvaultResponse SkyvaultAnswers::unknown(std::uint64_t options, std::uint32_t ttl) const {
+  SVKSkyvaultResponse response;
+  response.safetyVerdict.value = SVKSkyvaultSafetyVerdictValueUnknown;
+  response.options = kOptionFromServer | options;
+  response.ttl = ttl;
+  return response;
+}
+
+// What passes by itself is not to be kept by anyone: its ttl is 0.
+SVKSkyvaultResponse SkyvaultAnswers::throttled() const {
+  return unknown(kOptionSageThrottled, 0);
+}
+
+SVKSkyvaultResponse SkyvaultAnswers::lookUp(const SHA256Value& sha256) {
+  std::optional<StoredVerdict> known;
+  if (!store_.find(sha256, known)) return unknown(kOptionFailed, 0);
+  return known ? responseFor(*known) : unknown(0, options_.unknownTTL);
+}
+
+bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
+                                  const std::optional<StoredVerdict>& known) const {
+  if (options_.rules == nullptr || options_.rules->count() == 0) return false;
+  if (known) {
+    if (!isFromAnalysisThatFoundNothing(*known)) return false;
+    const std::int64_t age = options_.now() - known->added;
+    if (age >= 0 && age < known->ttl) return false;
+  }
+  const Value* size = find(metadata, "file_size");
+  const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
+  if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
+  return contentKindFromMetadata(metadata) != ContentKind::other;
+}
+
+SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
+  const auto* text = qm::find<std::string>(metadata, "sha256");
+  const std::optional<SHA256Value> sha256 = text == nullptr ? std::nullopt : sha256FromHex(*text);
+  std::optional<StoredVerdict> known;
+  const bool isUsable = !sha256 || store_.find(*sha256, known);
+  SVKSkyvaultResponse response = known      ? responseFor(*known)
+                                 : isUsable ? unknown(0, options_.unknownTTL)
+                                            : unknown(kOptionFailed, 0);
+  if (!wantsSample(metadata, known)) return response;
+  response.options |= mayAskForSample ? kOptionSageUploadRequested : kOptionSageThrottled;
+  if (!mayAskForSample) response.ttl = 0;
+  return response;
+}
+
+std::optional<SVKSkyvaultResponse> SkyvaultAnswers::analyzeSample(int descriptor, ErrorPtr* error) {
+  FileStatus status;
+  if (!statDescriptor(descriptor, status) || !status.isRegularFile) {
+    setError(error, makeError(kErrorDomain, static_cast<std::int64_t>(ErrorCode::unreadableSample),
+                              {{kLocalizedDescriptionKey, "The sample is not a regular file."}}));
+    return std::nullopt;
+  }
+  const SVKSkyvaultResponse failure = unknown(kOptionSageFailed | kOptionSageUploaded, 0);
+  const auto size = static_cast<std::uint64_t>(status.size);
+  if (size > options_.maximumSampleSize) {
+    QM_LOG(log(), "A sample of %llu bytes is larger than is examined", size);
+    return failure;
+  }
+  // One byte more than there is to be: reading it shows that the file grew.
+  const ReadBuffer buffer(static_cast<std::size_t>(size) + 1);
+  std::size_t length = 0;
+  const ReadOutcome outcome =
+      buffer ? readWhole(descriptor, buffer, static_cast<std::size_t>(size), length) : ReadOutcome::failed;
+  if (outcome == ReadOutcome::changed) {
+    QM_LOG(log(), "A sample grew while it was read");
+    return failure;
+  }
+  if (outcome == ReadOutcome::failed) {
+    QM_LOG_ERROR(log(), "A sample cannot be read: %{public}s", std::strerror(errno));
+    return failure;
+  }
+  return examine(buffer.bytes(), length);
+}
+
+SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::size_t length) {
+  const SHA256Value hash = sha256(bytes, length);
+  std::optional<StoredVerdict> known;
+  store_.find(hash, known);
+  if (known && known->source != kVerdictSourceAnalysis) {
+    SVKSkyvaultResponse response = responseFor(*known);
+    response.options |= kOptionSageUploaded;
+    return response;
+  }
+  if (options_.rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
+  ErrorPtr error;
+  const std::optional<SampleFinding> finding =
+      options_.rules->scan(bytes, length, options_.scanLimit, &error);
+  if (error != nullptr) {
+    QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
+    return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
+  }
+  StoredVerdict found;
+  found.verdict = finding ? finding->verdict : SVKSkyvaultSafetyVerdictValueUndetected;
+  if (finding) found.infectionName = finding->infectionName;
+  found.ttl = finding ? options_.detectedTTL : options_.undetectedTTL;
+  found.source = kVerdictSourceAnalysis;
+  found.added = options_.now();
+  SVKSkyvaultResponse response = responseFor(store_.remember(hash, found));
+  response.options |= kOptionSageUploaded;
+  return response;
+}
+
+}  // namespace qm

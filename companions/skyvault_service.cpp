@@ -1,0 +1,134 @@
+#include "companions/skyvault_service.hpp"
+
+#include <atomic>
+#include <utility>
+
+#include "foundation/log.hpp"
+#include "reputation/backends/skyvault_wire.hpp"
+
+namespace qm {
+
+namespace {
+
+using namespace skyvault;
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "skyvaultd");
+  return log;
+}
+
+void send(const XPCDictionary& reply) {
+  reply.remoteConnection().sendMessage(reply);
+}
+
+void sendError(XPCDictionary reply, ErrorCode code, std::string_view text) {
+  QM_LOG_ERROR(log(), "A request is refused: %{public}@", text);
+  reply.setInt64(kErrorCodeKey, static_cast<std::int64_t>(code));
+  reply.setString(kErrorTextKey, text);
+  send(reply);
+}
+
+void sendResponse(XPCDictionary reply, const SVKSkyvaultResponse& response) {
+  reply.setString(kVerdictKey, response.safetyVerdict.value);
+  if (response.safetyVerdict.infectionName)
+    reply.setString(kInfectionNameKey, *response.safetyVerdict.infectionName);
+  reply.setUInt64(kOptionsKey, response.options);
+  reply.setUInt64(kTTLKey, response.ttl);
+  reply.setInt64(kPrevalenceKey, response.prevalence);
+  send(reply);
+}
+
+}  // namespace
+
+struct SkyvaultService::Peer {
+  std::atomic<bool> isGone = false;
+};
+
+std::shared_ptr<SkyvaultService> SkyvaultService::create(std::shared_ptr<SkyvaultAnswers> answers,
+                                                         Admission admission, Limits limits) {
+  return std::shared_ptr<SkyvaultService>(
+      new SkyvaultService(std::move(answers), std::move(admission), limits));
+}
+
+SkyvaultService::SkyvaultService(std::shared_ptr<SkyvaultAnswers> answers, Admission admission, Limits limits)
+    : answers_(std::move(answers)),
+      admission_(std::move(admission)),
+      analyses_(Queue::concurrent("com.quillmarsh.skyvaultd.analyses", QualityOfService::utility),
+                limits.runningAnalyses, limits.waitingAnalyses) {}
+
+void SkyvaultService::serve(const XPCConnection& listener, Block<void(const XPCObject& error)> failed) {
+  listener.setEventHandler([self = shared_from_this(), failed = std::move(failed)](const XPCObject& event) {
+    if (!event) return;
+    if (event.type() == XPCType::connection) return self->admit(event.asConnection());
+    QM_LOG_ERROR(log(), "The listener came to its end: %{public}@", event);
+    if (failed) failed(event);
+  });
+  listener.activate();
+}
+
+void SkyvaultService::admit(const XPCConnection& connection) {
+  if (!admission_(connection)) {
+    QM_LOG_ERROR(log(), "Process %{public}d is not admitted", connection.processID());
+    connection.cancel();
+    return;
+  }
+  auto peer = std::make_shared<Peer>();
+  connection.setEventHandler([self = shared_from_this(), peer = std::move(peer)](const XPCObject& event) {
+    if (!event) return;
+    if (event.type() == XPCType::dictionary) return self->handle(event.asDictionary(), peer);
+    peer->isGone = true;
+    QM_LOG_DEBUG(log(), "A peer is gone: %{public}@", event);
+  });
+  connection.activate();
+}
+
+void SkyvaultService::handle(const XPCDictionary& request, const std::shared_ptr<Peer>& peer) {
+  const XPCDictionary reply = request.createReply();
+  if (!reply) {
+    QM_LOG_ERROR(log(), "A message that waits for no answer is ignored");
+    return;
+  }
+  const std::string kind = request.getString(kRequestKey).value_or("");
+  QM_LOG_DEBUG(log(), "Request %{public}@", kind);
+  if (kind == kRequestHash) return replyToHash(request, reply);
+  if (kind == kRequestMetadata) return replyToMetadata(request, reply);
+  if (kind == kRequestSample) return replyToSample(request, reply, peer);
+  if (kind == kRequestURL)
+    return sendError(reply, ErrorCode::notSupported, "This agent knows no verdicts about URLs.");
+  sendError(reply, ErrorCode::notSupported, "This agent does not know such a request.");
+}
+
+void SkyvaultService::replyToHash(const XPCDictionary& request, const XPCDictionary& reply) {
+  const std::optional<SHA256Value> sha256 = sha256FromHex(request.getString(kSHA256Key).value_or(""));
+  if (!sha256) return sendError(reply, ErrorCode::invalidRequest, "The request has no valid SHA-256.");
+  sendResponse(reply, answers_->lookUp(*sha256));
+}
+
+void SkyvaultService::replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply) {
+  const XPCObject object = request.value(kMetadataKey);
+  const Value metadata = object ? valueFromXPCObject(object) : Value();
+  const auto* dictionary = metadata.as<Dictionary>();
+  if (dictionary == nullptr)
+    return sendError(reply, ErrorCode::invalidRequest, "The request has no metadata.");
+  sendResponse(reply, answers_->analyzeMetadata(*dictionary, !analyses_.isFull()));
+}
+
+void SkyvaultService::replyToSample(const XPCDictionary& request, const XPCDictionary& reply,
+                                    const std::shared_ptr<Peer>& peer) {
+  FileDescriptor file = request.duplicateDescriptor(kFileKey);
+  if (!file) return sendError(reply, ErrorCode::invalidRequest, "The request has no sample.");
+  const bool taken = analyses_.submit([answers = answers_, reply, peer, file = std::move(file)]() mutable {
+    if (peer->isGone) return;
+    ErrorPtr error;
+    const std::optional<SVKSkyvaultResponse> response = answers->analyzeSample(file.get(), &error);
+    file.reset();  // whoever gets the answer may count on it
+    if (response) return sendResponse(reply, *response);
+    sendError(reply, ErrorCode::unreadableSample, error->localizedDescription());
+  });
+  if (!taken) {
+    QM_LOG(log(), "A sample is turned away: too many are waiting");
+    sendResponse(reply, answers_->throttled());
+  }
+}
+
+}  // namespace qm

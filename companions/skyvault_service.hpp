@@ -1,0 +1,49 @@
+// The Skyvault agent's service: admits peers, reads their requests and sends the answers. Look-ups are
+// answered where they arrive; samples are examined a few at a time behind a bounded queue, and those of a
+// peer that is gone are dropped.
+#pragma once
+
+#include <memory>
+
+#include "companions/bounded_work.hpp"
+#include "companions/skyvault_answers.hpp"
+#include "foundation/block.hpp"
+#include "platform/xpc.hpp"
+
+namespace qm {
+
+class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
+ public:
+  // Whether a peer may ask; called before anything of it is read, on the listener's queue.
+  using Admission = Block<bool(const XPCConnection& peer)>;
+
+  struct Limits {
+    std::size_t runningAnalyses = 2;
+    std::size_t waitingAnalyses = 64;  // each of them holds a descriptor
+  };
+
+  static std::shared_ptr<SkyvaultService> create(std::shared_ptr<SkyvaultAnswers> answers,
+                                                 Admission admission, Limits limits);
+
+  // Sets the listener's handler and activates it; the listener keeps the service. `failed` is called when the
+  // listener comes to an end, also when its name cannot be had.
+  void serve(const XPCConnection& listener, Block<void(const XPCObject& error)> failed);
+
+ private:
+  struct Peer;
+
+  SkyvaultService(std::shared_ptr<SkyvaultAnswers> answers, Admission admission, Limits limits);
+
+  void admit(const XPCConnection& connection);
+  void handle(const XPCDictionary& request, const std::shared_ptr<Peer>& peer);
+  void replyToHash(const XPCDictionary& request, const XPCDictionary& reply);
+  void replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply);
+  void replyToSample(const XPCDictionary& request, const XPCDictionary& reply,
+                     const std::shared_ptr<Peer>& peer);
+
+  const std::shared_ptr<SkyvaultAnswers> answers_;
+  const Admission admission_;
+  BoundedWork analyses_;
+};
+
+}  // namespace qm

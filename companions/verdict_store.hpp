@@ -1,0 +1,115 @@
+// The local verdict store: what is known about files by the SHA-256 of their content. An SQLite file in
+// write-ahead mode that several programs may use at once: the Skyvault agent answers from it, qmverdicts
+// edits it.
+//
+// A store belongs to whoever opened it and may be used from any thread; lookups do not wait for changes.
+// Every change is whole or not made and is on the disk when the call returns.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "foundation/error.hpp"
+#include "platform/digest.hpp"
+
+namespace qm {
+
+inline constexpr const char* kVerdictStoreErrorDomain = "com.quillmarsh.VerdictStore";
+
+enum class VerdictStoreError : std::int64_t {
+  cannotOpen = 1,    // missing folder or file, no permission, not a regular file
+  notAStore = 2,     // a file of another kind; left alone
+  newerVersion = 3,  // written by a later version of the product; left alone
+  damaged = 4,       // the file's content is not consistent
+  diskFull = 5,
+  busy = 6,       // another program kept it locked for longer than the time-out
+  readOnly = 7,   // the file or its disk cannot be written
+  failed = 8,     // anything else, the text says what
+  badRecord = 9,  // a record that the store does not take
+};
+
+struct StoredVerdict {
+  std::string verdict;                       // a safety verdict value
+  std::optional<std::string> infectionName;  // at most 255 bytes of UTF-8
+  std::uint8_t prevalence = 0;
+  std::uint32_t ttl = 0;   // seconds an asker may keep the answer
+  std::string source;      // who says so: kVerdictSourceManual, kVerdictSourceAnalysis
+  std::int64_t added = 0;  // seconds since 1970
+
+  friend bool operator==(const StoredVerdict&, const StoredVerdict&) = default;
+};
+
+inline constexpr const char* kVerdictSourceManual = "manual";
+inline constexpr const char* kVerdictSourceAnalysis = "analysis";
+
+// For verdicts that nobody gave another time.
+inline constexpr std::uint32_t kDefaultVerdictTTL = 86400;
+
+// The place of the installation's store, to be namespaced and opened below the system root.
+inline constexpr std::string_view kVerdictStoreProductPath = "/Library/Quillmarsh/qxmac/var/verdicts.sqlite";
+
+// One of the six safety verdict values.
+bool isSafetyVerdictValue(std::string_view text);
+
+// The hash as people and messages write it: 64 hexadecimal digits; nothing for any other text.
+std::optional<SHA256Value> sha256FromHex(std::string_view text);
+
+class VerdictStore {
+ public:
+  // With readWrite a missing file is made (0644) together with its folders (0755), and an older store is
+  // brought up to date. With readOnly nothing is changed and a missing file is an error. With look the same,
+  // for a moment: a user who may not take part in the locking beside the file, where nobody else has the
+  // store open, sees the file as it is.
+  enum class Access : std::uint8_t { look, readOnly, readWrite };
+
+  // How long a change waits for one that another program is making.
+  static constexpr std::chrono::milliseconds kBusyTimeout{5000};
+
+  // Null with an error of kVerdictStoreErrorDomain.
+  static std::unique_ptr<VerdictStore> open(const std::string& path, Access access, ErrorPtr* error = nullptr,
+                                            std::chrono::milliseconds busyTimeout = kBusyTimeout);
+  ~VerdictStore();
+  VerdictStore(const VerdictStore&) = delete;
+  VerdictStore& operator=(const VerdictStore&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // Nothing when the hash is not in the store and, with an error set, when the store cannot be read.
+  std::optional<StoredVerdict> find(const SHA256Value& sha256, ErrorPtr* error = nullptr);
+
+  using Entry = std::pair<SHA256Value, StoredVerdict>;
+  // Adds all or none; a verdict that is there is replaced.
+  [[nodiscard]] bool add(const std::vector<Entry>& entries, ErrorPtr* error = nullptr);
+
+  // Keeps what an analysis found, unless the hash has a verdict from another source. The verdict in force
+  // afterwards, nothing on failure.
+  std::optional<StoredVerdict> remember(const SHA256Value& sha256, const StoredVerdict& found,
+                                        ErrorPtr* error = nullptr);
+
+  // Removes all or none. How many there were, nothing on failure.
+  std::optional<std::size_t> remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error = nullptr);
+
+  // Records by verdict; nothing on failure.
+  std::optional<std::map<std::string, std::uint64_t>> count(ErrorPtr* error = nullptr);
+
+ private:
+  struct Reader;
+  struct Writer;
+
+  VerdictStore(std::string path, std::unique_ptr<Reader> reader, std::unique_ptr<Writer> writer);
+
+  const std::string path_;
+  // Closed last: only a writing connection moves the log into the file when it is the last to go. Null for a
+  // store that is only read.
+  const std::unique_ptr<Writer> writer_;
+  const std::unique_ptr<Reader> reader_;
+};
+
+}  // namespace qm

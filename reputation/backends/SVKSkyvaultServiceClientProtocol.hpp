@@ -1,0 +1,69 @@
+// What the Basalt backend needs of the Skyvault client framework: the calls it makes and what it reads from
+// the answers. Implemented by SVKSkyvaultServiceClient; tests put their substitute here.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/block.hpp"
+#include "foundation/error.hpp"
+#include "foundation/value.hpp"
+#include "platform/file_handle.hpp"
+
+// The safety verdict values. The texts are those of the substitute client and its agent; only their equality
+// counts.
+inline constexpr const char* SVKSkyvaultSafetyVerdictValueKnownClean = "known_clean";
+inline constexpr const char* SVKSkyvaultSafetyVerdictValueUndetected = "undetected";
+inline constexpr const char* SVKSkyvaultSafetyVerdictValuePU = "pu";
+inline constexpr const char* SVKSkyvaultSafetyVerdictValueUnwanted = "unwanted";
+inline constexpr const char* SVKSkyvaultSafetyVerdictValueMalicious = "malicious";
+inline constexpr const char* SVKSkyvaultSafetyVerdictValueUnknown = "unknown";
+
+struct SVKSkyvaultSafetyVerdict {
+  std::string value;
+  std::optional<std::string> infectionName;
+};
+
+struct SVKSkyvaultCategory {
+  std::string name;
+  bool value = false;
+};
+
+class SVKSkyvaultResponse {
+ public:
+  SVKSkyvaultSafetyVerdict safetyVerdict;
+  std::uint64_t options = 0;    // the bits of the response option flags
+  std::uint64_t ttl = 0;        // seconds
+  std::int64_t prevalence = 0;  // the backend keeps the low 8 bits
+  std::vector<SVKSkyvaultCategory> categories;
+
+  std::string description() const;
+};
+
+class SVKSkyvaultServiceClientProtocol {
+ public:
+  using Completion =
+      qm::Block<void(const std::shared_ptr<const SVKSkyvaultResponse>& response, const qm::ErrorPtr& error)>;
+
+  virtual ~SVKSkyvaultServiceClientProtocol() = default;
+
+  // All asynchronous. Each completion is called exactly once, on a queue of the client's, with a response or
+  // an error; no later than the time-out and a little.
+  virtual void queryReputationForFileHash(const std::string& sha256Hex, std::chrono::milliseconds timeout,
+                                          Completion completion) = 0;
+  virtual void analyzeMetadata(const qm::Dictionary& metadata, std::chrono::milliseconds timeout,
+                               Completion completion) = 0;
+  // Keeps the handle until the completion has been called.
+  virtual void analyzeFileHandle(std::shared_ptr<qm::FileHandle> fileHandle, const qm::Dictionary& metadata,
+                                 std::chrono::milliseconds timeout, Completion completion) = 0;
+  // Without a filter the answer has all categories, else those that the filter names.
+  virtual void queryReputationForURL(const std::string& url,
+                                     const std::optional<std::vector<std::string>>& categories,
+                                     const qm::Dictionary& metadata, std::chrono::milliseconds timeout,
+                                     Completion completion) = 0;
+  virtual std::string description() const = 0;
+};

@@ -1,0 +1,66 @@
+// What the Skyvault client and its agent say to each other: one dictionary per request, one per reply, over
+// the service "com.quillmarsh.sp.skyvaultd". Everything in these messages comes from another process and is
+// checked by its type.
+//
+//   request  kRequestKey says which; beside it
+//            kRequestHash       kSHA256Key
+//            kRequestMetadata   kMetadataKey
+//            kRequestSample     kMetadataKey, kFileKey (a descriptor of a regular file, open for reading)
+//            kRequestURL        kURLKey, kMetadataKey, where only some are wanted kCategoriesWantedKey
+//   reply    kVerdictKey, kOptionsKey, kTTLKey, kPrevalenceKey, and where there are any kInfectionNameKey and
+//            kCategoriesKey; or kErrorCodeKey and kErrorTextKey alone
+#pragma once
+
+#include <cstdint>
+
+namespace qm::skyvault {
+
+inline constexpr const char* kServiceName = "com.quillmarsh.sp.skyvaultd";              // to be namespaced
+inline constexpr const char* kProgramPath = "/Library/Quillmarsh/qxmac/bin/skyvaultd";  // to be namespaced
+
+inline constexpr const char* kRequestKey = "request";    // string
+inline constexpr const char* kSHA256Key = "sha256";      // string, 64 lower-case hexadecimal digits
+inline constexpr const char* kMetadataKey = "metadata";  // dictionary
+inline constexpr const char* kFileKey = "file";          // descriptor
+inline constexpr const char* kURLKey = "url";            // string
+inline constexpr const char* kCategoriesWantedKey = "categories-wanted";  // array of strings
+
+inline constexpr const char* kRequestHash = "hash";
+inline constexpr const char* kRequestMetadata = "metadata";
+inline constexpr const char* kRequestSample = "sample";
+inline constexpr const char* kRequestURL = "url";
+
+inline constexpr const char* kVerdictKey = "verdict";               // string, a safety verdict value
+inline constexpr const char* kInfectionNameKey = "infection-name";  // string
+inline constexpr const char* kOptionsKey = "options";               // unsigned, of the flags below
+inline constexpr const char* kTTLKey = "ttl";                       // unsigned, seconds
+inline constexpr const char* kPrevalenceKey = "prevalence";         // signed
+inline constexpr const char* kCategoriesKey = "categories";         // array of dictionaries:
+inline constexpr const char* kCategoryNameKey = "name";             //   string
+inline constexpr const char* kCategoryValueKey = "value";           //   boolean
+inline constexpr const char* kErrorCodeKey = "error-code";          // signed, an ErrorCode
+inline constexpr const char* kErrorTextKey = "error-text";          // string, a sentence for people
+
+// The bits of the response options.
+inline constexpr std::uint64_t kOptionFromServer = 1;
+inline constexpr std::uint64_t kOptionSageThrottled = 2;
+inline constexpr std::uint64_t kOptionSageFailed = 4;
+inline constexpr std::uint64_t kOptionFailed = 8;
+inline constexpr std::uint64_t kOptionSageSuccess = 16;
+inline constexpr std::uint64_t kOptionSageUploadRequested = 32;
+inline constexpr std::uint64_t kOptionSageUploaded = 64;
+inline constexpr std::uint64_t kOptionHipsEventsRequested = 128;
+
+// The codes of the client's errors, some of them given by the agent.
+inline constexpr const char* kErrorDomain = "com.quillmarsh.SVKSkyvaultServiceClient";
+
+enum class ErrorCode : std::int64_t {
+  timedOut = 1,           // no answer within the call's time-out
+  connectionLost = 2,     // the agent is not running, ended, refused this program or was given up
+  malformedResponse = 3,  // the answer is none, or has values of the wrong type
+  invalidRequest = 4,     // the agent: a key is missing or of the wrong type
+  notSupported = 5,       // the agent does not know this request
+  unreadableSample = 6,   // no descriptor to pass on; the agent: not a regular file
+};
+
+}  // namespace qm::skyvault

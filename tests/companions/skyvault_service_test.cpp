@@ -1,0 +1,203 @@
+// The agent's answers, directly and as its service gives them to the real client over the transport.
+#include "companions/skyvault_service.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <latch>
+#include <thread>
+
+#include "foundation/strings.hpp"
+#include "platform/file_handle.hpp"
+#include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "tests/companions/completions.hpp"
+#include "tests/companions/samples.hpp"
+#include "tests/support/scratch_folder.hpp"
+
+namespace qm {
+namespace {
+
+using namespace skyvault;
+using namespace test;
+
+constexpr std::chrono::milliseconds kLong = kPatience;
+constexpr std::uint64_t kExamined = kOptionFromServer | kOptionSageSuccess | kOptionSageUploaded;
+constexpr std::uint64_t kNotExamined = kOptionFromServer | kOptionSageFailed | kOptionSageUploaded;
+constexpr std::uint64_t kWanted = kOptionFromServer | kOptionSageUploadRequested;
+std::int64_t theTime = 1700000000;
+
+Dictionary metadataOf(const std::string& content) {
+  const auto* start = reinterpret_cast<const std::uint8_t*>(content.data());
+  return {{"sha256", hexOf(hashOf(content))},
+          {"file_size", std::uint64_t{content.size()}},
+          {"magic_bytes", base64(start, std::min<std::size_t>(content.size(), 16))}};
+}
+
+class SkyvaultAgent : public testing::Test {
+ protected:
+  SkyvaultAgent() {
+    options_.rules = SampleRules::compileFolder(QM_RULES_FOLDER);
+    options_.now = [] { return theTime; };
+  }
+  ~SkyvaultAgent() override { listener_.cancel(); }
+  // The only rule of the service holds an analysis up for the scan limit of one second.
+  void start(SkyvaultService::Limits limits) {
+    options_.rules = SampleRules::compile({{"slow",
+                                            "rule slow { meta: verdict = \"pu\" condition: for all i in "
+                                            "(0..2000000000) : (i >= 0) and false }"}});
+    options_.scanLimit = std::chrono::seconds(1);
+    const auto answers = std::make_shared<SkyvaultAnswers>(store_, options_);
+    SkyvaultService::create(
+        answers, [](const XPCConnection&) { return true; }, limits)
+        ->serve(listener_, nullptr);
+  }
+  std::shared_ptr<SVKSkyvaultServiceClient> makeClient() const {
+    return std::make_shared<SVKSkyvaultServiceClient>(
+        [endpoint = listener_.endpoint()] { return XPCConnection::createClient(endpoint); });
+  }
+  std::shared_ptr<FileHandle> sample(const std::string& content) const {
+    return FileHandle::fileHandleForReadingAtPath(folder_.write("sample", content));
+  }
+  std::string analyze(SkyvaultAnswers& answers, const std::string& content, std::uint64_t options) const {
+    const auto response = answers.analyzeSample(sample(content)->fileDescriptor(), nullptr);
+    EXPECT_EQ(response ? response->options : 0, options);
+    return response ? response->safetyVerdict.value : "";
+  }
+
+  ScratchFolder folder_;
+  const std::string store_ = folder_.path("verdicts.sqlite");
+  SkyvaultAnswersOptions options_;
+  const XPCConnection listener_ = XPCConnection::createAnonymousListener();
+};
+
+TEST_F(SkyvaultAgent, AsksForSamplesOfUnknownFilesThatMayBeDangerous) {
+  const std::string script = "#!/bin/sh\n";
+  Dictionary large = metadataOf(script), noSize = large, noHash = large, negative = large;
+  large["file_size"] = options_.maximumSampleSize + 1;
+  noSize.erase("file_size");
+  noHash.erase("sha256");
+  negative["file_size"] = -1;
+  SkyvaultAnswers answers(store_, options_);
+  const std::string elf = "\177ELF", machO = "\xcf\xfa\xed\xfe", document = "%PDF-1.7", zip = "PK\x03\x04";
+  for (const Dictionary& metadata : {metadataOf(script), metadataOf(elf), metadataOf(machO),
+                                     metadataOf("MZ\x90"), metadataOf(zip), metadataOf(document), noHash})
+    EXPECT_EQ(answers.analyzeMetadata(metadata, true).options, kWanted) << Value(metadata).description();
+  for (const Dictionary& metadata : {metadataOf("Dear Sir"), metadataOf(" #!/bin/sh"), metadataOf(""), large,
+                                     noSize, negative, Dictionary{}})
+    EXPECT_EQ(answers.analyzeMetadata(metadata, true).options, kOptionFromServer)
+        << Value(metadata).description();
+}
+
+TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndWhileTheStoreIsSound) {
+  const std::string script = "#!/bin/sh\necho new\n";
+  SkyvaultAnswers answers(store_, options_);
+  EXPECT_EQ(analyze(answers, standardTestFile(), kExamined), "malicious");
+  EXPECT_EQ(analyze(answers, script, kExamined), "undetected");
+  EXPECT_EQ(answers.lookUp(hashOf(script)).options, kOptionFromServer | kOptionSageSuccess) << "no all-clear";
+  theTime += options_.undetectedTTL - 1;
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).safetyVerdict.value, "undetected");
+  theTime += 1;
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess);
+  ASSERT_TRUE(VerdictStore::open(store_, VerdictStore::Access::readWrite)
+                  ->add({{hashOf(standardTestFile()), {"known_clean", {}, 1, 60, kVerdictSourceManual, 1}}}));
+  EXPECT_EQ(analyze(answers, standardTestFile(), kOptionFromServer | kOptionSageUploaded), "known_clean");
+
+  SkyvaultAnswers without(folder_.write("other", "This is certainly not what a store looks like."), options_);
+  EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer | kOptionFailed);
+  EXPECT_EQ(analyze(without, standardTestFile(), kExamined), "malicious") << "without a usable store";
+  std::filesystem::remove(folder_.path("other"));
+  EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer) << "it comes back";
+}
+
+TEST_F(SkyvaultAgent, WhatCannotBeReadWholeIsNeverTakenForExamined) {
+  options_.maximumSampleSize = 1 << 20;
+  SkyvaultAnswers answers(store_, options_);
+  EXPECT_EQ(analyze(answers, std::string((1 << 20) + 1, 'x'), kNotExamined), "unknown") << "too large";
+  const auto file = sample(std::string(1 << 20, 'x'));
+  std::atomic<bool> done = false;
+  std::thread writer([&] {
+    for (int i = 0; !done; ++i)
+      EXPECT_EQ(truncate(folder_.path("sample").c_str(), i % 2 == 0 ? 0 : 1 << 20), 0);
+  });
+  for (int i = 0; i < 100; ++i) {
+    const auto response = answers.analyzeSample(file->fileDescriptor(), nullptr);
+    ASSERT_TRUE(response);
+    EXPECT_NE(response->options & (kOptionSageSuccess | kOptionSageFailed), 0u);
+  }
+  done = true;
+  writer.join();
+}
+
+TEST_F(SkyvaultAgent, WhatItDoesNotUnderstandIsAnErrorAndNotTheEnd) {
+  start({});
+  const XPCConnection raw = XPCConnection::createClient(listener_.endpoint());
+  raw.setEventHandler([](const XPCObject&) {});
+  raw.activate();
+  XPCDictionary message = XPCDictionary::create();
+  const auto expect = [&](ErrorCode expected) {
+    std::latch answered(1);
+    std::int64_t code = 0;
+    raw.sendMessageWithReply(message, Queue::serial("test"), [&](const XPCObject& reply) {
+      if (reply.type() == XPCType::dictionary) code = reply.asDictionary().getInt64(kErrorCodeKey);
+      answered.count_down();
+    });
+    answered.wait();
+    EXPECT_EQ(static_cast<ErrorCode>(code), expected);
+  };
+  expect(ErrorCode::notSupported);
+  message.setString(kMetadataKey, "text");
+  for (const char* request : {kRequestMetadata, kRequestSample, kRequestHash}) {
+    message.setString(kRequestKey, request);
+    expect(ErrorCode::invalidRequest);
+  }
+  raw.sendMessage(message);  // no reply wanted: ignored
+  message.setString(kSHA256Key, "nonsense");
+  expect(ErrorCode::invalidRequest);
+  raw.cancel();
+}
+
+TEST_F(SkyvaultAgent, SamplesPastTheBoundAreTurnedAwayAndLookUpsGoOn) {
+  start({.runningAnalyses = 1, .waitingAnalyses = 0});
+  const auto client = makeClient();
+  Completions slow, tooMany, lookUp, metadata;
+  client->analyzeFileHandle(sample("first"), {}, kLong, slow.make());
+  client->analyzeFileHandle(sample("first"), {}, kLong, tooMany.make());
+  EXPECT_EQ(tooMany.waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
+  client->analyzeMetadata(metadataOf("#!/bin/sh"), kLong, metadata.make());
+  EXPECT_EQ(metadata.waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
+  client->queryReputationForFileHash(std::string(64, 'a'), kLong, lookUp.make());
+  EXPECT_NE(lookUp.waitForOne().response, nullptr);
+  EXPECT_EQ(slow.count(), 0u);
+  EXPECT_EQ(slow.waitForOne().response->options, kNotExamined) << "a scan out of time is no all-clear";
+}
+
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
+  start({.runningAnalyses = 1, .waitingAnalyses = 64});
+  const auto client = makeClient();
+  Completions warm, lost, last;
+  client->queryReputationForFileHash(std::string(64, 'a'), kLong, warm.make());
+  warm.waitForOne();
+  const std::size_t before = openDescriptors();
+  auto vanishing = makeClient();
+  for (int i = 0; i < 20; ++i) vanishing->analyzeFileHandle(sample("sample"), {}, kLong, lost.make());
+  // Requests of one connection are taken in order: with this answer all samples are there.
+  vanishing->queryReputationForFileHash(std::string(64, 'a'), kLong, last.make());
+  EXPECT_NE(last.waitForOne().response, nullptr);
+  EXPECT_GT(openDescriptors(), before + 15);
+  vanishing.reset();
+  for (const Answer& answer : lost.waitFor(20)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
+  // Samples that wait are dropped: examining them all would take twenty seconds.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  while (openDescriptors() > before && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_LE(openDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace qm

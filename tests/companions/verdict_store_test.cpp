@@ -1,0 +1,131 @@
+#include "companions/verdict_store.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+
+#include <fstream>
+
+#include "tests/companions/samples.hpp"
+#include "tests/support/scratch_folder.hpp"
+
+namespace qm {
+namespace {
+
+using Access = VerdictStore::Access;
+
+const StoredVerdict kMalicious{"malicious", "Trojan.Test", 3, 3600, kVerdictSourceManual, 1700000000};
+const StoredVerdict kAnalysed{"pu", std::nullopt, 0, 60, kVerdictSourceAnalysis, 1700000001};
+
+SHA256Value numbered(unsigned number) {
+  return test::hashOf("sample " + std::to_string(number));
+}
+std::vector<VerdictStore::Entry> entriesFrom(unsigned first, unsigned count) {
+  std::vector<VerdictStore::Entry> entries;
+  for (unsigned i = 0; i < count; ++i) entries.emplace_back(numbered(first + i), kMalicious);
+  return entries;
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class VerdictStoreTest : public testing::Test {
+ protected:
+  std::unique_ptr<VerdictStore> open(Access access = Access::readWrite) {
+    return VerdictStore::open(path_, access, &error_);
+  }
+  // Of the last error, which is taken.
+  VerdictStoreError code() {
+    const ErrorPtr error = std::exchange(error_, nullptr);
+    return error == nullptr ? VerdictStoreError{} : static_cast<VerdictStoreError>(error->code());
+  }
+  // Runs SQL on the file behind the store's back; what it began ends with the connection.
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> tamper(const char* sql) const {
+    sqlite3* database = nullptr;
+    EXPECT_EQ(sqlite3_open(path_.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+    return {database, sqlite3_close};
+  }
+
+  test::ScratchFolder folder_;
+  const std::string path_ = folder_.path("qxmac/var/verdicts.sqlite");
+  ErrorPtr error_;
+};
+
+TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
+  const StoredVerdict clean{"known_clean", std::nullopt, 255, UINT32_MAX, kVerdictSourceManual, -1};
+  {
+    const auto store = open();
+    ASSERT_TRUE(store->add({{numbered(1), kMalicious}, {numbered(2), kMalicious}}));
+    ASSERT_TRUE(store->add({{numbered(2), clean}}));
+    StoredVerdict bad = kMalicious;
+    bad.infectionName = "\xff\xfe";
+    EXPECT_FALSE(store->add({{numbered(3), kMalicious}, {numbered(4), bad}}, &error_));
+    EXPECT_EQ(code(), VerdictStoreError::badRecord);
+    EXPECT_EQ(store->remember(numbered(1), kAnalysed), kMalicious);
+  }
+  const auto store = open(Access::readOnly);
+  EXPECT_EQ(store->find(numbered(1)), kMalicious);
+  EXPECT_EQ(store->find(numbered(2)), clean);
+  EXPECT_EQ(store->find(numbered(3), &error_), std::nullopt);
+  EXPECT_EQ(error_, nullptr) << "a hash that is not there is no error";
+}
+
+TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesThemAlone) {
+  const auto expectRefused = [&](VerdictStoreError expected) {
+    const std::string before = contentOf(path_);
+    EXPECT_EQ(open(), nullptr);
+    EXPECT_EQ(code(), expected);
+    EXPECT_EQ(contentOf(path_), before);
+    std::filesystem::remove(path_);
+  };
+  ASSERT_NE(open(), nullptr);
+  tamper("PRAGMA user_version = 2; CREATE TABLE sha1_verdicts (x)");
+  expectRefused(VerdictStoreError::newerVersion);
+  folder_.write("qxmac/var/verdicts.sqlite", "A letter to a friend, long enough to be no empty file at all.");
+  expectRefused(VerdictStoreError::notAStore);
+  tamper("CREATE TABLE bookmarks (url TEXT)");
+  expectRefused(VerdictStoreError::notAStore);
+
+  std::filesystem::remove_all(folder_.path("qxmac"));
+  ASSERT_TRUE(open()->add(entriesFrom(0, 2000)));
+  std::fstream(path_, std::ios::in | std::ios::out | std::ios::binary).seekp(4096)
+      << std::string(std::filesystem::file_size(path_) - 4096, 'Z');
+  const auto damaged = open();
+  ASSERT_NE(damaged, nullptr) << "the head of the file is sound";
+  EXPECT_EQ(damaged->find(numbered(1), &error_), std::nullopt);
+  EXPECT_EQ(code(), VerdictStoreError::damaged);
+}
+
+TEST_F(VerdictStoreTest, WhenTheDiskTakesNoMoreNothingIsChangedAndLookupsGoOn) {
+  const auto store = open();
+  ASSERT_TRUE(store->add(entriesFrom(1, 1)));
+  // A limit on the size of files stands in for the full disk.
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit tight{64 * 1024, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+  EXPECT_FALSE(store->add(entriesFrom(100, 5000)));
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(store->find(numbered(1)), kMalicious);
+  EXPECT_EQ(store->find(numbered(100)), std::nullopt);
+  EXPECT_TRUE(store->add(entriesFrom(100, 5000))) << "with room again it goes on";
+}
+
+TEST_F(VerdictStoreTest, ALookupDoesNotWaitForAWriterAndAWriterThatWaitsTooLongSaysSo) {
+  const auto store = VerdictStore::open(path_, Access::readWrite, nullptr, std::chrono::milliseconds(20));
+  ASSERT_TRUE(store->add(entriesFrom(1, 1)));
+  auto other = tamper("BEGIN IMMEDIATE; DELETE FROM sha256_verdicts");
+  EXPECT_EQ(store->find(numbered(1)), kMalicious);
+  EXPECT_FALSE(store->add(entriesFrom(2, 1), &error_));
+  EXPECT_EQ(code(), VerdictStoreError::busy);
+  other.reset();
+  EXPECT_TRUE(store->add(entriesFrom(2, 1)));
+}
+
+}  // namespace
+}  // namespace qm

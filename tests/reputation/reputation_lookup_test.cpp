@@ -1,0 +1,105 @@
+#include "reputation/QMRReputationLookup.hpp"
+
+#include <gtest/gtest.h>
+
+#include "reputation/reputation_support.hpp"
+
+namespace {
+
+using qm::test::makeRequest;
+using qm::test::Replies;
+
+// Notes which scan it was asked for and answers level 5.
+class RecordingLookup final : public QMRReputationLookup {
+ public:
+  RecordingLookup() : QMRReputationLookup("RecordingLookup") {}
+  void qvsScanForFile(const std::shared_ptr<QMRFileReputationRequest>& request, bool skipCloudScan,
+                      const qm::FileReputationCompletion& reply) override {
+    answer(skipCloudScan ? "qvs" : "qvs with cloud scan", *request, reply);
+  }
+  void cloudScanForFile(const std::shared_ptr<QMRFileReputationRequest>& request,
+                        const qm::FileReputationCompletion& reply) override {
+    answer("cloud", *request, reply);
+  }
+  void answer(const char* asked, const QMRFileReputationRequest& request,
+              const qm::FileReputationCompletion& reply) {
+    scan = asked;
+    reply(QMRFileReputationResult::resultFromRequest(request, 5, std::nullopt, 1, 2), nullptr);
+  }
+
+  std::string scan;
+};
+
+class ReputationLookupTest : public testing::Test {
+ protected:
+  const std::shared_ptr<RecordingLookup> lookup_ = std::make_shared<RecordingLookup>();
+  Replies replies_;
+};
+
+TEST_F(ReputationLookupTest, TheFileDecidesWhichScanIsMade) {
+  const auto sha256Only = std::make_shared<QMRHashCacheEntry>();
+  sha256Only->setSha256(qm::Data(std::vector<std::uint8_t>(32, 1)));
+  const auto hashes = qm::test::someHashes();
+  const struct {
+    bool isAOTBinary, isDownloadedFile;
+    std::shared_ptr<const QMRHashCacheEntry> hashes;
+    const char* scan;
+  } cases[] = {
+      {false, true, hashes, "cloud"},     {false, true, nullptr, "cloud"}, {false, true, sha256Only, "cloud"},
+      {true, true, hashes, "qvs"},        {true, false, hashes, "qvs"},    {false, false, hashes, "qvs"},
+      {false, false, sha256Only, "none"}, {true, true, nullptr, "none"},   {false, false, nullptr, "none"},
+  };
+  for (const auto& expected : cases) {
+    lookup_->scan = "none";
+    Replies replies;
+    lookup_->reputationForFile(makeRequest({.hashes = expected.hashes,
+                                            .isAOTBinary = expected.isAOTBinary,
+                                            .isDownloadedFile = expected.isDownloadedFile}),
+                               replies.block());
+    EXPECT_EQ(lookup_->scan, expected.scan) << expected.isAOTBinary << expected.isDownloadedFile;
+    if (lookup_->scan == "none")
+      qm::test::expectAnswer(replies.only(), qm::reputation_level::unknown, 0, 0);
+    else
+      qm::test::expectAnswer(replies.only(), 5, 1, 2);
+  }
+}
+
+TEST_F(ReputationLookupTest, TheRequestsMetadataIsEnriched) {
+  lookup_->addBaseMetadataValue("local_file", "context");
+  lookup_->addBaseMetadataValue(1, "shared");
+  lookup_->addBaseMetadataValue(2, "shared");
+  const auto request =
+      makeRequest({.path = "/Users/bob/Downloads/tools/Report.DOCX",
+                   .teamID = "TEAM",
+                   .metadata = {{"file_size", 3}, {"shared", "request"}, {"context", "request"}}});
+  lookup_->reputationForFile(request, replies_.block());
+  const qm::Dictionary expected{
+      {"context", "local_file"},
+      {"file_name", "<file_name>.docx"},
+      {"file_path", "%PROFILE%/Downloads/tools"},
+      {"file_size", 3},
+      {"magic_bytes", "IyE="},
+      {"sha1", "1111111111111111111111111111111111111111"},
+      {"sha256", "2222222222222222222222222222222222222222222222222222222222222222"},
+      {"shared", 2},
+      {"teamid", "TEAM"},
+  };
+  EXPECT_EQ(request->metadata(), expected) << qm::description(request->metadata());
+}
+
+TEST_F(ReputationLookupTest, PrevalencePromotesUnknownFilesOnly) {
+  EXPECT_EQ(lookup_->updateReputationLevel(1, 255), 1u) << "no threshold";
+  const struct {
+    std::int32_t threshold;
+    qm::ReputationLevel level;
+    std::uint8_t prevalence;
+    qm::ReputationLevel expected;
+  } cases[] = {{10, 1, 10, 2}, {10, 1, 9, 1}, {10, 0, 255, 0}, {256, 1, 255, 1}, {0, 99, 255, 99}};
+  for (const auto& [threshold, level, prevalence, expected] : cases) {
+    lookup_->setPrevalenceThresholdCallback([value = threshold] { return value; });
+    EXPECT_EQ(lookup_->updateReputationLevel(level, prevalence), expected)
+        << level << " with " << unsigned{prevalence} << " of " << threshold;
+  }
+}
+
+}  // namespace
