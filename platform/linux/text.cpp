@@ -76,8 +76,26 @@ struct RegularExpression::Pattern {
 RegularExpression::RegularExpression(std::unique_ptr<Pattern> pattern) : pattern_(std::move(pattern)) {}
 RegularExpression::~RegularExpression() = default;
 
+namespace {
+
+// ICU makes what all patterns share with the first one, synchronised in a way that ThreadSanitizer cannot
+// see: made here, once and before any other.
+void makeSharedTables() {
+  [[maybe_unused]] static const bool areMade = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    UParseError position{};
+    const std::unique_ptr<icu::RegexPattern> first(icu::RegexPattern::compile("a", 0, position, status));
+    if (first == nullptr) return false;
+    const std::unique_ptr<icu::RegexMatcher> matcher(first->matcher(status));
+    return matcher != nullptr;
+  }();
+}
+
+}  // namespace
+
 std::unique_ptr<RegularExpression> RegularExpression::create(std::string_view pattern, bool caseInsensitive,
                                                              ErrorPtr* error) {
+  makeSharedTables();
   UErrorCode status = U_ZERO_ERROR;
   UParseError position{};
   const std::uint32_t flags = caseInsensitive ? std::uint32_t{UREGEX_CASE_INSENSITIVE} : 0U;
