@@ -4,26 +4,21 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "foundation/strings.hpp"
+#include "platform/linux/inotify.hpp"
 
 namespace qm {
 namespace {
 
-// Of the folders on the way, and of the file and the folder it lies in.
-constexpr std::uint32_t kFolderEvents = IN_ONLYDIR | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                        IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB;
 constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
 // A thread that no signal of the process is delivered to.
@@ -78,21 +73,15 @@ void PathWatcher::run() {
   }
 }
 
-// Every folder on the way is watched before the next one is looked for, and the file last: whatever appears
-// later makes an event. The old watches end when the new ones stand; when those cannot be had, the old ones
-// stay.
+// The file is watched last: whatever appears later makes an event. The old watches end when the new ones
+// stand; when those cannot be had, the old ones stay.
 void PathWatcher::watchAnew() {
   FileDescriptor fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   if (!fresh) return;
-  std::string folder = "/";
-  const std::string parent = stringByDeletingLastPathComponent(path_);
-  for (const std::string& component : pathComponents(parent)) {
-    if (component != "/") folder = stringByAppendingPathComponent(folder, component);
-    const std::uint32_t events = folder == parent ? kFolderEvents | IN_CLOSE_WRITE : kFolderEvents;
-    if (::inotify_add_watch(fresh.get(), folder.c_str(), events) < 0) break;
-  }
+  const std::vector<std::string> folders = foldersOnTheWay("/", stringByDeletingLastPathComponent(path_));
+  const std::vector<int> watches = watchFoldersOnTheWay(fresh.get(), folders, kFolderEvents | IN_CLOSE_WRITE);
   // Also by itself, for a file reached through a link.
-  if (folder == parent) ::inotify_add_watch(fresh.get(), path_.c_str(), kFileEvents);
+  if (watches.size() == folders.size()) ::inotify_add_watch(fresh.get(), path_.c_str(), kFileEvents);
   inotify_ = std::move(fresh);
 }
 
@@ -100,22 +89,14 @@ void PathWatcher::watchAnew() {
 bool PathWatcher::drainEvents() {
   const std::vector<std::string> names = pathComponents(path_);
   bool concerned = false;
-  alignas(inotify_event) std::array<char, 16384> buffer;
-  while (true) {
-    const ssize_t length = ::read(inotify_.get(), buffer.data(), buffer.size());
-    if (length < 0 && errno == EINTR) continue;
-    if (length <= 0) return concerned;
-    for (std::size_t offset = 0; offset + sizeof(inotify_event) <= static_cast<std::size_t>(length);) {
-      inotify_event event;
-      std::memcpy(&event, buffer.data() + offset, sizeof event);
-      const std::string_view name = event.len == 0 ? "" : buffer.data() + offset + sizeof event;
-      // Other files of the folders on the way come and go: only names that are part of the path count.
-      bool named = name.empty();
-      for (const std::string& component : names) named = named || name == component;
-      concerned = concerned || named;
-      offset += sizeof event + event.len;
-    }
+  // Other files of the folders on the way come and go: only names that are part of the path count.
+  const auto look = [&](const InotifyEvent& event) {
+    concerned =
+        concerned || event.name.empty() || std::find(names.begin(), names.end(), event.name) != names.end();
+  };
+  while (readInotifyEvents(inotify_.get(), look)) {
   }
+  return concerned;
 }
 
 }  // namespace qm

@@ -1,6 +1,7 @@
 #include "platform/linux/run_folder.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -20,6 +21,18 @@ std::string runFolder() {
 
 std::string runFolder(std::string_view root) {
   return (root == "/" ? std::string() : std::string(root)) + "/run/quillmarsh";
+}
+
+bool makeSharedFolder(const std::string& path) {
+  constexpr mode_t kMode = 0755;
+  if (::mkdir(path.c_str(), kMode) != 0) return errno == EEXIST;
+  const FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return folder && ::fchmod(folder.get(), kMode) == 0;
+}
+
+bool makeRunFolder() {
+  const std::string folder = runFolder();
+  return makeSharedFolder(folder.substr(0, folder.rfind('/'))) && makeSharedFolder(folder);
 }
 
 std::optional<SocketAddress> SocketAddress::create(const std::string& path) {

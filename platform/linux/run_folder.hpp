@@ -21,10 +21,16 @@ std::string programRoot(std::string_view programPath);
 const std::string& ownProgramPath();
 // programRoot of the running program: "/" or a path without a slash at its end.
 const std::string& systemRoot();
-// R/run/quillmarsh. Not made here.
+// R/run/quillmarsh.
 std::string runFolder();
 // The run folder of an installation below that root.
 std::string runFolder(std::string_view root);
+
+// Makes a folder that all may read and only its owner may write (0755), whatever the umask. True also when
+// there is something of that name; false with errno set.
+[[nodiscard]] bool makeSharedFolder(const std::string& path);
+// Makes the run folder of the running program and the folder it lies in.
+[[nodiscard]] bool makeRunFolder();
 
 // A Unix socket address. A path longer than the 107 bytes that fit into one goes through /proc/self/fd/N/name
 // with N the folder that holds the socket: keep the object until bind(2) or connect(2) has returned.

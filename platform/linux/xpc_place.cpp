@@ -68,10 +68,8 @@ FileDescriptor takeInheritedSocket(std::string_view serviceName) {
 
 // The folder must be one in which nobody but its owner can put files under others' names.
 bool prepareFolder(const std::string& folder, std::string& reason) {
-  const std::string parent = folder.substr(0, folder.rfind('/'));
-  for (const std::string& path : {parent, folder}) {
-    if (::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST) continue;
-    reason = failure("cannot make " + path);
+  if (!makeRunFolder()) {
+    reason = failure("cannot make " + folder);
     return false;
   }
   struct stat status {};
