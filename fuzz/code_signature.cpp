@@ -1,16 +1,10 @@
 // Any bytes as a program file with a signature at its end. Nobody's root is installed, so none may pass.
 #include "platform/linux/code_signature.hpp"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdlib>
-
-#include "platform/file_descriptor.hpp"
+#include "fuzz/input_file.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
-  const qm::FileDescriptor program(::memfd_create("program", MFD_CLOEXEC));
-  if (!program || ::write(program.get(), bytes, length) != static_cast<ssize_t>(length)) return 0;
+  const qm::FileDescriptor program = inputFile(bytes, length);
   qm::AppendedSignature signature;
   if (qm::readAppendedSignature(program.get(), signature) == qm::kSecSuccess &&
       signature.contentLength + qm::appendedBytes(signature.cms).size() != length)

@@ -1,16 +1,9 @@
 // Files of clients: whatever they are, looking for the marker ends.
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdlib>
-
 #include "filefacts/QMRMachoHeaderParser.hpp"
-#include "platform/file_descriptor.hpp"
+#include "fuzz/input_file.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
-  const qm::FileDescriptor file(::memfd_create("macho", MFD_CLOEXEC));
-  if (::write(file.get(), bytes, length) != static_cast<ssize_t>(length)) std::abort();
+  const qm::FileDescriptor file = inputFile(bytes, length);
   const bool isAOT = QMRMachoHeaderParser::isAOTBinaryAtPath(std::nullopt, file.get());
   // A header and the marker's first word have to be there.
   if (isAOT && length < 32) std::abort();

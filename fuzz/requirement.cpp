@@ -6,19 +6,13 @@
 
 namespace {
 
-const qm::CodeFacts& signedProgram() {
-  static const qm::CodeFacts code = [] {
-    qm::CertificateFacts leaf;
-    leaf.subject["OU"] = {"K7Q2M9X4T1", "second"};
-    qm::CertificateFacts root;
-    root.subject["CN"] = {"root"};
-    qm::CodeFacts facts;
-    facts.chain = {leaf, root};
-    facts.anchored = true;
-    facts.info = {{"CFBundleIdentifier", "com.quillmarsh.tool"}, {"CFBundleShortVersionString", "5.12.345"}};
-    return facts;
-  }();
-  return code;
+qm::CodeFacts signedProgram() {
+  qm::CertificateFacts leaf;
+  leaf.subject["OU"] = {"K7Q2M9X4T1", "second"};
+  return {
+      .chain = {leaf, {.subject = {{"CN", {"root"}}}}},
+      .anchored = true,
+      .info = {{"CFBundleIdentifier", "com.quillmarsh.tool"}, {"CFBundleShortVersionString", "5.12.345"}}};
 }
 
 }  // namespace

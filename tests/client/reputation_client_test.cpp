@@ -1,58 +1,24 @@
 // The client with a service that answers, and with one that is not there, ends, is silent or refuses.
 #include "client/reputation_client.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <condition_variable>
-#include <thread>
 
 #include "platform/file_io.hpp"
-#include "support/scratch_folder.hpp"
-#include "support/scripted_reputation_service.hpp"
+#include "support/scripted_service.hpp"
 
-namespace qm::test {
 namespace {
 
-// A test that waits this long has failed.
-constexpr std::chrono::seconds kPatience{60};
-
-class Answers {
+class Answers : public Inbox<ReputationAnswer> {
  public:
   ReputationClient::Completion collector() {
-    return [this](const ReputationAnswer& answer) {
-      const std::lock_guard lock(mutex_);
-      answers_.push_back(answer);
-      changed_.notify_all();
-    };
+    return [this](const ReputationAnswer& answer) { put(answer); };
   }
-  // The answers once there are so many.
-  std::vector<ReputationAnswer> wait(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return answers_.size() >= count; }));
-    std::vector<ReputationAnswer> answers = answers_;
-    answers.resize(std::max(answers.size(), count));
-    return answers;
-  }
-  ReputationAnswer first() { return wait(1).front(); }
-  std::size_t count() const {
-    const std::lock_guard lock(mutex_);
-    return answers_.size();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<ReputationAnswer> answers_;
 };
 
-std::size_t openDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+// So many answers, all failed that way.
+void expectAll(ReputationFailure failure, std::size_t count, const Answers& answers) {
+  for (const ReputationAnswer& answer : answers.waitFor(count))
+    EXPECT_EQ(answer.failure, failure) << answer.errorText;
 }
 
 void trustAll(const XPCDictionary& request) {
@@ -72,13 +38,13 @@ class ClientTest : public ::testing::Test {
 TEST_F(ClientTest, ARequestCarriesTheOpenFileAndItsFacts) {
   const bool isMarked = ::setxattr(path.c_str(), "user.xdg.origin.url", "https://a.test/", 15, 0) == 0;
   std::promise<XPCDictionary> promise;
-  const ScriptedReputationService service(serviceName, [&promise](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&promise](const XPCDictionary& request) {
     promise.set_value(request);
     answer(request, {.level = 2, .prevalence = 200, .ttl = 60});
   });
   ReputationClient client(options);
   client.ask({.path = path, .userID = 501}, answers.collector());
-  const ReputationAnswer answer = answers.first();
+  const ReputationAnswer answer = answers.waitForOne();
   EXPECT_EQ(answer.verdict, ReputationVerdict::trusted);
   EXPECT_EQ(answer.prevalence, 200);
   EXPECT_EQ(answer.path, path);
@@ -104,7 +70,7 @@ TEST_F(ClientTest, ManyFilesAreAskedAboutWithABoundAndEachIsAnsweredOnce) {
   std::atomic<int> mostHeld{0};
   std::atomic<std::size_t> mostDescriptors{0};
   const Queue answering = Queue::concurrent("answering");
-  const ScriptedReputationService service(serviceName, [&](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&](const XPCDictionary& request) {
     mostHeld = std::max(mostHeld.load(), ++held);
     if (request.getUInt64("requestId") % 100 == 0)
       mostDescriptors = std::max(mostDescriptors.load(), openDescriptors());
@@ -116,10 +82,10 @@ TEST_F(ClientTest, ManyFilesAreAskedAboutWithABoundAndEachIsAnsweredOnce) {
   const std::size_t descriptorsBefore = openDescriptors();
   ReputationClient client(options);
   for (std::size_t i = 0; i < kFiles; ++i) client.ask({.path = path}, answers.collector());
-  for (const ReputationAnswer& answer : answers.wait(kFiles))
+  for (const ReputationAnswer& answer : answers.waitFor(kFiles))
     EXPECT_EQ(answer.verdict, ReputationVerdict::unknown) << answer.errorText;
   client.close();
-  EXPECT_EQ(answers.count(), kFiles);
+  EXPECT_EQ(answers.size(), kFiles);
   EXPECT_LE(mostHeld, 7);
   // Each question in flight costs a few on both sides, and both are in this process.
   EXPECT_LT(mostDescriptors, descriptorsBefore + 100);
@@ -150,7 +116,7 @@ TEST_F(ClientTest, WhatIsNoReadableRegularFileIsReportedAndNotSent) {
       {largest, ReputationFailure::none, ""},
   };
   std::atomic<int> requests{0};
-  const ScriptedReputationService service(serviceName, [&requests](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&requests](const XPCDictionary& request) {
     ++requests;
     trustAll(request);
   });
@@ -158,15 +124,15 @@ TEST_F(ClientTest, WhatIsNoReadableRegularFileIsReportedAndNotSent) {
   for (const auto& [name, failure, text, links] : cases) {
     Answers one;
     client.ask({.path = name, .symbolicLinks = links}, one.collector());
-    EXPECT_EQ(one.first().failure, failure) << name;
-    EXPECT_EQ(one.first().errorText, text) << name;
+    EXPECT_EQ(one.waitForOne().failure, failure) << name;
+    EXPECT_EQ(one.waitForOne().errorText, text) << name;
   }
   EXPECT_EQ(requests, 2);
 }
 
 TEST_F(ClientTest, DelayedAnswersFollowTheReplyOfTheirPathWhichNeedNotBeUTF8) {
   const std::string odd = folder.write("a\xff", "x");
-  const ScriptedReputationService service(serviceName, [&](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&](const XPCDictionary& request) {
     EXPECT_EQ(request.getString("filename"), folder.path("a\xef\xbf\xbd"));
     answerLater(request, {.level = 1});  // overtakes the reply
     answer(request, {.level = 1});
@@ -184,7 +150,7 @@ TEST_F(ClientTest, DelayedAnswersFollowTheReplyOfTheirPathWhichNeedNotBeUTF8) {
     EXPECT_FALSE(answer.delayed);
     order.push_back("reply");
   });
-  EXPECT_EQ(delayed.wait(2)[1].infectionName, "Late.Virus");
+  EXPECT_EQ(delayed.waitFor(2)[1].infectionName, "Late.Virus");
   client.close();
   EXPECT_EQ(order, (std::vector<std::string>{"reply", "unknown", "untrusted", "closed"}));
 }
@@ -192,25 +158,23 @@ TEST_F(ClientTest, DelayedAnswersFollowTheReplyOfTheirPathWhichNeedNotBeUTF8) {
 TEST_F(ClientTest, AServiceThatIsNotThereOrAdmitsNobodyFailsWhatWasAskedSoFarAndIsTriedAgain) {
   ReputationClient client(options);
   for (int i = 0; i < 200; ++i) client.ask({.path = path}, answers.collector());
-  for (const ReputationAnswer& answer : answers.wait(200))
-    EXPECT_EQ(answer.failure, ReputationFailure::serviceUnavailable) << answer.errorText;
-  std::optional<ScriptedReputationService> service;
+  expectAll(ReputationFailure::serviceUnavailable, 200, answers);
+  std::optional<ScriptedService> service;
   service.emplace(serviceName, trustAll, /*admitsPeers=*/false);
   Answers refused;
   for (int i = 0; i < 200; ++i) client.ask({.path = path}, refused.collector());
-  for (const ReputationAnswer& answer : refused.wait(200))
-    EXPECT_EQ(answer.failure, ReputationFailure::refused) << answer.errorText;
+  expectAll(ReputationFailure::refused, 200, refused);
   EXPECT_LT(service->peers(), 100U)
       << "those asked so far fail together, not each with a connection of its own";
   service.reset();
   service.emplace(serviceName, trustAll);
   client.ask({.path = path}, answers.collector());
-  EXPECT_TRUE(answers.wait(201).back().answered());
+  EXPECT_TRUE(answers.waitFor(201).back().answered());
 }
 
 TEST_F(ClientTest, ASilentServiceCostsTheTimeoutAndItsLateReplyIsDropped) {
   std::vector<XPCDictionary> held;
-  const ScriptedReputationService service(serviceName, [&held](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&held](const XPCDictionary& request) {
     if (!request.getBool("is-downloaded-file")) return held.push_back(request);
     for (const XPCDictionary& each : held) trustAll(each);
     trustAll(request);
@@ -218,16 +182,16 @@ TEST_F(ClientTest, ASilentServiceCostsTheTimeoutAndItsLateReplyIsDropped) {
   options.requestTimeout = std::chrono::milliseconds(200);
   ReputationClient client(options);
   for (int i = 0; i < 14; ++i) client.ask({.path = path, .downloaded = false}, answers.collector());
-  for (const ReputationAnswer& late : answers.wait(14)) EXPECT_EQ(late.failure, ReputationFailure::timedOut);
+  expectAll(ReputationFailure::timedOut, 14, answers);
   client.ask({.path = path, .downloaded = true}, answers.collector());
-  answers.wait(15);
+  answers.waitFor(15);
   client.close();
-  EXPECT_EQ(answers.count(), 15U);
+  EXPECT_EQ(answers.size(), 15U);
 }
 
 TEST_F(ClientTest, ADroppedRequestFailsAloneAndTheOthersKeepTheirConnection) {
   std::vector<XPCDictionary> held;
-  const ScriptedReputationService service(serviceName, [&held](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&held](const XPCDictionary& request) {
     if (request.getBool("is-downloaded-file")) return;  // dropped unanswered
     held.push_back(request);
     if (held.size() == 2)
@@ -237,41 +201,38 @@ TEST_F(ClientTest, ADroppedRequestFailsAloneAndTheOthersKeepTheirConnection) {
   Answers dropped;
   client.ask({.path = path, .downloaded = false}, answers.collector());
   client.ask({.path = path, .downloaded = true}, dropped.collector());
-  EXPECT_EQ(dropped.first().failure, ReputationFailure::connectionLost);
-  EXPECT_EQ(answers.count(), 0U);
+  expectAll(ReputationFailure::connectionLost, 1, dropped);
+  EXPECT_EQ(answers.size(), 0U);
   client.ask({.path = path, .downloaded = false}, answers.collector());
-  for (const ReputationAnswer& answer : answers.wait(2)) EXPECT_TRUE(answer.answered()) << answer.errorText;
+  expectAll(ReputationFailure::none, 2, answers);
   EXPECT_EQ(service.peers(), 1U);
 }
 
 TEST_F(ClientTest, AServiceThatEndsTwiceOverAQuestionLosesIt) {
-  std::promise<void> received[2];
-  std::optional<ScriptedReputationService> service;
-  const auto start = [&](std::promise<void>& promise) {
-    service.emplace(serviceName, [&promise](const XPCDictionary& request) {
-      if (request.getBool("is-downloaded-file")) return trustAll(request);
-      promise.set_value();
-    });
+  Inbox<bool> received;
+  const auto script = [&received](const XPCDictionary& request) {
+    request.getBool("is-downloaded-file") ? trustAll(request) : received.put(true);
   };
-  start(received[0]);
+  std::optional<ScriptedService> service;
+  service.emplace(serviceName, script);
   ReputationClient client(options);
   client.ask({.path = path, .downloaded = true, .delayedAnswer = delayed.collector()}, answers.collector());
-  answers.wait(1);
+  answers.waitFor(1);
   Answers lost;
   client.ask({.path = path, .downloaded = false}, lost.collector());
-  received[0].get_future().wait();
+  received.waitFor(1);
   service.reset();
-  EXPECT_EQ(delayed.first().failure, ReputationFailure::connectionLost);
-  start(received[1]);
-  received[1].get_future().wait();
+  expectAll(ReputationFailure::connectionLost, 1, delayed);
+  service.emplace(serviceName, script);
+  received.waitFor(2);
   client.ask({.path = path, .downloaded = true}, answers.collector());
-  answers.wait(2);
+  answers.waitFor(2);
   service.reset();
-  EXPECT_EQ(lost.first().failure, ReputationFailure::connectionLost) << lost.first().errorText;
+  expectAll(ReputationFailure::connectionLost, 1, lost);
 }
 
 TEST_F(ClientTest, ACompletionMayAskAndDestroyItsClientWhichAnswersEverything) {
-  const ScriptedReputationService service(serviceName, trustAll);
+  const ScriptedService service(serviceName, trustAll);
   auto* client = new ReputationClient(options);
   std::promise<void> destroyed;
   client->ask({.path = path}, [&](const ReputationAnswer&) {
@@ -280,8 +241,7 @@ TEST_F(ClientTest, ACompletionMayAskAndDestroyItsClientWhichAnswersEverything) {
     destroyed.set_value();
   });
   destroyed.get_future().wait();
-  for (const ReputationAnswer& answer : answers.wait(300))
-    EXPECT_EQ(answer.failure, ReputationFailure::closed);
+  expectAll(ReputationFailure::closed, 300, answers);
 }
 
 // Threads that ask, a service that dies and comes back, and a client that closes in the middle: whatever
@@ -296,7 +256,7 @@ TEST_F(ClientTest, EachQuestionIsAnsweredOnceThroughRestartsAndClosing) {
     answer(request, {.level = 1});
     answerLater(request, {.level = 2});
   };
-  std::optional<ScriptedReputationService> service;
+  std::optional<ScriptedService> service;
   service.emplace(serviceName, script);
   {
     ReputationClient client(options);
@@ -321,4 +281,3 @@ TEST_F(ClientTest, EachQuestionIsAnsweredOnceThroughRestartsAndClosing) {
 }
 
 }  // namespace
-}  // namespace qm::test

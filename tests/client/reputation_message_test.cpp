@@ -1,11 +1,7 @@
 #include "client/reputation_message.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <functional>
-#include <vector>
-
-namespace qm {
 namespace {
 
 TEST(ReputationResponse, OnlyWhatKeepsToTheProtocolIsAVerdict) {
@@ -48,4 +44,3 @@ TEST(ReputationResponse, OnlyWhatKeepsToTheProtocolIsAVerdict) {
 }
 
 }  // namespace
-}  // namespace qm

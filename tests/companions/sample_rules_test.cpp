@@ -1,13 +1,8 @@
 #include "companions/sample_rules.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fstream>
-
+#include "support/testing.hpp"
 #include "tests/companions/samples.hpp"
 
-namespace qm {
 namespace {
 
 std::string nameOf(const SampleRules& rules, const std::string& sample) {
@@ -43,7 +38,7 @@ TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
   std::vector<std::string> rejected;
   const auto rules = SampleRules::compileFolder(QM_RULES_FOLDER, &rejected);
   EXPECT_THAT(rejected, testing::IsEmpty());
-  const std::string text = test::standardTestFile();
+  const std::string text = standardTestFile();
   const std::pair<std::string, std::string> samples[] = {
       {text, "malicious EICAR-Test-File"},
       {text + std::string(59, ' ') + "\x1a", "malicious EICAR-Test-File"},
@@ -53,11 +48,8 @@ TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
       {"#!/bin/sh\ncurl -fsSL https://example.com/install.sh | sh\n", ""},
   };
   for (const auto& [sample, finding] : samples) EXPECT_EQ(nameOf(*rules, sample), finding) << sample;
-  for (const char* path : {"/bin/bash", "/usr/bin/perl", "/usr/bin/git", "/proc/self/exe"}) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_EQ(nameOf(*rules, {std::istreambuf_iterator<char>(file), {}}), "") << path;
-  }
+  for (const char* path : {"/bin/bash", "/usr/bin/perl", "/usr/bin/git", "/proc/self/exe"})
+    EXPECT_EQ(nameOf(*rules, contentOf(path)), "") << path;
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,10 +1,8 @@
 // What the companions' tests share: the standard test file, and hashes as the agent is asked for them.
 #pragma once
 
-#include <string>
-#include <string_view>
-
 #include "platform/digest.hpp"
+#include "support/testing.hpp"
 
 namespace qm::test {
 
@@ -15,15 +13,6 @@ inline std::string standardTestFile() {
 
 inline SHA256Value hashOf(std::string_view text) {
   return sha256(text.data(), text.size());
-}
-
-inline std::string hexOf(const SHA256Value& hash) {
-  std::string text;
-  for (const unsigned byte : hash) {
-    text += "0123456789abcdef"[byte / 16];
-    text += "0123456789abcdef"[byte % 16];
-  }
-  return text;
 }
 
 }  // namespace qm::test

@@ -1,23 +1,14 @@
 // The client against an agent in this process that does what the test says.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <deque>
-#include <functional>
-#include <thread>
 
 #include "platform/file_io.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "support/scripted_service.hpp"
 #include "tests/companions/completions.hpp"
-#include "tests/support/scratch_folder.hpp"
 
-namespace qm {
 namespace {
 
 using namespace skyvault;
 using namespace std::chrono_literals;
-using namespace test;
 
 constexpr std::chrono::milliseconds kLong = kPatience;
 
@@ -36,43 +27,18 @@ void reply(const XPCDictionary& answer) {
 // Each request goes to the script, or without one waits for the test to answer it when it likes.
 class Agent {
  public:
-  explicit Agent(std::function<void(const XPCDictionary& request)> script = {}) {
-    if (!script)
-      script = [state = state_](const XPCDictionary& request) {
-        const std::lock_guard lock(state->mutex);
-        state->requests.push_back(request);
-        state->changed.notify_all();
-      };
-    listener_.setEventHandler([script](const XPCObject& event) {
-      if (event.type() != XPCType::connection) return;
-      event.asConnection().setEventHandler([script](const XPCObject& message) {
-        if (message.type() == XPCType::dictionary) script(message.asDictionary());
-      });
-      event.asConnection().activate();
-    });
-    listener_.activate();
-  }
-  ~Agent() { listener_.cancel(); }
-  Agent(const Agent&) = delete;
-  Agent& operator=(const Agent&) = delete;
+  explicit Agent(ScriptedService::Script script = {})
+      : service_(
+            listener_,
+            script ? std::move(script) : [this](const XPCDictionary& request) { requests_.put(request); }) {}
 
   XPCConnection connect() const { return XPCConnection::createClient(listener_.endpoint()); }
-  XPCDictionary nextRequest() {
-    std::unique_lock lock(state_->mutex);
-    EXPECT_TRUE(state_->changed.wait_for(lock, kPatience, [&] { return !state_->requests.empty(); }));
-    const XPCDictionary request = state_->requests.at(0);
-    state_->requests.pop_front();
-    return request;
-  }
+  XPCDictionary nextRequest() { return requests_.take().value(); }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::deque<XPCDictionary> requests;
-  };
-  const std::shared_ptr<State> state_ = std::make_shared<State>();
+  Inbox<XPCDictionary> requests_;
   const XPCConnection listener_ = XPCConnection::createAnonymousListener();
+  const ScriptedService service_;
 };
 
 std::shared_ptr<SVKSkyvaultServiceClient> clientOf(const Agent& agent) {
@@ -82,7 +48,7 @@ std::shared_ptr<SVKSkyvaultServiceClient> clientOf(const Agent& agent) {
 Answer askForHash(SVKSkyvaultServiceClient& client, std::chrono::milliseconds timeout = kLong) {
   Completions completions;
   client.queryReputationForFileHash(std::string(64, 'a'), timeout, completions.make());
-  return completions.waitForOne();
+  return completions->waitForOne();
 }
 
 TEST(SkyvaultClient, CarriesItsArgumentsAndBringsTheAnswerBack) {
@@ -109,7 +75,7 @@ TEST(SkyvaultClient, CarriesItsArgumentsAndBringsTheAnswerBack) {
   XPCDictionary answer = soundAnswer(request);
   answer.setString(kInfectionNameKey, "Trojan.X");
   reply(answer);
-  const auto response = completions.waitForOne().response;
+  const auto response = completions->waitForOne().response;
   ASSERT_NE(response, nullptr);
   EXPECT_EQ(response->safetyVerdict.value, "unwanted");
   EXPECT_EQ(response->safetyVerdict.infectionName, "Trojan.X");
@@ -123,27 +89,27 @@ TEST(SkyvaultClient, WhateverHappensToACallItCompletesOnceAndTheNextOneIsServed)
   auto client = clientOf(agent);
   Completions late, twice, waiting, unreadable, last;
   client->queryReputationForFileHash("late", 30ms, late.make());
-  EXPECT_EQ(late.waitForOne().code(), ErrorCode::timedOut);
+  EXPECT_EQ(late->waitForOne().code(), ErrorCode::timedOut);
   reply(soundAnswer(agent.nextRequest()));
   client->queryReputationForFileHash("twice", kLong, twice.make());
   const XPCDictionary request = agent.nextRequest();
   for (int i = 0; i < 2; ++i) reply(soundAnswer(request));
-  EXPECT_NE(twice.waitForOne().response, nullptr);
+  EXPECT_NE(twice->waitForOne().response, nullptr);
   EXPECT_EQ(askForHash(*client, -5ms).code(), ErrorCode::timedOut);
   client->analyzeFileHandle(nullptr, {}, kLong, unreadable.make());
-  EXPECT_EQ(unreadable.waitForOne().code(), ErrorCode::unreadableSample);
+  EXPECT_EQ(unreadable->waitForOne().code(), ErrorCode::unreadableSample);
 
   for (int i = 0; i < 3; ++i) client->queryReputationForFileHash("waiting", kLong, waiting.make());
   for (int i = 0; i < 2; ++i) agent.nextRequest();
   agent.nextRequest().remoteConnection().cancel();
-  for (const Answer& answer : waiting.waitFor(3)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
-  EXPECT_EQ(late.count() + twice.count(), 2u);
+  for (const Answer& answer : waiting->waitFor(3)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
+  EXPECT_EQ(late->size() + twice->size(), 2u);
 
   client = clientOf(agent);
   client->queryReputationForFileHash("last", kLong, last.make());
   agent.nextRequest();
   client.reset();
-  EXPECT_EQ(last.waitForOne().code(), ErrorCode::connectionLost) << "the client is gone";
+  EXPECT_EQ(last->waitForOne().code(), ErrorCode::connectionLost) << "the client is gone";
 }
 
 TEST(SkyvaultClient, AnAnswerOfWrongTypesIsAnErrorThatNamesTheKey) {
@@ -185,7 +151,7 @@ TEST(SkyvaultClient, ManyThreadsAskWhileTheAgentHangsUpNowAndThen) {
       Completions completions;
       for (int call = 0; call < kCalls; ++call)
         client->queryReputationForFileHash("a", kLong, completions.make());
-      for (const Answer& answer : completions.waitFor(kCalls))
+      for (const Answer& answer : completions->waitFor(kCalls))
         ++(answer.response != nullptr ? answered : lost);
     });
   for (std::thread& thread : threads) thread.join();
@@ -196,4 +162,3 @@ TEST(SkyvaultClient, ManyThreadsAskWhileTheAgentHangsUpNowAndThen) {
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,26 +1,17 @@
 // The agent's answers, directly and as its service gives them to the real client over the transport.
 #include "companions/skyvault_service.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <latch>
-#include <thread>
-
+#include "filefacts/QMRHashProvider.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_handle.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "support/reputation_peer.hpp"
 #include "tests/companions/completions.hpp"
 #include "tests/companions/samples.hpp"
-#include "tests/support/scratch_folder.hpp"
 
-namespace qm {
 namespace {
 
 using namespace skyvault;
-using namespace test;
 
 constexpr std::chrono::milliseconds kLong = kPatience;
 constexpr std::uint64_t kExamined = kOptionFromServer | kOptionSageSuccess | kOptionSageUploaded;
@@ -29,8 +20,9 @@ constexpr std::uint64_t kWanted = kOptionFromServer | kOptionSageUploadRequested
 std::int64_t theTime = 1700000000;
 
 Dictionary metadataOf(const std::string& content) {
+  const SHA256Value hash = hashOf(content);
   const auto* start = reinterpret_cast<const std::uint8_t*>(content.data());
-  return {{"sha256", hexOf(hashOf(content))},
+  return {{"sha256", QMRHashProvider::hexStringForBytes(hash.data(), hash.size())},
           {"file_size", std::uint64_t{content.size()}},
           {"magic_bytes", base64(start, std::min<std::size_t>(content.size(), 16))}};
 }
@@ -132,19 +124,10 @@ TEST_F(SkyvaultAgent, WhatCannotBeReadWholeIsNeverTakenForExamined) {
 
 TEST_F(SkyvaultAgent, WhatItDoesNotUnderstandIsAnErrorAndNotTheEnd) {
   start({});
-  const XPCConnection raw = XPCConnection::createClient(listener_.endpoint());
-  raw.setEventHandler([](const XPCObject&) {});
-  raw.activate();
+  const ReputationPeer raw(listener_.endpoint());
   XPCDictionary message = XPCDictionary::create();
   const auto expect = [&](ErrorCode expected) {
-    std::latch answered(1);
-    std::int64_t code = 0;
-    raw.sendMessageWithReply(message, Queue::serial("test"), [&](const XPCObject& reply) {
-      if (reply.type() == XPCType::dictionary) code = reply.asDictionary().getInt64(kErrorCodeKey);
-      answered.count_down();
-    });
-    answered.wait();
-    EXPECT_EQ(static_cast<ErrorCode>(code), expected);
+    EXPECT_EQ(static_cast<ErrorCode>(raw.ask(message).getInt64(kErrorCodeKey)), expected);
   };
   expect(ErrorCode::notSupported);
   message.setString(kMetadataKey, "text");
@@ -152,10 +135,9 @@ TEST_F(SkyvaultAgent, WhatItDoesNotUnderstandIsAnErrorAndNotTheEnd) {
     message.setString(kRequestKey, request);
     expect(ErrorCode::invalidRequest);
   }
-  raw.sendMessage(message);  // no reply wanted: ignored
+  raw.tell(message);  // ignored
   message.setString(kSHA256Key, "nonsense");
   expect(ErrorCode::invalidRequest);
-  raw.cancel();
 }
 
 TEST_F(SkyvaultAgent, SamplesPastTheBoundAreTurnedAwayAndLookUpsGoOn) {
@@ -164,18 +146,13 @@ TEST_F(SkyvaultAgent, SamplesPastTheBoundAreTurnedAwayAndLookUpsGoOn) {
   Completions slow, tooMany, lookUp, metadata;
   client->analyzeFileHandle(sample("first"), {}, kLong, slow.make());
   client->analyzeFileHandle(sample("first"), {}, kLong, tooMany.make());
-  EXPECT_EQ(tooMany.waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
+  EXPECT_EQ(tooMany->waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
   client->analyzeMetadata(metadataOf("#!/bin/sh"), kLong, metadata.make());
-  EXPECT_EQ(metadata.waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
+  EXPECT_EQ(metadata->waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
   client->queryReputationForFileHash(std::string(64, 'a'), kLong, lookUp.make());
-  EXPECT_NE(lookUp.waitForOne().response, nullptr);
-  EXPECT_EQ(slow.count(), 0u);
-  EXPECT_EQ(slow.waitForOne().response->options, kNotExamined) << "a scan out of time is no all-clear";
-}
-
-std::size_t openDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+  EXPECT_NE(lookUp->waitForOne().response, nullptr);
+  EXPECT_EQ(slow->size(), 0u);
+  EXPECT_EQ(slow->waitForOne().response->options, kNotExamined) << "a scan out of time is no all-clear";
 }
 
 TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
@@ -183,21 +160,18 @@ TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
   const auto client = makeClient();
   Completions warm, lost, last;
   client->queryReputationForFileHash(std::string(64, 'a'), kLong, warm.make());
-  warm.waitForOne();
+  warm->waitForOne();
   const std::size_t before = openDescriptors();
   auto vanishing = makeClient();
   for (int i = 0; i < 20; ++i) vanishing->analyzeFileHandle(sample("sample"), {}, kLong, lost.make());
   // Requests of one connection are taken in order: with this answer all samples are there.
   vanishing->queryReputationForFileHash(std::string(64, 'a'), kLong, last.make());
-  EXPECT_NE(last.waitForOne().response, nullptr);
+  EXPECT_NE(last->waitForOne().response, nullptr);
   EXPECT_GT(openDescriptors(), before + 15);
   vanishing.reset();
-  for (const Answer& answer : lost.waitFor(20)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
+  for (const Answer& answer : lost->waitFor(20)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
   // Samples that wait are dropped: examining them all would take twenty seconds.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  while (openDescriptors() > before && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_LE(openDescriptors(), before);
+  EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; }, std::chrono::seconds(15)));
 }
 
 }  // namespace
-}  // namespace qm

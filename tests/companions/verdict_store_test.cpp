@@ -1,16 +1,11 @@
 #include "companions/verdict_store.hpp"
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 
-#include <fstream>
-
+#include "support/testing.hpp"
 #include "tests/companions/samples.hpp"
-#include "tests/support/scratch_folder.hpp"
 
-namespace qm {
 namespace {
 
 using Access = VerdictStore::Access;
@@ -19,17 +14,12 @@ const StoredVerdict kMalicious{"malicious", "Trojan.Test", 3, 3600, kVerdictSour
 const StoredVerdict kAnalysed{"pu", std::nullopt, 0, 60, kVerdictSourceAnalysis, 1700000001};
 
 SHA256Value numbered(unsigned number) {
-  return test::hashOf("sample " + std::to_string(number));
+  return hashOf("sample " + std::to_string(number));
 }
 std::vector<VerdictStore::Entry> entriesFrom(unsigned first, unsigned count) {
   std::vector<VerdictStore::Entry> entries;
   for (unsigned i = 0; i < count; ++i) entries.emplace_back(numbered(first + i), kMalicious);
   return entries;
-}
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 class VerdictStoreTest : public testing::Test {
@@ -50,7 +40,7 @@ class VerdictStoreTest : public testing::Test {
     return {database, sqlite3_close};
   }
 
-  test::ScratchFolder folder_;
+  ScratchFolder folder_;
   const std::string path_ = folder_.path("qxmac/var/verdicts.sqlite");
   ErrorPtr error_;
 };
@@ -128,4 +118,3 @@ TEST_F(VerdictStoreTest, ALookupDoesNotWaitForAWriterAndAWriterThatWaitsTooLongS
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,33 +1,21 @@
 #include "daemon/peers.hpp"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <optional>
-#include <thread>
-
 #include "daemon/daemon_support.hpp"
-#include "support/log_recorder.hpp"
 #include "validation/QRMXPCConnectionValidator.hpp"
 
-namespace qm::test {
 namespace {
 
-// Finds every program valid; the first check does not return before a later one has begun.
-class FirstHangsVerifier final : public QMRSignatureVerifier {
+// Finds every program valid, when it is asked about two at once.
+class BothAtOnceVerifier final : public QMRSignatureVerifier {
  public:
   std::shared_ptr<QMRSignatureVerificationResult> verifyAuditToken(
       const AuditToken&, const std::optional<std::string>&) const override {
-    if (calls_++ > 0)
-      later_.set_value();
-    else if (later_.get_future().wait_for(kPatience) != std::future_status::ready)
-      ADD_FAILURE() << "the second peer waits for the first";
+    both_.arrive_and_wait();
     return std::make_shared<QMRSignatureVerificationResult>();
   }
 
  private:
-  mutable std::atomic<int> calls_ = 0;
-  mutable std::promise<void> later_;
+  mutable std::latch both_{2};
 };
 
 class Peers : public ::testing::Test {
@@ -35,12 +23,11 @@ class Peers : public ::testing::Test {
   void SetUp() override {
     ListenerContext context;
     context.validator = std::make_shared<QRMXPCConnectionValidator>();
-    context.validator->setSignatureVerifier(std::make_shared<FirstHangsVerifier>());
+    context.validator->setSignatureVerifier(std::make_shared<BothAtOnceVerifier>());
     context.requestHandlingQueue = Queue::concurrent("com.quillmarsh.reputationhandlingqueue");
     context.makeProvider = [this] {
       auto provider = std::make_shared<SubstituteProvider>();
-      const std::lock_guard lock(mutex_);
-      providers_.push_back(provider);
+      providers_.put(provider);
       return provider;
     };
     listener_.setEventHandler([context](const XPCObject& event) {
@@ -49,48 +36,41 @@ class Peers : public ::testing::Test {
     listener_.activate();
   }
   void TearDown() override { listener_.cancel(); }
-  std::vector<std::shared_ptr<SubstituteProvider>> providers() {
-    const std::lock_guard lock(mutex_);
-    std::vector<std::shared_ptr<SubstituteProvider>> living;
-    for (const auto& provider : providers_)
-      if (auto strong = provider.lock()) living.push_back(std::move(strong));
-    return living;
+  std::size_t livingProviders() const {
+    const auto providers = providers_.waitFor(2);
+    return static_cast<std::size_t>(
+        std::ranges::count_if(providers, [](const auto& p) { return !p.expired(); }));
   }
 
   LogRecorder recorder_;
-  XPCConnection listener_ = XPCConnection::createAnonymousListener();
-
- private:
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<SubstituteProvider>> providers_;
+  const XPCConnection listener_ = XPCConnection::createAnonymousListener();
+  Inbox<std::weak_ptr<SubstituteProvider>> providers_;
 };
 
 TEST_F(Peers, EachPeerHasAProviderOfItsOwnThatEndsWithItAndNoneWaitsForAnothersVerification) {
-  std::optional<Client> first(listener_.endpoint());
-  Client second(listener_.endpoint());
+  std::optional<ReputationPeer> first(listener_.endpoint());
+  const ReputationPeer second(listener_.endpoint());
   first->waitUntilSeen();
   second.waitUntilSeen();
-  ASSERT_EQ(providers().size(), 2U);
   EXPECT_TRUE(recorder_.has(LogLevel::debug, "==== Will use reputation provider <substitute>"));
 
   // Which of the two is whose is not said: the answer pushed through one reaches exactly one.
   const auto result =
       std::make_shared<QMRFileReputationResult>("/tmp/x", 501, 0, std::optional<std::string>("Bad"), 3, 60);
-  for (const auto& provider : providers()) {
-    EXPECT_EQ(provider->base, (Dictionary{{"context", "local_file"}}));
+  for (const auto& each : providers_.waitFor(2)) {
+    const auto provider = each.lock();
+    EXPECT_EQ(provider->baseMetadata(), (Dictionary{{"context", "local_file"}}));
     provider->delayedResponseCallback()(result, nullptr);
   }
   first->waitUntilSeen();
   second.waitUntilSeen();
-  ASSERT_EQ(first->messages().size(), 1U);
-  ASSERT_EQ(second.messages().size(), 1U);
+  ASSERT_EQ(first->unasked().size(), 1U);
+  ASSERT_EQ(second.unasked().size(), 1U);
   EXPECT_TRUE(recorder_.hasContaining(LogLevel::standard, "Forwarding delayed reputation response "));
 
   first.reset();
-  const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (providers().size() == 2 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-  EXPECT_EQ(providers().size(), 1U) << "one of the two has gone with its peer";
+  EXPECT_TRUE(eventually([&] { return livingProviders() < 2; }));
+  EXPECT_EQ(livingProviders(), 1U) << "one of the two has gone with its peer";
 }
 
 }  // namespace
-}  // namespace qm::test

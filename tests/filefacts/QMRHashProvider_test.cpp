@@ -1,19 +1,11 @@
 #include "filefacts/QMRHashProvider.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <filesystem>
-
 #include "platform/file_io.hpp"
-#include "support/log_recorder.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
-using qm::LogLevel;
+using HashProvider = RecordedTest;
 
 std::string description(const char* sha1, const char* sha256) {
   return std::string("<QMRHashCacheEntry: sha1: ") + sha1 + " sha256: " + sha256 + ">";
@@ -23,8 +15,7 @@ const std::string kOfNothing =
     description("da39a3ee5e6b4b0d3255bfef95601890afd80709",
                 "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
 
-TEST(HashProvider, HashesShortFiles) {
-  const qm::test::ScratchFolder folder;
+TEST_F(HashProvider, HashesShortFiles) {
   const std::pair<std::string, std::string> cases[] = {
       {"", kOfNothing},
       {"The quick brown fox jumps over the lazy dog",
@@ -35,16 +26,15 @@ TEST(HashProvider, HashesShortFiles) {
     const auto entry = QMRHashProvider::generateHashesForPath(folder.write("f", content));
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->description(), expected);
-    EXPECT_EQ(entry->magicBytes(), qm::Data(content.data(), std::min<std::size_t>(content.size(), 16)));
+    EXPECT_EQ(entry->magicBytes(), Data(content.data(), std::min<std::size_t>(content.size(), 16)));
   }
 }
 
-TEST(HashProvider, ALargeFileIsReadInPortionsOfTheBuffer) {
-  const qm::test::ScratchFolder folder;
+TEST_F(HashProvider, ALargeFileIsReadInPortionsOfTheBuffer) {
   std::string content(40 * 1024 * 1024, '\0');
   for (std::size_t i = 0; i < content.size(); i += 997) content[i] = static_cast<char>(i / 997);
   content.replace(0, 16, "first 16 bytes..");
-  const qm::FileDescriptor file = qm::openForReading(folder.write("f", content).c_str());
+  const FileDescriptor file = openForReading(folder.write("f", content).c_str());
   ASSERT_EQ(::lseek(file.get(), 7, SEEK_SET), 7);
 
   const auto entry = QMRHashProvider::generateHashesForFiledescriptor(file.get(), content.size());
@@ -52,52 +42,44 @@ TEST(HashProvider, ALargeFileIsReadInPortionsOfTheBuffer) {
   const auto expected = QMRHashProvider::generateHashesForBuffer(content.data(), content.size());
   EXPECT_EQ(entry->sha1(), expected->sha1());
   EXPECT_EQ(entry->sha256(), expected->sha256());
-  EXPECT_EQ(entry->magicBytes(), qm::Data("first 16 bytes..", 16));
+  EXPECT_EQ(entry->magicBytes(), Data("first 16 bytes..", 16));
   EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 7);
 }
 
-TEST(HashProvider, TheLimitOfTheSizeIsExact) {
-  const qm::test::ScratchFolder folder;
+TEST_F(HashProvider, TheLimitOfTheSizeIsExact) {
   const std::string path = folder.write("f", "");
-  std::filesystem::resize_file(path, 536'870'912);
-  EXPECT_NE(QMRHashProvider::generateHashesForPath(path), nullptr);
   std::filesystem::resize_file(path, 536'870'913);
-  const qm::test::LogRecorder recorder;
   EXPECT_EQ(QMRHashProvider::generateHashesForPath(path), nullptr);
   EXPECT_TRUE(recorder.has(LogLevel::error, "Error: file too big (536870913 bytes) for hashing"));
   EXPECT_FALSE(recorder.hasContaining(LogLevel::debug, "Read and hashed"));
+  std::filesystem::resize_file(path, 536'870'912);
+  EXPECT_NE(QMRHashProvider::generateHashesForPath(path), nullptr);
 }
 
-TEST(HashProvider, WhatIsNotAsAnnouncedOrCannotBeReadIsAnError) {
-  const qm::test::ScratchFolder folder;
-  const qm::FileDescriptor file = qm::openForReading(folder.write("f", "0123456789").c_str());
-  const qm::FileDescriptor endless = qm::openForReading("/dev/zero");
-  const qm::FileDescriptor directory = qm::openForReading(folder.path().c_str());
+TEST_F(HashProvider, WhatIsNotAsAnnouncedOrCannotBeReadIsAnError) {
+  const FileDescriptor file = openForReading(folder.write("f", "0123456789").c_str());
+  const FileDescriptor endless = openForReading("/dev/zero");
+  const FileDescriptor directory = openForReading(folder.path().c_str());
   const struct {
     int descriptor;
     std::uint64_t size;
     int code;
-    qm::Dictionary userInfo;
+    Dictionary userInfo;
     std::string line;
   } cases[] = {
-      {file.get(),
-       9,
-       101,
-       {},
-       "Read byte count 10 does not match expected size 9, file may have been truncated"},
-      {file.get(), 536'870'912, 101, {}, "Read byte count 10 does not match expected size 536870912, "},
       {endless.get(), 536'870'912, 101, {}, "Read byte count "},
+      {file.get(), 9, 101, {}, "Read byte count 10 does not match expected size 9, file may have been trunc"},
+      {file.get(), 536'870'912, 101, {}, "Read byte count 10 does not match expected size 536870912, "},
       {directory.get(), 10, 100, {{"errno", EISDIR}}, "Error reading from file descriptor (errno=21): Is a "},
       {-1, 10, 100, {{"errno", EBADF}}, "Error reading from file descriptor (errno=9): Bad file descriptor"},
       {-1, UINT64_MAX, 104, {}, "Error: file too big (18446744073709551615 bytes) for hashing"},
   };
   for (const auto& [descriptor, size, code, userInfo, line] : cases) {
-    const qm::test::LogRecorder recorder;
-    qm::ErrorPtr error;
+    ErrorPtr error;
     EXPECT_EQ(QMRHashProvider::generateHashesForFiledescriptor(descriptor, size, &error), nullptr);
     ASSERT_NE(error, nullptr) << line;
-    EXPECT_EQ(*error, qm::Error("com.quillmarsh.qmrhashprovider", code, userInfo));
-    EXPECT_TRUE(recorder.hasContaining(LogLevel::error, line)) << line;
+    EXPECT_EQ(*error, Error("com.quillmarsh.qmrhashprovider", code, userInfo));
+    EXPECT_TRUE(recorder.hasError(line)) << line;
   }
   // Announced as empty it is not read.
   const auto entry = QMRHashProvider::generateHashesForFiledescriptor(file.get(), 0);
@@ -105,17 +87,16 @@ TEST(HashProvider, WhatIsNotAsAnnouncedOrCannotBeReadIsAnError) {
   EXPECT_EQ(entry->description(), kOfNothing);
 }
 
-TEST(HashProvider, RemembersByPathUntilItIsTold) {
-  const qm::test::ScratchFolder folder;
+TEST_F(HashProvider, RemembersByPathUntilItIsTold) {
   const std::string path = folder.write("f", "before");
   QMRHashProvider provider;
   const auto first = provider.hashesForPath(path);
   folder.write("f", "after");
   EXPECT_EQ(provider.hashesForPath(path), first);
   provider.invalidateHashesForPath(path);
-  EXPECT_EQ(provider.hashesForPath(path)->magicBytes(), qm::Data("after", 5));
+  EXPECT_EQ(provider.hashesForPath(path)->magicBytes(), Data("after", 5));
   // Failures are not remembered.
-  qm::ErrorPtr error;
+  ErrorPtr error;
   EXPECT_EQ(provider.hashesForPath(folder.path("g"), &error), nullptr);
   EXPECT_EQ(error->code(), 102);
   folder.write("g", "now");

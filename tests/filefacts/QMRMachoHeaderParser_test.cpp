@@ -1,18 +1,9 @@
 #include "filefacts/QMRMachoHeaderParser.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <vector>
-
 #include "platform/file_io.hpp"
-#include "support/log_recorder.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
 namespace {
-
-using qm::LogLevel;
 
 constexpr std::uint32_t kMarker = 0xCACACA01;
 
@@ -40,18 +31,16 @@ std::string machO(bool is64, bool isBigEndian, const std::vector<Command>& comma
   return bytes;
 }
 
-class MachoHeaderParser : public ::testing::Test {
+class MachoHeaderParser : public RecordedTest {
  protected:
   bool isAOT(const std::string& content) {
-    const std::string path = folder_.write("f", content);
-    const qm::FileDescriptor file = qm::openForReading(path.c_str());
+    const std::string path = folder.write("f", content);
+    const FileDescriptor file = openForReading(path.c_str());
     const bool byDescriptor = QMRMachoHeaderParser::isAOTBinaryAtPath(std::nullopt, file.get());
     EXPECT_EQ(QMRMachoHeaderParser::isAOTBinaryAtPath(path, -1), byDescriptor);
     EXPECT_NE(::fcntl(file.get(), F_GETFD), -1) << "the descriptor was closed";
     return byDescriptor;
   }
-
-  const qm::test::ScratchFolder folder_;
 };
 
 TEST_F(MachoHeaderParser, FindsTheMarkerInThinFilesOfBothSizesAndByteOrders) {
@@ -88,35 +77,29 @@ TEST_F(MachoHeaderParser, DamagedFilesAreNotTranslatedOnes) {
 
 TEST_F(MachoHeaderParser, UniversalAndOtherFilesAreSkipped) {
   const std::string thin = machO(true, false, {{kMarker, 8}}, 1);
-  for (const std::uint32_t magic : {0xCAFEBABEU, 0xCAFEBABFU, 0xBEBAFECAU, 0xBFBAFECAU}) {
-    const qm::test::LogRecorder recorder;
+  for (const std::uint32_t magic : {0xCAFEBABEU, 0xCAFEBABFU, 0xBEBAFECAU, 0xBFBAFECAU})
     EXPECT_FALSE(isAOT(word(magic, false) + thin.substr(4)));
-    EXPECT_TRUE(recorder.has(LogLevel::debug, "Skipping fat binaries"));
-  }
-  const qm::test::LogRecorder recorder;
+  EXPECT_EQ(recorder.count(LogLevel::debug, "Skipping fat binaries"), 8U);
   for (const char* const content : {"", "\xcf\xfa\xed", "#!/bin/sh\n"}) EXPECT_FALSE(isAOT(content));
   const char* const line = "Skipping file with non intesting magic (non MachO binary)";
   EXPECT_EQ(recorder.count(LogLevel::debug, line), 6U);
 }
 
 TEST_F(MachoHeaderParser, DescriptorsThatAreRefused) {
-  const qm::test::LogRecorder recorder;
   for (const int descriptor : {0, -1, 1'000'000})
     EXPECT_FALSE(QMRMachoHeaderParser::isAOTBinaryAtPath(std::nullopt, descriptor));
   EXPECT_TRUE(recorder.has(LogLevel::error, "Could not open file at (null) (0)"));
-  EXPECT_TRUE(
-      recorder.hasContaining(LogLevel::error, "Error occurred while loading contents: Error Domain="));
+  EXPECT_TRUE(recorder.hasError("Error occurred while loading contents: Error Domain="));
 }
 
 TEST_F(MachoHeaderParser, AnUnreadablePathIsJudgedByItsExtension) {
-  const std::string missing = folder_.path("missing.aot");
-  const qm::test::LogRecorder recorder;
+  const std::string missing = folder.path("missing.aot");
   EXPECT_TRUE(QMRMachoHeaderParser::isAOTBinaryAtPath(missing, -1));
   EXPECT_TRUE(recorder.has(
       LogLevel::debug,
       "File at " + missing + " cannot be accessed but has .aot extension. Treating it as AOT binary"));
-  EXPECT_FALSE(QMRMachoHeaderParser::isAOTBinaryAtPath(folder_.path("missing"), 3));
-  EXPECT_FALSE(QMRMachoHeaderParser::isAOTBinaryAtPath(folder_.write("readable.aot", "text"), -1));
+  EXPECT_FALSE(QMRMachoHeaderParser::isAOTBinaryAtPath(folder.path("missing"), 3));
+  EXPECT_FALSE(QMRMachoHeaderParser::isAOTBinaryAtPath(folder.write("readable.aot", "text"), -1));
 }
 
 }  // namespace

@@ -1,29 +1,21 @@
 #include "filefacts/QMRMetaDataProvider.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
-#include <array>
-#include <cerrno>
-#include <cstring>
-
 #include "platform/file_io.hpp"
-#include "support/log_recorder.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
+using MetaDataProvider = RecordedTest;
+
 using namespace std::string_literals;
-using qm::LogLevel;
 
 // The rendered value of the attribute, or a null pointer when it was left out.
-const qm::Value* valueOf(const qm::Array& attributes, std::string_view name) {
-  for (const qm::Value& attribute : attributes) {
-    const auto* const record = attribute.as<qm::Dictionary>();
-    if (record != nullptr && *qm::find<std::string>(*record, "attribute") == name)
-      return qm::find(*record, "value");
+const Value* valueOf(const Array& attributes, std::string_view name) {
+  for (const Value& attribute : attributes) {
+    const auto* const record = attribute.as<Dictionary>();
+    if (record != nullptr && *find<std::string>(*record, "attribute") == name) return find(*record, "value");
   }
   return nullptr;
 }
@@ -35,25 +27,22 @@ std::string dictionaryList() {
          "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5"s + "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x18"s;
 }
 
-TEST(MetaDataProvider, TimesByPathAndByDescriptor) {
-  const qm::test::ScratchFolder folder;
+TEST_F(MetaDataProvider, TimesByPathAndByDescriptor) {
   const std::string path = folder.write("f", "x");
   const std::array<timespec, 2> times{timespec{1'500'000'000, 999'999'999}, timespec{1'400'000'000, 1}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
-  const qm::FileDescriptor file = qm::openForReading(path.c_str());
-  for (const qm::Dictionary& info : {QMRMetaDataProvider::fileInfoForPath(path.c_str()),
-                                     QMRMetaDataProvider::fileInfoForFiledescriptor(file.get()),
-                                     QMRMetaDataProvider::fileInfoForPath(path.c_str(), -1)}) {
-    EXPECT_EQ(info.at("accessed"), qm::Value(1'500'000'000));
-    EXPECT_EQ(info.at("modified"), qm::Value(1'400'000'000));
+  const FileDescriptor file = openForReading(path.c_str());
+  for (const Dictionary& info : {QMRMetaDataProvider::fileInfoForPath(path.c_str()),
+                                 QMRMetaDataProvider::fileInfoForFiledescriptor(file.get()),
+                                 QMRMetaDataProvider::fileInfoForPath(path.c_str(), -1)}) {
+    EXPECT_EQ(info.at("accessed"), Value(1'500'000'000));
+    EXPECT_EQ(info.at("modified"), Value(1'400'000'000));
     EXPECT_TRUE(info.contains("created"));
   }
 }
 
-TEST(MetaDataProvider, WhatCannotBeReadIsLeftOut) {
-  const qm::test::ScratchFolder folder;
+TEST_F(MetaDataProvider, WhatCannotBeReadIsLeftOut) {
   const std::string missing = folder.path("missing");
-  const qm::test::LogRecorder recorder;
   EXPECT_TRUE(QMRMetaDataProvider::fileInfoForPath(missing.c_str()).empty());
   EXPECT_TRUE(QMRMetaDataProvider::fileInfoForFiledescriptor(-1).empty());
   EXPECT_TRUE(recorder.has(
@@ -62,8 +51,7 @@ TEST(MetaDataProvider, WhatCannotBeReadIsLeftOut) {
   EXPECT_TRUE(recorder.has(LogLevel::error, "Error listing extended attributes for (null), errno=9"));
 }
 
-TEST(MetaDataProvider, ExtendedAttributesAreRenderedByTheirKindOrLeftOut) {
-  const qm::test::ScratchFolder folder;
+TEST_F(MetaDataProvider, ExtendedAttributesAreRenderedByTheirKindOrLeftOut) {
   const std::string path = folder.write("f", "");
   const std::pair<std::string, const char*> cases[] = {
       {"0083;5f3c1a2b;Safari;UUID", "0083;5f3c1a2b;Safari;UUID"},
@@ -77,17 +65,15 @@ TEST(MetaDataProvider, ExtendedAttributesAreRenderedByTheirKindOrLeftOut) {
       {"caf\xe9", "left out"},
       {"bplist00\x01\xff", "left out"},
   };
-  const qm::test::LogRecorder recorder;
   for (const auto& [content, expected] : cases) {
     if (::setxattr(path.c_str(), "user.case", content.data(), content.size(), 0) != 0)
       GTEST_SKIP() << "no user attributes on " << folder.path() << ": " << std::strerror(errno);
-    const qm::Array attributes = QMRMetaDataProvider::extendedAttributesForPath(path.c_str(), -1);
-    const qm::Value* const value = valueOf(attributes, "user.case");
+    const Array attributes = QMRMetaDataProvider::extendedAttributesForPath(path.c_str(), -1);
+    const Value* const value = valueOf(attributes, "user.case");
     EXPECT_EQ(value == nullptr ? "left out" : value->description(), expected) << content;
   }
   EXPECT_TRUE(recorder.has(LogLevel::error, "Failed to decode data in xattr user.case, ignoring"));
-  EXPECT_TRUE(recorder.hasContaining(
-      LogLevel::error, "Error parsing binary plist: Error Domain=NSCocoaErrorDomain Code=3840 "));
+  EXPECT_TRUE(recorder.hasError("Error parsing binary plist: Error Domain=NSCocoaErrorDomain Code=3840 "));
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 #include "filefacts/QMRPathAnonymizer.hpp"
 
-#include <gtest/gtest.h>
-
-#include <utility>
+#include "support/testing.hpp"
 
 namespace {
 

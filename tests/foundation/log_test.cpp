@@ -1,13 +1,7 @@
 #include "foundation/log.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <atomic>
-#include <thread>
-
-#include "support/log_recorder.hpp"
-
-namespace qm {
 namespace {
 
 enum class Colour : std::uint8_t { red = 3 };
@@ -21,7 +15,7 @@ Log& testLog() {
 }
 
 TEST(LogLines, HideDynamicTextAndObjectsUnlessTheyArePublic) {
-  const test::LogRecorder recorder;
+  const LogRecorder recorder;
   setLogSettings(nullptr);
   const std::string path = "/secret";
   const Fruit fruit;
@@ -35,7 +29,7 @@ TEST(LogLines, HideDynamicTextAndObjectsUnlessTheyArePublic) {
 }
 
 TEST(LogLines, FillEveryKindOfPlaceholder) {
-  const test::LogRecorder recorder;
+  const LogRecorder recorder;
   const void* pointer = reinterpret_cast<const void*>(std::uintptr_t{0xabc0});
   const void* none = nullptr;
   QM_LOG(testLog(), "100%% %p %p|%x %u|%ld %lld %zu", pointer, none, 255U, 7U, -1L, -2LL, std::size_t{9});
@@ -43,7 +37,7 @@ TEST(LogLines, FillEveryKindOfPlaceholder) {
   const char* text = nullptr;
   QM_LOG(testLog(), "%@ %s %@ %@", std::make_shared<Fruit>(), text, ErrorPtr(), std::optional<std::string>());
   QM_LOG(testLog(), "%.3s|%.3s", "abcdef", "a\u20AC");
-  const std::vector<test::LogLine> lines = recorder.lines();
+  const std::vector<LogLine> lines = recorder.lines();
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_EQ(lines[0].message, "100% 0xabc0 0x0|ff 7|-1 -2 9");
   EXPECT_EQ(lines[1].message, "1 3 0.667 1.500000 007");
@@ -52,7 +46,7 @@ TEST(LogLines, FillEveryKindOfPlaceholder) {
 }
 
 TEST(LogLevels, ThatAreOffEvaluateNothing) {
-  const test::LogRecorder recorder;
+  const LogRecorder recorder;
   setLogSettings(nullptr);
   int evaluated = 0;
   const auto argument = [&] { return ++evaluated; };
@@ -104,4 +98,3 @@ TEST(LogSinks, CanBeSwappedWhileLinesAreWritten) {
 }
 
 }  // namespace
-}  // namespace qm

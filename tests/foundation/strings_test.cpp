@@ -1,10 +1,7 @@
 #include "foundation/strings.hpp"
 
-#include <gmock/gmock.h>
+#include "support/testing.hpp"
 
-#include <limits>
-
-namespace qm {
 namespace {
 
 using testing::ElementsAre;
@@ -82,4 +79,3 @@ TEST(Strings, IllFormedUTF8IsRecognisedAndReplaced) {
 }
 
 }  // namespace
-}  // namespace qm

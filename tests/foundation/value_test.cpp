@@ -1,14 +1,8 @@
 #include "foundation/value.hpp"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <numeric>
-
 #include "foundation/error.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 Data bytesUpTo(std::uint8_t length) {
@@ -84,4 +78,3 @@ TEST(ValueNumbers, ConvertWithoutUndefinedBehaviour) {
 }
 
 }  // namespace
-}  // namespace qm

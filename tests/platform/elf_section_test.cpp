@@ -1,17 +1,11 @@
 #include "platform/linux/elf_section.hpp"
 
 #include <elf.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <functional>
-#include <string>
 
 #include "platform/file_io.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 // A file of header, two contents and a table of three sections: null, names, and the wanted one.
@@ -90,4 +84,3 @@ TEST(ElfSection, NoFileIsBelievedUnchecked) {
 }
 
 }  // namespace
-}  // namespace qm

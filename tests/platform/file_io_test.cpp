@@ -1,19 +1,8 @@
 #include "platform/file_io.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <filesystem>
-
 #include "platform/file_handle.hpp"
 #include "support/child_process.hpp"
-#include "support/scratch_folder.hpp"
 
-namespace qm {
 namespace {
 
 TEST(FileStatus, OfADescriptorThatIsNoneIsAnError) {
@@ -26,7 +15,7 @@ TEST(FileStatus, OfADescriptorThatIsNoneIsAnError) {
 }
 
 TEST(OpenForReading, DoesNotWaitForTheWriterOfAFIFO) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   ASSERT_EQ(::mkfifo(folder.path("fifo").c_str(), 0600), 0);
   const FileDescriptor fifo = openForReading(folder.path("fifo").c_str());
   ASSERT_TRUE(fifo);
@@ -36,7 +25,7 @@ TEST(OpenForReading, DoesNotWaitForTheWriterOfAFIFO) {
 }
 
 TEST(ReadTextFile, ContentAndErrors) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   const std::string large(100'000, 'x');
   EXPECT_EQ(readTextFile(folder.write("bom", "\xef\xbb\xbf" + large)), large);
   const std::pair<std::string, std::int64_t> failures[] = {
@@ -63,13 +52,13 @@ std::string processPathText(std::int32_t pid) {
 }
 
 TEST(ProcessPath, TellsWhatRunsFromWhatWasDeletedAndWhatEnded) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   const std::string odd = folder.path("cat (deleted)");
   const std::string plain = folder.path("cat");
   std::filesystem::copy_file("/bin/cat", odd);
   std::filesystem::copy_file("/bin/cat", plain);
-  test::ChildProcess oddlyNamed({odd});
-  test::ChildProcess deleted({plain});
+  ChildProcess oddlyNamed({odd});
+  ChildProcess deleted({plain});
   std::filesystem::remove(plain);
   EXPECT_EQ(processPathText(oddlyNamed.pid()), odd);
   // The system now reports the very name of the other file for it.
@@ -84,7 +73,7 @@ TEST(ProcessPath, TellsWhatRunsFromWhatWasDeletedAndWhatEnded) {
 }
 
 TEST(FileHandle, OwnsItsDescriptorWhenToldAndReadsFromWhereItWasSought) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   FileDescriptor file = openForReading(folder.write("f", "0123456789").c_str());
   FileStatus status;
   { const FileHandle borrowed(file.get(), false); }
@@ -110,4 +99,3 @@ TEST(FileHandle, FailsOnFoldersAndClosedDescriptors) {
 }
 
 }  // namespace
-}  // namespace qm

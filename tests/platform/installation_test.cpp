@@ -1,11 +1,10 @@
 // Where an installation finds itself.
-#include <gtest/gtest.h>
 
 #include "platform/linux/run_folder.hpp"
 #include "platform/main_bundle.hpp"
 #include "platform/system_root.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 TEST(SystemRoot, FollowsFromWhereTheProgramLies) {
@@ -32,4 +31,3 @@ TEST(SystemRoot, FollowsFromWhereTheProgramLies) {
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,14 +1,9 @@
 #include "platform/interruption.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 // Status of a child that raises the signal twice, the second time when its block has run.
@@ -40,4 +35,3 @@ TEST(Interruption, TheFirstSignalRunsTheBlockTheSecondEndsTheProcessAndAnIgnored
 }
 
 }  // namespace
-}  // namespace qm

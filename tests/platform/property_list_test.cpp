@@ -1,12 +1,7 @@
 #include "platform/property_list.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
-namespace qm {
 namespace {
 
 std::optional<Value> parse(const std::string& text, ErrorPtr* error = nullptr) {
@@ -161,4 +156,3 @@ TEST(PropertyList, OtherBytesAreAnUnquotedStringOrAnError) {
 }
 
 }  // namespace
-}  // namespace qm

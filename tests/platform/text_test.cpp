@@ -1,11 +1,7 @@
 #include "platform/text.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <string>
-#include <vector>
-
-namespace qm {
 namespace {
 
 TEST(Text, CaseIsThatOfFullUnicode) {
@@ -61,4 +57,3 @@ TEST(RegularExpression, ReplacesEveryMatch) {
 }
 
 }  // namespace
-}  // namespace qm

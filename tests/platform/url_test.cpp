@@ -1,10 +1,7 @@
 #include "platform/url.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <string>
-
-namespace qm {
 namespace {
 
 TEST(URL, KeepsItsSpellingAndKnowsItsHost) {
@@ -39,4 +36,3 @@ TEST(URL, WhatIsNoneIsRefused) {
 }
 
 }  // namespace
-}  // namespace qm

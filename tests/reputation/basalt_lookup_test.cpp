@@ -1,24 +1,11 @@
 #include "reputation/backends/QMRBasaltReputationLookup.hpp"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <future>
-#include <thread>
-
 #include "reputation/reputation_support.hpp"
-#include "support/log_recorder.hpp"
 
 namespace {
 
-using qm::LogLevel;
-using qm::test::expectAnswer;
-using qm::test::expectFailure;
-using qm::test::makeRequest;
-using qm::test::Replies;
 using namespace std::chrono_literals;
-namespace level = qm::reputation_level;
+namespace level = reputation_level;
 
 constexpr std::uint64_t kFromServer = 1, kSageSuccess = 16, kUploadRequested = 32;
 
@@ -41,67 +28,47 @@ class SkyvaultSubstitute final : public SVKSkyvaultServiceClientProtocol {
   struct Call {
     std::string operation;
     std::string hash;
-    qm::Dictionary metadata;
-    std::shared_ptr<qm::FileHandle> fileHandle;
+    Dictionary metadata;
+    std::shared_ptr<FileHandle> fileHandle;
     std::chrono::milliseconds timeout{0};
     Completion completion;
 
     void answer(const Answer& answer) const { completion(answer.response(), nullptr); }
-    void fail(const qm::ErrorPtr& error) const { completion(nullptr, error); }
+    void fail(const ErrorPtr& error) const { completion(nullptr, error); }
   };
 
-  // The oldest call that has not been taken yet, if there is one.
-  std::optional<Call> next() {
-    const std::lock_guard lock(mutex_);
-    if (calls_.empty()) return std::nullopt;
-    std::optional<Call> call = std::move(calls_.front());
-    calls_.pop_front();
-    return call;
-  }
-  // The same, waiting for one of the operation.
+  // The oldest call that has not been taken yet, which must be one of the operation.
   Call take(const std::string& operation) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, qm::test::kPatience, [&] { return !calls_.empty(); })) << operation;
-    lock.unlock();
-    Call call = next().value_or(Call{});
+    Call call = calls.take().value();
     EXPECT_EQ(call.operation, operation);
     return call;
   }
 
   void queryReputationForFileHash(const std::string& sha256Hex, std::chrono::milliseconds timeout,
                                   Completion completion) override {
-    add({"hash", sha256Hex, {}, nullptr, timeout, std::move(completion)});
+    calls.put({"hash", sha256Hex, {}, nullptr, timeout, std::move(completion)});
   }
-  void analyzeMetadata(const qm::Dictionary& metadata, std::chrono::milliseconds timeout,
+  void analyzeMetadata(const Dictionary& metadata, std::chrono::milliseconds timeout,
                        Completion completion) override {
-    add({"metadata", "", metadata, nullptr, timeout, std::move(completion)});
+    calls.put({"metadata", "", metadata, nullptr, timeout, std::move(completion)});
   }
-  void analyzeFileHandle(std::shared_ptr<qm::FileHandle> fileHandle, const qm::Dictionary& metadata,
+  void analyzeFileHandle(std::shared_ptr<FileHandle> fileHandle, const Dictionary& metadata,
                          std::chrono::milliseconds timeout, Completion completion) override {
-    add({"sample", "", metadata, std::move(fileHandle), timeout, std::move(completion)});
+    calls.put({"sample", "", metadata, std::move(fileHandle), timeout, std::move(completion)});
   }
   void queryReputationForURL(const std::string&, const std::optional<std::vector<std::string>>&,
-                             const qm::Dictionary&, std::chrono::milliseconds, Completion) override {
+                             const Dictionary&, std::chrono::milliseconds, Completion) override {
     ADD_FAILURE() << "a URL query for a file";
   }
   std::string description() const override { return "<SkyvaultSubstitute>"; }
 
- private:
-  void add(Call call) {
-    const std::lock_guard lock(mutex_);
-    calls_.push_back(std::move(call));
-    changed_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<Call> calls_;
+  Inbox<Call> calls;
 };
 
 class BasaltLookupTest : public testing::Test {
  protected:
   std::shared_ptr<QMRFileReputationRequest> openFile() const {
-    return makeRequest({.path = path_, .fileHandle = qm::test::openHandle(path_)});
+    return makeRequest({.path = path_, .fileHandle = openHandle(path_)});
   }
   void ask(Replies& replies) { lookup_->reputationForFile(openFile(), replies.block()); }
   // Leads a lookup to the point where the cloud asks for the sample.
@@ -111,11 +78,11 @@ class BasaltLookupTest : public testing::Test {
     client_->take("metadata").answer({.options = kUploadRequested});
   }
 
-  const qm::test::ScratchFolder folder_;
+  const ScratchFolder folder_;
   const std::string path_ = folder_.write("tool.sh", "content");
   const std::shared_ptr<SkyvaultSubstitute> client_ = std::make_shared<SkyvaultSubstitute>();
   std::shared_ptr<QMRBasaltReputationLookup> lookup_ = std::make_shared<QMRBasaltReputationLookup>(client_);
-  const qm::ErrorPtr cloudError_ = qm::makeError("cloud", 12, {{"k", "v"}});
+  const ErrorPtr cloudError_ = makeError("cloud", 12, {{"k", "v"}});
   Replies replies_;
   Replies delayed_;
 };
@@ -127,7 +94,7 @@ TEST_F(BasaltLookupTest, AKnownFileIsAnsweredByTheHashLookupAlone) {
   EXPECT_EQ(call.timeout, 5000ms);
   call.answer({SVKSkyvaultSafetyVerdictValueMalicious, 1 | 8 | kUploadRequested, 3600, 0x1FE, "Trojan.X"});
   expectAnswer(replies_.only(), level::untrusted, 0xFE, 3600, "Trojan.X");
-  EXPECT_FALSE(client_->next()) << "only the metadata analysis may ask for a sample";
+  EXPECT_EQ(client_->calls.size(), 0u) << "only the metadata analysis may ask for a sample";
 }
 
 TEST_F(BasaltLookupTest, AnUnknownFileIsAnalysedUploadedAndAnsweredAgain) {
@@ -136,11 +103,11 @@ TEST_F(BasaltLookupTest, AnUnknownFileIsAnalysedUploadedAndAnsweredAgain) {
   const auto asked = openFile();
   lookup_->reputationForFile(asked, replies_.block());
   client_->take("hash").answer({.ttl = 7, .prevalence = 77, .infectionName = "L0"});
-  EXPECT_EQ(replies_.count(), 0u);
+  EXPECT_EQ(replies_.size(), 0u);
 
   const auto analysis = client_->take("metadata");
   EXPECT_EQ(analysis.metadata, asked->metadata());
-  EXPECT_NE(qm::find(analysis.metadata, "context"), nullptr);
+  EXPECT_NE(find(analysis.metadata, "context"), nullptr);
   EXPECT_EQ(analysis.timeout, 5000ms);
   analysis.answer({SVKSkyvaultSafetyVerdictValuePU, kFromServer | kUploadRequested, 120, 5, "PUA.Y"});
   // The prevalence stays that of the hash lookup.
@@ -149,18 +116,18 @@ TEST_F(BasaltLookupTest, AnUnknownFileIsAnalysedUploadedAndAnsweredAgain) {
   const auto upload = client_->take("sample");
   EXPECT_EQ(upload.fileHandle, asked->fileHandle());
   EXPECT_EQ(upload.timeout, 600000ms);
-  EXPECT_EQ(delayed_.count(), 0u);
+  EXPECT_EQ(delayed_.size(), 0u);
   upload.answer({SVKSkyvaultSafetyVerdictValueMalicious, kFromServer | kSageSuccess, 90, 200, "Worm.Z"});
   expectAnswer(delayed_.only(), level::untrusted, 0, 90, "Worm.Z");
   EXPECT_EQ(delayed_.only().result->filename(), path_);
-  EXPECT_EQ(replies_.count(), 1u) << "the direct reply came once";
+  EXPECT_EQ(replies_.size(), 1u) << "the direct reply came once";
 }
 
 TEST_F(BasaltLookupTest, VerdictsMapToLevels) {
   const struct {
     const char* verdict;
     std::uint64_t options;
-    qm::ReputationLevel expected;
+    ReputationLevel expected;
   } cases[] = {
       {SVKSkyvaultSafetyVerdictValueKnownClean, 1, level::trusted},
       {SVKSkyvaultSafetyVerdictValueUndetected, 1, level::undetected},
@@ -183,7 +150,7 @@ TEST_F(BasaltLookupTest, VerdictsMapToLevels) {
 
 TEST_F(BasaltLookupTest, FailuresReachAllWhoWaitAndTheNextLookupStartsAnew) {
   // A client may also answer nothing at all.
-  for (const qm::ErrorPtr& error : {cloudError_, qm::ErrorPtr()}) {
+  for (const ErrorPtr& error : {cloudError_, ErrorPtr()}) {
     Replies hash, first, second;
     ask(hash);
     client_->take("hash").fail(error);
@@ -212,13 +179,13 @@ TEST_F(BasaltLookupTest, LookupsOfOneUnknownFileShareOneAnalysis) {
   for (int i = 0; i < 3; ++i) client_->take("hash").answer({.prevalence = i});
   const auto analysis = client_->take("metadata");
   const auto otherAnalysis = client_->take("metadata");
-  EXPECT_FALSE(client_->next());
+  EXPECT_EQ(client_->calls.size(), 0u);
 
   analysis.answer({SVKSkyvaultSafetyVerdictValueUnwanted, 1, 9, 200});
   expectAnswer(first.only(), level::unwanted, 0, 9);
   EXPECT_EQ(second.only().result, first.only().result);
   EXPECT_EQ(second.only().error, nullptr);
-  EXPECT_EQ(other.count(), 0u);
+  EXPECT_EQ(other.size(), 0u);
   otherAnalysis.answer({});
   expectAnswer(other.only(), level::unknown, 2, 60);
 }
@@ -231,18 +198,21 @@ TEST_F(BasaltLookupTest, UnderContentionEveryReplyIsCalledOnce) {
       for (std::size_t round = 0; round < kRounds; ++round) ask(replies_);
     });
   for (int i = 0; i < 2; ++i)
-    threads.emplace_back([&](const std::stop_token& stop) {
-      while (!stop.stop_requested())
-        if (const auto call = client_->next()) call->answer({});
+    threads.emplace_back([&] {
+      while (const auto call = client_->calls.take()) {
+        if (!call->completion) return;
+        call->answer({});
+      }
     });
-  const auto replies = replies_.wait(kLookups);
+  const auto replies = replies_.waitFor(kLookups);
+  for (int i = 0; i < 2; ++i) client_->calls.put({});
   threads.clear();
-  EXPECT_EQ(replies_.count(), kLookups);
-  for (const Replies::Reply& reply : replies) EXPECT_EQ(reply.error, nullptr);
+  EXPECT_EQ(replies_.size(), kLookups);
+  for (const Reply& reply : replies) EXPECT_EQ(reply.error, nullptr);
 }
 
 TEST_F(BasaltLookupTest, AnUploadThatFailsOrHasNoFileEndsInTheLog) {
-  const qm::test::LogRecorder logs;
+  const LogRecorder logs;
   lookup_->setDelayedResponseCallback(delayed_.block());
   const auto asked = openFile();
   askUntilUploadIsRequested(asked);
@@ -251,11 +221,11 @@ TEST_F(BasaltLookupTest, AnUploadThatFailsOrHasNoFileEndsInTheLog) {
   client_->take("sample").completion(nullptr, nullptr);  // both run at once
   first.fail(cloudError_);
   EXPECT_TRUE(logs.has(LogLevel::error, "SAGE upload failed: " + cloudError_->description()));
-  EXPECT_TRUE(logs.hasContaining(LogLevel::error, "SAGE upload failed: Error Domain=com.quillmarsh."));
+  EXPECT_TRUE(logs.hasError("SAGE upload failed: Error Domain=com.quillmarsh."));
   askUntilUploadIsRequested(makeRequest({.path = path_}));
   EXPECT_TRUE(logs.has(LogLevel::standard, "Nil file handle, not doing SAGE upload"));
-  EXPECT_EQ(delayed_.count(), 0u);
-  EXPECT_FALSE(client_->next()) << "none is tried again";
+  EXPECT_EQ(delayed_.size(), 0u);
+  EXPECT_EQ(client_->calls.size(), 0u) << "none is tried again";
 }
 
 TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterwards) {
@@ -263,8 +233,8 @@ TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterw
   auto released = std::make_shared<std::promise<void>>();
   // Held by all that must be let go of; the queue may do so a little later, on another thread.
   auto token = std::shared_ptr<void>(nullptr, [released](void*) { released->set_value(); });
-  auto handle = std::shared_ptr<qm::FileHandle>(new qm::FileHandle(descriptor, true),
-                                                [token](const qm::FileHandle* last) { delete last; });
+  auto handle = std::shared_ptr<FileHandle>(new FileHandle(descriptor, true),
+                                            [token](const FileHandle* last) { delete last; });
   const std::weak_ptr<QMRBasaltReputationLookup> provider = lookup_;
   lookup_->setDelayedResponseCallback(
       [token, forward = delayed_.block()](const auto& result, const auto& error) { forward(result, error); });
@@ -277,8 +247,8 @@ TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterw
     EXPECT_NE(::fcntl(descriptor, F_GETFD), -1);
     upload.answer({});
   }
-  EXPECT_EQ(delayed_.count(), 1u);
-  ASSERT_EQ(released->get_future().wait_for(qm::test::kPatience), std::future_status::ready);
+  EXPECT_EQ(delayed_.size(), 1u);
+  ASSERT_EQ(released->get_future().wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
   EXPECT_TRUE(provider.expired());
 }

@@ -1,28 +1,23 @@
 #include "reputation/QMRReputationLookup.hpp"
 
-#include <gtest/gtest.h>
-
 #include "reputation/reputation_support.hpp"
 
 namespace {
-
-using qm::test::makeRequest;
-using qm::test::Replies;
 
 // Notes which scan it was asked for and answers level 5.
 class RecordingLookup final : public QMRReputationLookup {
  public:
   RecordingLookup() : QMRReputationLookup("RecordingLookup") {}
   void qvsScanForFile(const std::shared_ptr<QMRFileReputationRequest>& request, bool skipCloudScan,
-                      const qm::FileReputationCompletion& reply) override {
+                      const FileReputationCompletion& reply) override {
     answer(skipCloudScan ? "qvs" : "qvs with cloud scan", *request, reply);
   }
   void cloudScanForFile(const std::shared_ptr<QMRFileReputationRequest>& request,
-                        const qm::FileReputationCompletion& reply) override {
+                        const FileReputationCompletion& reply) override {
     answer("cloud", *request, reply);
   }
   void answer(const char* asked, const QMRFileReputationRequest& request,
-              const qm::FileReputationCompletion& reply) {
+              const FileReputationCompletion& reply) {
     scan = asked;
     reply(QMRFileReputationResult::resultFromRequest(request, 5, std::nullopt, 1, 2), nullptr);
   }
@@ -38,8 +33,8 @@ class ReputationLookupTest : public testing::Test {
 
 TEST_F(ReputationLookupTest, TheFileDecidesWhichScanIsMade) {
   const auto sha256Only = std::make_shared<QMRHashCacheEntry>();
-  sha256Only->setSha256(qm::Data(std::vector<std::uint8_t>(32, 1)));
-  const auto hashes = qm::test::someHashes();
+  sha256Only->setSha256(Data(std::vector<std::uint8_t>(32, 1)));
+  const auto hashes = someHashes();
   const struct {
     bool isAOTBinary, isDownloadedFile;
     std::shared_ptr<const QMRHashCacheEntry> hashes;
@@ -58,9 +53,9 @@ TEST_F(ReputationLookupTest, TheFileDecidesWhichScanIsMade) {
                                replies.block());
     EXPECT_EQ(lookup_->scan, expected.scan) << expected.isAOTBinary << expected.isDownloadedFile;
     if (lookup_->scan == "none")
-      qm::test::expectAnswer(replies.only(), qm::reputation_level::unknown, 0, 0);
+      expectAnswer(replies.only(), reputation_level::unknown, 0, 0);
     else
-      qm::test::expectAnswer(replies.only(), 5, 1, 2);
+      expectAnswer(replies.only(), 5, 1, 2);
   }
 }
 
@@ -73,7 +68,7 @@ TEST_F(ReputationLookupTest, TheRequestsMetadataIsEnriched) {
                    .teamID = "TEAM",
                    .metadata = {{"file_size", 3}, {"shared", "request"}, {"context", "request"}}});
   lookup_->reputationForFile(request, replies_.block());
-  const qm::Dictionary expected{
+  const Dictionary expected{
       {"context", "local_file"},
       {"file_name", "<file_name>.docx"},
       {"file_path", "%PROFILE%/Downloads/tools"},
@@ -84,16 +79,16 @@ TEST_F(ReputationLookupTest, TheRequestsMetadataIsEnriched) {
       {"shared", 2},
       {"teamid", "TEAM"},
   };
-  EXPECT_EQ(request->metadata(), expected) << qm::description(request->metadata());
+  EXPECT_EQ(request->metadata(), expected) << description(request->metadata());
 }
 
 TEST_F(ReputationLookupTest, PrevalencePromotesUnknownFilesOnly) {
   EXPECT_EQ(lookup_->updateReputationLevel(1, 255), 1u) << "no threshold";
   const struct {
     std::int32_t threshold;
-    qm::ReputationLevel level;
+    ReputationLevel level;
     std::uint8_t prevalence;
-    qm::ReputationLevel expected;
+    ReputationLevel expected;
   } cases[] = {{10, 1, 10, 2}, {10, 1, 9, 1}, {10, 0, 255, 0}, {256, 1, 255, 1}, {0, 99, 255, 99}};
   for (const auto& [threshold, level, prevalence, expected] : cases) {
     lookup_->setPrevalenceThresholdCallback([value = threshold] { return value; });

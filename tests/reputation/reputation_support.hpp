@@ -2,31 +2,17 @@
 // kept.
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "filefacts/QMRHashCacheEntry.hpp"
 #include "foundation/error.hpp"
 #include "platform/file_handle.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
 #include "reputation/QMRFileReputationResult.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
 namespace qm::test {
 
-inline constexpr std::chrono::seconds kPatience{60};
-
 inline std::shared_ptr<FileHandle> openHandle(const std::string& path) {
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  EXPECT_GE(descriptor, 0) << path;
-  return std::make_shared<FileHandle>(descriptor, true);
+  return FileHandle::fileHandleForReadingAtPath(path);
 }
 
 // Digests of repeated bytes: 20 times 0x11 and 32 times 0x22, the magic bytes "#!".
@@ -55,45 +41,26 @@ inline std::shared_ptr<QMRFileReputationRequest> makeRequest(RequestFacts facts 
 }
 
 // Keeps what a completion was called with, from any thread; outlives whoever may call it.
-class Replies {
+struct Reply {
+  std::shared_ptr<const QMRFileReputationResult> result;
+  ErrorPtr error;
+};
+class Replies : public Inbox<Reply> {
  public:
-  struct Reply {
-    std::shared_ptr<const QMRFileReputationResult> result;
-    ErrorPtr error;
-  };
-
   FileReputationCompletion block() {
     return [this](const std::shared_ptr<const QMRFileReputationResult>& result, const ErrorPtr& error) {
-      const std::lock_guard lock(mutex_);
-      replies_.push_back({result, error});
-      changed_.notify_all();
+      put({result, error});
     };
-  }
-  std::size_t count() const {
-    const std::lock_guard lock(mutex_);
-    return replies_.size();
-  }
-  // Waits for as many replies.
-  std::vector<Reply> wait(std::size_t count) const {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return replies_.size() >= count; })) << count;
-    return replies_;
   }
   // The only reply there is.
   Reply only() const {
-    const std::vector<Reply> replies = wait(1);
-    EXPECT_EQ(replies.size(), 1u);
-    return replies.at(0);
+    EXPECT_EQ(waitFor(1).size(), 1u);
+    return waitForOne();
   }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<Reply> replies_;
 };
 
-inline void expectAnswer(const Replies::Reply& reply, ReputationLevel verdict, unsigned prevalence,
-                         std::uint64_t ttl, const std::optional<std::string>& infectionName = std::nullopt,
+inline void expectAnswer(const Reply& reply, ReputationLevel verdict, unsigned prevalence, std::uint64_t ttl,
+                         const std::optional<std::string>& infectionName = std::nullopt,
                          const ErrorPtr& error = nullptr) {
   EXPECT_EQ(reply.error, error);
   ASSERT_NE(reply.result, nullptr);
@@ -105,7 +72,7 @@ inline void expectAnswer(const Replies::Reply& reply, ReputationLevel verdict, u
 }
 
 // The answer to a failure: the error as it is, and a result of level 6 without anything.
-inline void expectFailure(const Replies::Reply& reply, const ErrorPtr& error) {
+inline void expectFailure(const Reply& reply, const ErrorPtr& error) {
   expectAnswer(reply, reputation_level::error, 0, 0, std::nullopt, error);
 }
 

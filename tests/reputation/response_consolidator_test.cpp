@@ -1,22 +1,12 @@
 #include "reputation/QMRResponseConsolidator.hpp"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 #include "reputation/reputation_support.hpp"
-#include "support/log_recorder.hpp"
 
 namespace {
 
-using qm::LogLevel;
-using qm::test::makeRequest;
-using qm::test::openHandle;
-using qm::test::Replies;
-
 class ResponseConsolidatorTest : public testing::Test {
  protected:
-  const qm::test::ScratchFolder folder_;
+  const ScratchFolder folder_;
   const std::string path_ = folder_.write("file", "content");
   const std::shared_ptr<QMRFileReputationRequest> first_ =
       makeRequest({.path = path_, .fileHandle = openHandle(path_)});
@@ -46,20 +36,19 @@ TEST_F(ResponseConsolidatorTest, RequestsForTheFileByAnyNameGetTheFirstOnesAnswe
   consolidator_.respondToPendingCallbacksForRequest(*first_, result_, nullptr);
   consolidator_.respondToPendingCallbacksForRequest(*first_, result_, nullptr);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(replies_.count(), 0u) << "the one under way is answered by its caller";
+  EXPECT_EQ(replies_.size(), 0u) << "the one under way is answered by its caller";
 }
 
 TEST_F(ResponseConsolidatorTest, AFileThatCannotBeExaminedIsNeitherParkedNorInTheWay) {
-  const qm::test::LogRecorder logs;
+  const LogRecorder logs;
   const auto missing = makeRequest({.path = folder_.path("missing")});
-  const auto badHandle =
-      makeRequest({.path = path_, .fileHandle = std::make_shared<qm::FileHandle>(-1, false)});
+  const auto badHandle = makeRequest({.path = path_, .fileHandle = std::make_shared<FileHandle>(-1, false)});
   for (const auto& request : {missing, missing, badHandle, first_})
     EXPECT_FALSE(consolidator_.waitForPendingScansForRequest(*request, replies_.block()));
   EXPECT_TRUE(logs.has(LogLevel::error, "stat failed for path " + missing->path() + ", error 2"));
   consolidator_.respondToPendingCallbacksForRequest(*missing, result_, nullptr);
   EXPECT_TRUE(logs.has(LogLevel::debug, "No pending callbacks for file (null)"));
-  EXPECT_EQ(replies_.count(), 0u);
+  EXPECT_EQ(replies_.size(), 0u);
 }
 
 TEST_F(ResponseConsolidatorTest, AnOpenFileStaysTheSameThoughItsPathNamesAnotherByThen) {

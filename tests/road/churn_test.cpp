@@ -1,12 +1,7 @@
 // Clients that vanish at any moment, by the thousand: nothing of them may stay.
-#include <fstream>
-#include <iterator>
-#include <utility>
 
 #include "road/installation.hpp"
-#include "road/reputation_peer.hpp"
 
-namespace qm::test {
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -36,22 +31,26 @@ class Churn : public RoadTest {
     // What both keep for good is there after the first clients.
     visit(10 * kShare);
     descriptors_ = settledDescriptors();
-    memory_ = statusNumber(daemon_.pid(), "VmRSS");
+    memory_ = statusNumber(daemon_->pid(), "VmRSS");
   }
 
-  Process client(const std::string& stage, int count) const {
-    return {installation_.program("wire_client"),
-            {"churn", installation_.daemonSocket, file_, stage, std::to_string(count)},
-            files_ / "output"};
+  std::unique_ptr<ChildProcess> client(const std::string& stage, int count) const {
+    const std::vector<std::string> command{installation_.program("wire_client"),
+                                           "churn",
+                                           installation_.daemonSocket,
+                                           file_,
+                                           stage,
+                                           std::to_string(count)};
+    return std::make_unique<ChildProcess>(command);
   }
   // That part of the clients, all stages at once.
   void visit(int part) const {
-    std::vector<Process> clients;
+    std::vector<std::unique_ptr<ChildProcess>> clients;
     for (const auto& [stage, count] : kStages) clients.push_back(client(stage, count / part));
-    for (Process& process : clients) EXPECT_EQ(process.wait(), 0);
+    for (const auto& process : clients) EXPECT_EQ(process->wait(), 0);
   }
   std::pair<std::size_t, std::size_t> heldDescriptors() const {
-    return {openDescriptors(daemon_.pid()), openDescriptors(agent_.pid())};
+    return {openDescriptors(daemon_->pid()), openDescriptors(agent_->pid())};
   }
   // With the last client's answer given and its connections gone: the same for a good while.
   std::pair<std::size_t, std::size_t> settledDescriptors() const {
@@ -68,8 +67,8 @@ class Churn : public RoadTest {
     EXPECT_TRUE(eventually([&] { return heldDescriptors() == descriptors_; }))
         << "descriptors of the daemon and the agent: " << testing::PrintToString(descriptors_) << " before, "
         << testing::PrintToString(heldDescriptors()) << " after";
-    EXPECT_LE(statusNumber(daemon_.pid(), "Threads"), 64 + 8);
-    EXPECT_TRUE(kIsSanitized || statusNumber(daemon_.pid(), "VmRSS") <= memory_ + 32 * 1024);
+    EXPECT_LE(statusNumber(daemon_->pid(), "Threads"), 64 + 8);
+    EXPECT_TRUE(kIsSanitized || statusNumber(daemon_->pid(), "VmRSS") <= memory_ + 32 * 1024);
     EXPECT_TRUE(ReputationPeer().ask(file_).value("reputationVerdict"));
   }
 
@@ -86,12 +85,10 @@ TEST_F(Churn, ClientsThatVanishAtAnyStageLeaveNothing) {
 TEST_F(Churn, ClientsThatAreKilledLeaveNothing) {
   for (std::size_t i = 0; i < kKilledClients; ++i) {
     // Each is somewhere else when it is hit.
-    Process process = client(kStages[i % std::size(kStages)].first, 1 << 20);
-    for (std::size_t pauses = i / 5 % 7; pauses > 0; --pauses) pauseBriefly();
-    process.end(SIGKILL);
+    const auto process = client(kStages[i % std::size(kStages)].first, 1 << 20);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5 * (i / 5 % 7)));
   }
   expectNothingLeft();
 }
 
 }  // namespace
-}  // namespace qm::test

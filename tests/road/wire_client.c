@@ -65,26 +65,21 @@ struct Item {
   const uint8_t* text;
 };
 
-// The next item with all that it contains; of a tagged one the item inside.
+// The next item; of a tagged one the item inside.
 static struct Item take(const uint8_t** at, const uint8_t* end) {
-  if (*at == end) errx(kFailed, "the reply ends early");
-  const unsigned info = **at & 31;
-  struct Item item = {.major = **at >> 5, .value = info};
+  const unsigned info = *at == end ? 31 : **at & 31;
+  if (info > 27 || end - *at <= (info > 23 ? 1 << (info - 24) : 0)) errx(kFailed, "a broken reply");
+  struct Item item = {.major = **at >> 5, .value = info > 23 ? 0 : info};
   *at += 1;
-  if (info > 27) errx(kFailed, "the reply has an item of no definite length");
-  if (info > 23) item.value = 0;
-  for (unsigned left = info > 23 ? 1u << (info - 24) : 0; left > 0; --left) {
-    if (*at == end) errx(kFailed, "the reply ends early");
+  for (unsigned left = info > 23 ? 1u << (info - 24) : 0; left > 0; --left)
     item.value = item.value << 8 | *(*at)++;
-  }
-  if (item.major == 2 || item.major == 3) {
-    if (item.value > (uint64_t)(end - *at)) errx(kFailed, "the reply ends early");
-    item.text = *at;
-    *at += item.value;
-  }
-  if (item.major == 4 || item.major == 5)
-    for (uint64_t left = item.value * (item.major - 3); left > 0; --left) take(at, end);
-  return item.major == 6 ? take(at, end) : item;
+  if (item.major == 6) return take(at, end);
+  if (item.major == 4 || item.major == 5) errx(kFailed, "the reply is not flat");
+  if (item.major != 2 && item.major != 3) return item;
+  if (item.value > (uint64_t)(end - *at)) errx(kFailed, "the reply ends early");
+  item.text = *at;
+  *at += item.value;
+  return item;
 }
 
 static void print_reply(const uint8_t* at, size_t size) {
@@ -117,9 +112,7 @@ struct Frame {
 };
 
 static uint64_t little_endian(const uint8_t* at, unsigned size) {
-  uint64_t value = 0;
-  while (size-- > 0) value = value << 8 | at[size];
-  return value;
+  return size == 0 ? 0 : little_endian(at + 1, size - 1) << 8 | *at;
 }
 
 static const struct Frame* read_frame(int fd) {
@@ -205,14 +198,12 @@ static void send_request(int fd, const char* path, bool half) {
 }
 
 static int await_reply(int fd) {
-  for (;;) {
-    const struct Frame* const frame = read_frame(fd);
-    if (frame->identifier != kRequestIdentifier) continue;
-    if (frame->kind == kUnanswered) turned_away();
-    if (frame->kind != kReply) continue;
-    print_reply(frame->body, frame->length);
-    return kAnswered;
-  }
+  const struct Frame* frame = read_frame(fd);
+  while (frame->identifier != kRequestIdentifier) frame = read_frame(fd);
+  if (frame->kind == kUnanswered) turned_away();
+  if (frame->kind != kReply) errx(kFailed, "no reply");
+  print_reply(frame->body, frame->length);
+  return kAnswered;
 }
 
 static int admitted_connection(const char* path) {
@@ -232,14 +223,14 @@ static int ask_on(int fd, const char* file) {
 
 static int churn(const char* path, const char* file, const char* stage_name, long count) {
   enum Stage stage = kConnected;
-  while (stage < kStages && strcmp(stage_name, kStageNames[stage]) != 0) ++stage;
-  if (stage == kStages) errx(kFailed, "no such stage");
+  while (strcmp(stage_name, kStageNames[stage]) != 0)
+    if (++stage == kStages) errx(kFailed, "no such stage");
   uint8_t bytes[kNonceSize];
   for (; count > 0; --count) {
     const int fd = connect_to(path);
-    if (stage > kConnected) read_welcome(fd, bytes);
-    if (stage > kWelcomed) send_hello(fd, bytes);
-    if (stage > kWelcomed) send_request(fd, file, stage == kHalfway);
+    if (stage >= kWelcomed) read_welcome(fd, bytes);
+    if (stage >= kHalfway) send_hello(fd, bytes);
+    if (stage >= kHalfway) send_request(fd, file, stage == kHalfway);
     if (stage == kAnswering) read_whole(fd, bytes, 1);
     close(fd);
   }
@@ -253,13 +244,12 @@ static _Noreturn void let_ask(const char* program, int fd, const char* file) {
   err(kFailed, "%s", program);
 }
 
-static _Noreturn void inherit(const char* path, const char* file, const char* program) {
+static int inherit(const char* path, const char* file, const char* program) {
   const int fd = admitted_connection(path);
-  const pid_t child = fork();
-  if (child == 0) let_ask(program, fd, file);
+  if (fork() == 0) let_ask(program, fd, file);
   int status = 0;
-  waitpid(child, &status, 0);
-  exit(WIFEXITED(status) ? WEXITSTATUS(status) : kFailed);
+  wait(&status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kFailed;
 }
 
 static _Noreturn void become(const char* path, const char* file, const char* program) {
@@ -275,7 +265,7 @@ int main(int argc, char** argv) {
   alarm(kPatience);
   if (argc == 4 && strcmp(mode, "ask") == 0) return ask_on(admitted_connection(argv[2]), argv[3]);
   if (argc == 6 && strcmp(mode, "churn") == 0) return churn(argv[2], argv[3], argv[4], atol(argv[5]));
-  if (argc == 5 && strcmp(mode, "inherit") == 0) inherit(argv[2], argv[3], argv[4]);
+  if (argc == 5 && strcmp(mode, "inherit") == 0) return inherit(argv[2], argv[3], argv[4]);
   if (argc == 5 && strcmp(mode, "become") == 0) become(argv[2], argv[3], argv[4]);
   if (argc == 4 && strcmp(mode, "ask-on") == 0) return ask_on(atoi(argv[2]), argv[3]);
   errx(kFailed, "see the beginning of its source for its usage");

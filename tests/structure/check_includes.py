@@ -3,8 +3,7 @@
 
 usage: check_includes.py SOURCE_ROOT
 
-Prints every violation as FILE:LINE: what is wrong, and exits with 1 when there is one, with 2 when there is nothing
-to check.
+Prints every violation as FILE:LINE: what is wrong, and exits with 1 when there is one or nothing to check.
 """
 
 import pathlib
@@ -73,11 +72,9 @@ def includes_of(text):
 
 def resolve(root, source, name):
     """The project file that the include names, relative to the root; None when it is not one of the project."""
-    for candidate in (root / name, (root / source).parent / name):
-        if candidate.is_file():
-            inside = candidate.resolve()
-            if inside.is_relative_to(root):
-                return inside.relative_to(root)
+    for candidate in ((root / name).resolve(), (root / source).parent.joinpath(name).resolve()):
+        if candidate.is_file() and candidate.is_relative_to(root):
+            return candidate.relative_to(root)
     return None
 
 
@@ -85,9 +82,7 @@ def wrong_project_include(floor, target):
     target_floor = floor_of(target)
     if target_floor is None or target_floor in FREE:
         return f"{target.as_posix()} does not belong to a floor"
-    if target_floor == floor or target_floor in FLOORS[floor]:
-        return None
-    if floor in EXCEPTIONS.get(target.as_posix(), []):
+    if target_floor in [floor] + FLOORS[floor] or floor in EXCEPTIONS.get(target.as_posix(), []):
         return None
     return f"{floor}/ may not include {target.as_posix()} ({target_floor}/)"
 
@@ -109,34 +104,27 @@ def wrong_include(root, source, floor, name, angled):
 
 def violations(root):
     """All violations below the root, and how many files were looked at."""
+    tops = {floor.split("/")[0] for floor in FLOORS}
+    files = [path for top in sorted(tops) for path in sorted((root / top).rglob("*"))
+             if path.suffix in SUFFIXES and path.is_file()]
     found = []
-    count = 0
-    tops = sorted({floor.split("/")[0] for floor in FLOORS})
-    for top in tops:
-        for path in sorted((root / top).rglob("*")):
-            source = path.relative_to(root)
-            if path.suffix not in SUFFIXES or not path.is_file():
-                continue
-            count += 1
-            floor = floor_of(source)
-            text = path.read_text(encoding="utf-8", errors="replace")
-            for number, name, angled in includes_of(text):
-                problem = wrong_include(root, source, floor, name, angled)
-                if problem:
-                    found.append(f"{source.as_posix()}:{number}: {problem}")
-    return found, count
+    for path in files:
+        source = path.relative_to(root)
+        for number, name, angled in includes_of(path.read_text(encoding="utf-8", errors="replace")):
+            problem = wrong_include(root, source, floor_of(source), name, angled)
+            if problem:
+                found.append(f"{source.as_posix()}:{number}: {problem}")
+    return found, len(files)
 
 
 def main():
     if len(sys.argv) != 2:
-        print(__doc__, file=sys.stderr)
-        return 2
+        sys.exit(__doc__)
     found, count = violations(pathlib.Path(sys.argv[1]).resolve())
+    if count == 0:
+        sys.exit("no sources to check")
     for line in found:
         print(line)
-    if count == 0:
-        print("no sources to check", file=sys.stderr)
-        return 2
     print(f"{count} files, {len(found)} violations")
     return 1 if found else 0
 

@@ -1,14 +1,7 @@
-// A throw-away authority for a test, made by qmcodesign, and staged installations whose programs it signs.
-// Link qm_test_signing for it.
+// A throw-away authority for a test, made by qmcodesign, that signs programs. Link qm_test_signing for it.
 #pragma once
 
-#include <filesystem>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "support/child_process.hpp"
-#include "support/scratch_folder.hpp"
 
 namespace qm::test {
 
@@ -37,38 +30,6 @@ class DevelopmentAuthority {
 
  private:
   ScratchFolder scratch_;
-};
-
-// An installation in a folder of its own: programs staged into it take that folder as their system root.
-class StagedInstallation {
- public:
-  explicit StagedInstallation(const std::string& productFolder = "Quillmarsh")
-      : productFolder_(productFolder) {
-    std::filesystem::create_directories(folder("bin"));
-    std::filesystem::create_directories(folder("trust"));
-  }
-
-  const std::filesystem::path& root() const { return scratch_.path(); }
-  // Of the product's folder in the installation: "bin", "trust", "config".
-  std::string folder(const std::string& name) const {
-    return scratch_.path("Library") + "/" + productFolder_ + "/qxmac/" + name;
-  }
-
-  // Copies the program under the name and returns its path; it is not signed yet.
-  std::string stage(const std::string& program, const std::string& name) const {
-    const std::string path = folder("bin") + "/" + name;
-    std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
-    return path;
-  }
-  // The authority's programs are admitted from now on.
-  void trust(const DevelopmentAuthority& authority) {
-    std::filesystem::copy_file(authority.root(), folder("trust") + "/" + std::to_string(anchors_++) + ".pem");
-  }
-
- private:
-  ScratchFolder scratch_;
-  std::string productFolder_;
-  int anchors_ = 0;
 };
 
 }  // namespace qm::test

@@ -52,6 +52,8 @@ class LogRecorder {
     return false;
   }
 
+  bool hasError(std::string_view part) const { return hasContaining(LogLevel::error, part); }
+
  private:
   struct Sink final : LogSink {
     void write(const LogEntry& entry) override {

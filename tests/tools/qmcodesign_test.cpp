@@ -1,18 +1,10 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <array>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "support/development_authority.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using namespace qm::test;
 using testing::HasSubstr;
 
 std::string readFile(const std::string& path) {

@@ -1,16 +1,8 @@
 #include "validation/QRMXPCConnectionValidator.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <tuple>
-
-#include "support/log_recorder.hpp"
+#include "support/testing.hpp"
 
 namespace {
-
-using qm::LogLevel;
 
 constexpr const char* kTeam =
     R"(anchor apple generic and certificate leaf[subject.OU] = "K7Q2M9X4T1" and info [CFBundleShortVersionString] )";
@@ -18,39 +10,41 @@ constexpr const char* kTeam =
 // Gives one status after the other, 0 for valid.
 class ScriptedVerifier final : public QMRSignatureVerifier {
  public:
-  explicit ScriptedVerifier(std::vector<qm::OSStatus> statuses) : statuses_(std::move(statuses)) {}
+  explicit ScriptedVerifier(std::vector<OSStatus> statuses) : statuses_(std::move(statuses)) {}
 
   std::shared_ptr<QMRSignatureVerificationResult> verifyAuditToken(
-      const qm::AuditToken& token, const std::optional<std::string>& requirements) const override {
+      const AuditToken& token, const std::optional<std::string>& requirement) const override {
     tokens.push_back(token);
+    requirements.push_back(requirement.value_or("nil"));
     auto result = std::make_shared<QMRSignatureVerificationResult>();
-    result->setRequirements(requirements);
-    const qm::OSStatus status = statuses_.at(tokens.size() - 1);
-    if (status == qm::kSecSuccess) return result;
+    result->setRequirements(requirement);
+    const OSStatus status = statuses_.at(tokens.size() - 1);
+    if (status == kSecSuccess) return result;
     result->setVerdict(QMRSignatureVerdict::invalid);
     result->setStatus(status);
     return result;
   }
 
-  mutable std::vector<qm::AuditToken> tokens;
+  mutable std::vector<AuditToken> tokens;
+  mutable std::vector<std::string> requirements;
 
  private:
-  std::vector<qm::OSStatus> statuses_;
+  std::vector<OSStatus> statuses_;
 };
 
-qm::AuditToken tokenOf(std::int32_t pid) {
-  qm::AuditToken token;
+AuditToken tokenOf(std::int32_t pid) {
+  AuditToken token;
   token.words[5] = static_cast<std::uint32_t>(pid);
   return token;
 }
 
 struct Validation {
-  explicit Validation(std::vector<qm::OSStatus> statuses)
+  explicit Validation(std::vector<OSStatus> statuses)
       : verifier(std::make_shared<ScriptedVerifier>(std::move(statuses))) {
     validator.setSignatureVerifier(verifier);
   }
 
-  qm::test::LogRecorder log;
+  LogRecorder log;
   std::shared_ptr<ScriptedVerifier> verifier;
   QRMXPCConnectionValidator validator;
 };
@@ -77,17 +71,13 @@ TEST(ConnectionValidator, AtTheFirstRequirementThatIsMetItStops) {
                              std::string("pid 77 matched codesign requirement ") + kTeam + "= \"(null)\""));
 }
 
-TEST(ConnectionValidator, ARefusalNamesThePathAndTheLastResult) {
-  Validation refusal({-67062, -67050});
+TEST(ConnectionValidator, ARefusalNamesThePathIfThereStillIsOneAndTheLastResult) {
+  Validation refusal({-67062, -67050, 100003, 100003});
   EXPECT_FALSE(refusal.validator.codesignValidForAuditToken(tokenOf(::getpid()), ::getpid()));
   const std::string own = std::filesystem::read_symlink("/proc/self/exe");
   EXPECT_TRUE(refusal.log.has(LogLevel::error, "Process " + std::to_string(::getpid()) + " (" + own +
                                                    ") did not match codesign requirements (" + kTeam +
                                                    "= \"(null)\") with status -67050 and error (null)"));
-}
-
-TEST(ConnectionValidator, TheRefusedProcessMayBeGone) {
-  Validation refusal({100003, 100003});
   EXPECT_FALSE(refusal.validator.codesignValidForConnection(nullptr));
   EXPECT_TRUE(refusal.log.has(LogLevel::error, "Error looking up path for pid 0"));
 }
@@ -103,6 +93,24 @@ TEST(ConnectionValidator, ARefusedConnectionIsReportedToTheHandler) {
   EXPECT_EQ(validation.verifier->tokens.at(0), peer->auditToken());
   EXPECT_TRUE(validation.validator.codesignValidForConnection(peer));
   EXPECT_EQ(reported, std::vector{false});
+}
+
+TEST(SignatureVerifier, NoRequirementIsMetAndANullConnectionIsNoProcess) {
+  EXPECT_EQ(QMRSignatureVerifier().verifyAuditToken(AuditToken(), std::nullopt)->verdict(),
+            QMRSignatureVerdict::valid);
+  const auto result = QMRSignatureVerifier().verifyConnection(nullptr, "always");
+  EXPECT_EQ(result->status(), 100003);
+}
+
+TEST(SignatureVerifier, OfSeveralBundleIdsTheFirstThatFitsEndsTheSearch) {
+  const ScriptedVerifier verifier({-67050, 0, -67050, 0, -67050});
+  const auto peer = std::make_shared<QMRXPCConnection>();
+  EXPECT_TRUE(verifier.connection(peer, std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_THAT(verifier.requirements, testing::ElementsAre("identifier = \"a\"", "identifier = \"b\""));
+  EXPECT_FALSE(verifier.connection(peer, std::vector<std::string>{}));
+  EXPECT_FALSE(verifier.connection(peer, std::string("c")));
+  EXPECT_TRUE(verifier.connection(peer, 0U));  // of its effective user
+  EXPECT_FALSE(verifier.connection(peer, 501U));
 }
 
 }  // namespace

@@ -1,122 +1,128 @@
-// Real processes of real programs, checked from a staged installation.
+// Real processes of real programs, checked by this program from the installation it lies in (see
+// CMakeLists.txt).
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <sstream>
-#include <string>
-#include <tuple>
+#include <sys/resource.h>
 
 #include "platform/code_signing.hpp"
 #include "platform/linux/process_identity.hpp"
+#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_log_sinks.hpp"
 #include "support/development_authority.hpp"
+#include "validation/QMRSignatureVerifier.hpp"
+#include "validation/QRMXPCConnectionValidator.hpp"
 
 namespace {
 
-using qm::test::ChildProcess;
-using qm::test::CommandResult;
-using qm::test::DevelopmentAuthority;
-using qm::test::runCommand;
-using qm::test::StagedInstallation;
+constexpr const char* kOwnTeam = R"(certificate leaf[subject.OU] = "K7Q2M9X4T1")";
 
-// Verdict, status and error.
-using Verdict = std::tuple<int, int, std::string>;
-
-const Verdict kValid{1, 0, "nil"};
-
-Verdict invalid(int status) {
-  return {2, status, "Error Domain=NSOSStatusErrorDomain Code=" + std::to_string(status) + " \"(null)\""};
-}
-// What the search for the program finds out has a status and no error.
-Verdict notFound(int status) {
-  return {2, status, "nil"};
-}
+// What a check has to find: of the program itself an error beside the status, of the search for it none.
+struct Finding {
+  OSStatus status = kSecSuccess;
+  bool hasError = false;
+  bool operator==(const Finding&) const = default;
+};
 
 class PeerSignature : public testing::Test {
  protected:
-  static void SetUpTestSuite() { authority_ = new DevelopmentAuthority; }
-  static void TearDownTestSuite() { delete authority_; }
+  static void SetUpTestSuite() { authority_ = std::make_unique<DevelopmentAuthority>(); }
+  static void TearDownTestSuite() { authority_.reset(); }
 
-  PeerSignature() { installation_.trust(*authority_); }
+  PeerSignature() {
+    std::filesystem::remove_all(product_ / "trust");
+    std::filesystem::create_directories(product_ / "trust");
+    trust(*authority_);
+  }
 
-  std::string stageSigned(const std::string& name) const {
-    const std::string path = installation_.stage(QM_TEST_WAITING_PROGRAM, name);
-    authority_->sign(path);
-    return path;
+  // The authority's programs are admitted from now on.
+  void trust(const DevelopmentAuthority& authority) {
+    std::filesystem::copy_file(authority.root(), product_ / "trust" / (std::to_string(anchors_++) + ".pem"));
   }
-  CommandResult check(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), checker_);
-    return runCommand(arguments);
+  std::string signedBy(const DevelopmentAuthority& authority) const {
+    const std::string program = folder_.write("peer", contentOf(QM_TEST_WAITING_PROGRAM));
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    authority.sign(program);
+    return program;
   }
-  Verdict verify(pid_t pid, const std::string& requirement, const std::string& version = "now") const {
-    const CommandResult result = check({std::to_string(pid), version, requirement});
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-    std::istringstream lines(result.output);
-    Verdict verdict;
-    lines >> std::get<0>(verdict) >> std::get<1>(verdict) >> std::ws;
-    std::getline(lines, std::get<2>(verdict));
-    return verdict;
+  static AuditToken tokenOf(const ChildProcess& peer) {
+    return auditTokenOfProcess(peer.pid()).value_or(AuditToken());
   }
-  // Of a program that is started for this.
-  Verdict verifyProgram(const std::string& path, const std::string& requirement) const {
-    ChildProcess peer({path});
+  static Finding verify(const AuditToken& token, const std::string& requirement) {
+    const auto result = QMRSignatureVerifier().verifyAuditToken(token, requirement);
+    EXPECT_EQ(result->verdict() == QMRSignatureVerdict::valid, result->status() == kSecSuccess);
+    if (result->error() != nullptr) {
+      EXPECT_EQ(*result->error(), Error(kOSStatusErrorDomain, result->status()));
+    }
+    return {result->status(), result->error() != nullptr};
+  }
+  // Of the program, which is started for this.
+  static Finding verifyProgram(const std::string& program, const std::string& requirement) {
+    ChildProcess peer({program});
     EXPECT_EQ(peer.readLine(), "ready");
-    return verify(peer.pid(), requirement);
+    return verify(tokenOf(peer), requirement);
   }
 
-  static DevelopmentAuthority* authority_;
-  StagedInstallation installation_;
-  std::string checker_ = installation_.stage(QM_TEST_VERIFY_PROCESS, "verify_process");
+  static inline std::unique_ptr<DevelopmentAuthority> authority_;
+  const std::filesystem::path product_ = std::filesystem::path(ownProgramPath()).parent_path().parent_path();
+  const ScratchFolder folder_;
+  int anchors_ = 0;
 };
 
-DevelopmentAuthority* PeerSignature::authority_ = nullptr;
-
 TEST_F(PeerSignature, AProgramIsWhatItsSignatureSays) {
-  const std::string program = stageSigned("peer");
-  EXPECT_EQ(verifyProgram(program, "identifier = \"com.quillmarsh.test.waiting\""), kValid);
-  EXPECT_EQ(verifyProgram(program, "anchor apple generic and"), notFound(qm::kSecCSReqInvalid));
-  EXPECT_EQ(verifyProgram(program, "!notarized"), notFound(qm::kSecCSReqUnsupported));
+  const std::string program = signedBy(*authority_);
+  EXPECT_EQ(verifyProgram(program, "identifier = \"com.quillmarsh.test.waiting\""), Finding());
+  EXPECT_EQ(verifyProgram(program, "anchor apple generic and"), Finding{kSecCSReqInvalid});
+  EXPECT_EQ(verifyProgram(program, "!notarized"), Finding{kSecCSReqUnsupported});
 }
 
-TEST_F(PeerSignature, AnotherTeamIsRefusedAlsoUnderATrustedAnchor) {
+TEST_F(PeerSignature, AnotherTeamIsRefusedAlsoUnderATrustedAnchorOfThisInstallation) {
   const DevelopmentAuthority otherTeam("XXXXXXXXXX");
-  installation_.trust(otherTeam);
-  const std::string program = installation_.stage(QM_TEST_WAITING_PROGRAM, "peer");
-  otherTeam.sign(program);
-  EXPECT_EQ(verifyProgram(program, R"(certificate leaf[subject.OU] = "K7Q2M9X4T1")"),
-            invalid(qm::kSecCSReqFailed));
-  EXPECT_EQ(verifyProgram(program, "anchor apple generic"), kValid);
-}
-
-TEST_F(PeerSignature, EveryInstallationHasItsOwnAnchors) {
-  StagedInstallation sidecar("Quillmarsh-sidecar");
-  checker_ = sidecar.stage(QM_TEST_VERIFY_PROCESS, "verify_process");
-  const std::string program = stageSigned("peer");
-  EXPECT_EQ(verifyProgram(program, "always"), invalid(qm::kSecCSSignatureUntrusted));
-  sidecar.trust(*authority_);
-  EXPECT_EQ(verifyProgram(program, "always"), kValid);
+  const std::string program = signedBy(otherTeam);
+  EXPECT_EQ(verifyProgram(program, "always"), (Finding{kSecCSSignatureUntrusted, true}));
+  // Another installation below the same root has anchors of its own.
+  const auto neighbour = product_.parent_path().parent_path() / "Quillmarsh/qxmac/trust";
+  std::filesystem::create_directories(neighbour);
+  std::filesystem::copy_file(otherTeam.root(), neighbour / "other.pem",
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_EQ(verifyProgram(program, "always"), (Finding{kSecCSSignatureUntrusted, true}));
+  trust(otherTeam);
+  EXPECT_EQ(verifyProgram(program, kOwnTeam), (Finding{kSecCSReqFailed, true}));
+  EXPECT_EQ(verifyProgram(program, "anchor apple generic"), Finding());
 }
 
 TEST_F(PeerSignature, AProcessThatExitedOrIsNotTheTokensIsRefused) {
-  ChildProcess peer({stageSigned("peer")});
+  ChildProcess peer({signedBy(*authority_)});
   peer.readLine();
-  const std::uint32_t version = qm::auditTokenOfProcess(peer.pid())->words[7];
-  EXPECT_EQ(verify(peer.pid(), "always", std::to_string(version)), kValid);
-  EXPECT_EQ(verify(peer.pid(), "always", std::to_string(version - 1)), notFound(qm::kSecCSNoSuchCode));
+  const AuditToken token = tokenOf(peer);
+  AuditToken predecessor = token;
+  --predecessor.words[7];
+  EXPECT_EQ(verify(token, "always"), Finding());
+  EXPECT_EQ(verify(predecessor, "always"), Finding{kSecCSNoSuchCode});
   peer.closeInput();
   peer.waitUntilEnded();
-  EXPECT_EQ(verify(peer.pid(), "always", std::to_string(version)), notFound(100003));
+  EXPECT_EQ(verify(token, "always"), Finding{100003});
 }
 
 TEST_F(PeerSignature, AValidatorWithoutDescriptorsEndsItsProcess) {
   // It opens pipes to look at objects, and takes them for broken when it cannot.
   if (::dlsym(RTLD_DEFAULT, "__asan_init") != nullptr)
     GTEST_SKIP() << "the sanitizer needs descriptors itself";
-  ChildProcess peer({stageSigned("peer")});
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ChildProcess peer({signedBy(*authority_)});
   peer.readLine();
-  const CommandResult result = check({std::to_string(peer.pid()), "now"});
-  EXPECT_EQ(result.signal, SIGABRT);
-  EXPECT_TRUE(result.output.starts_with("yes\n")) << result.output;
-  EXPECT_NE(result.output.find("File descriptor leak detected; aborting process"), std::string::npos);
+  QRMXPCConnectionValidator validator;
+  validator.setSignatureVerifier(std::make_shared<QMRSignatureVerifier>());
+  ASSERT_TRUE(validator.codesignValidForAuditToken(tokenOf(peer), peer.pid()));
+  const auto validateWithoutDescriptors = [&] {
+    const rlimit few{.rlim_cur = 64, .rlim_max = 64};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    const AuditToken token = tokenOf(peer);
+    while (::open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+    }
+    setLogSink(std::make_shared<StreamLogSink>(STDERR_FILENO));
+    validator.codesignValidForAuditToken(token, peer.pid());
+  };
+  EXPECT_EXIT(validateWithoutDescriptors(), testing::KilledBySignal(SIGABRT),
+              "File descriptor leak detected; aborting process");
 }
 
 }  // namespace

@@ -6,13 +6,8 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
-#include <cstdint>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
 #include "platform/linux/openssl_objects.hpp"
+#include "support/testing.hpp"
 
 namespace qm::test {
 

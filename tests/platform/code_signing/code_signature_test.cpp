@@ -1,20 +1,10 @@
 #include "platform/linux/code_signature.hpp"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "certificate_maker.hpp"
 #include "platform/file_io.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
-
-using namespace test;
 
 std::string appended(const std::vector<std::uint8_t>& cms) {
   const std::vector<std::uint8_t> bytes = appendedBytes(cms);
@@ -33,7 +23,7 @@ class CodeSignature : public testing::Test {
   CodeSignature() { trust(root_, "root.pem"); }
 
   void trust(const Identity& root, const std::string& name) const {
-    scratch_.write("trust/" + name, test::pem(root));
+    scratch_.write("trust/" + name, pem(root));
   }
   OSStatus verify(const std::string& file) {
     const FileDescriptor program = openForReading(scratch_.write("program", file).c_str());
@@ -42,10 +32,10 @@ class CodeSignature : public testing::Test {
     return verifyAppendedSignature(program.get(), scratch_.path("trust"), cancelled, code_);
   }
   OSStatus verifySignedBy(const Identity& leaf, const SignatureKind& kind = {}) {
-    return verify(content_ + appended(test::sign(content_, leaf, kind)));
+    return verify(content_ + appended(sign(content_, leaf, kind)));
   }
 
-  test::ScratchFolder scratch_;
+  ScratchFolder scratch_;
   // More than one read of the verification.
   std::string content_ = std::string(700'000, 'x') + "the end";
   Identity root_ = issue({.name = "Root", .isAuthority = true}, nullptr);
@@ -56,7 +46,7 @@ class CodeSignature : public testing::Test {
 TEST_F(CodeSignature, EveryByteOfTheContentIsUnderIt) {
   ASSERT_EQ(verifySignedBy(leaf_), kSecSuccess);
   EXPECT_EQ(code_.chain.at(0).subject["OU"], std::vector<std::string>{"TEAM"});
-  const std::string signature = appended(test::sign(content_, leaf_));
+  const std::string signature = appended(sign(content_, leaf_));
   for (const std::size_t position : {std::size_t{0}, content_.size() / 2, content_.size() - 1}) {
     std::string changed = content_;
     changed[position] ^= 1;
@@ -65,7 +55,7 @@ TEST_F(CodeSignature, EveryByteOfTheContentIsUnderIt) {
 }
 
 TEST_F(CodeSignature, AChangeInTheSignatureNeverChangesWhoSigned) {
-  const std::string signature = appended(test::sign("short", leaf_));
+  const std::string signature = appended(sign("short", leaf_));
   ASSERT_EQ(verify("short" + signature), kSecSuccess);
   const auto hash = code_.chain.at(0).hash;
   for (std::size_t i = 0; i < signature.size(); i += 5) {
@@ -77,7 +67,7 @@ TEST_F(CodeSignature, AChangeInTheSignatureNeverChangesWhoSigned) {
 }
 
 TEST_F(CodeSignature, WhatIsNoneOrDamagedIsToldApart) {
-  const std::vector<std::uint8_t> cms = test::sign(content_, leaf_);
+  const std::vector<std::uint8_t> cms = sign(content_, leaf_);
   for (const std::string& none : {std::string(), content_, content_ + appended(cms) + "\n"})
     EXPECT_EQ(verify(none), kSecCSUnsigned);
   for (const std::string& damaged : {trailer(0), "x" + trailer(2), content_ + trailer(UINT64_MAX),
@@ -90,7 +80,7 @@ TEST_F(CodeSignature, OnlyTheProductsKindOfSignatureCounts) {
   const Identity other = issue({.name = "Other"}, &root_);
   EXPECT_EQ(verifySignedBy(leaf_, {.secondSigner = &other}), kSecCSSignatureUnsupported);
   // With the signed content inside, what the program holds would not matter.
-  const std::vector<std::uint8_t> attached = test::sign("signed", leaf_, {.flags = CMS_BINARY});
+  const std::vector<std::uint8_t> attached = sign("signed", leaf_, {.flags = CMS_BINARY});
   EXPECT_EQ(verify("not signed" + appended(attached)), kSecCSSignatureInvalid);
 }
 
@@ -125,4 +115,3 @@ TEST_F(CodeSignature, ExpiredCertificatesAreAcceptedAndWeakOnesAreNot) {
 }
 
 }  // namespace
-}  // namespace qm

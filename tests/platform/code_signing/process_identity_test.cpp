@@ -1,10 +1,9 @@
 #include "platform/linux/process_identity.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <unistd.h>
 
-namespace qm {
+#include "support/testing.hpp"
+
 namespace {
 
 TEST(ProcessIdentity, TheTokenOfAProcessIsItsOwnWhateverItCallsItself) {
@@ -15,4 +14,3 @@ TEST(ProcessIdentity, TheTokenOfAProcessIsItsOwnWhateverItCallsItself) {
 }
 
 }  // namespace
-}  // namespace qm

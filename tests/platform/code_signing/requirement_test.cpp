@@ -1,12 +1,7 @@
 #include "platform/linux/requirement.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <string>
-#include <string_view>
-#include <vector>
-
-namespace qm {
 namespace {
 
 using namespace std::string_literals;
@@ -101,4 +96,3 @@ TEST(NumericOrder, ComparesStretchesOfDigitsAsNumbers) {
 }
 
 }  // namespace
-}  // namespace qm

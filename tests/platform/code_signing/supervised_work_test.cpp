@@ -1,14 +1,7 @@
 #include "platform/linux/supervised_work.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <cerrno>
-#include <chrono>
-#include <future>
-#include <memory>
-#include <thread>
-
-namespace qm {
 namespace {
 
 using Work = Block<OSStatus(const std::atomic<bool>&)>;
@@ -41,4 +34,3 @@ TEST(SupervisedWork, AUserWithTooMuchStuckWorkIsRefusedUntilItEndsAndOthersAreNo
 }
 
 }  // namespace
-}  // namespace qm

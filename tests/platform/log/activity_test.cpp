@@ -1,13 +1,8 @@
 #include "platform/activity.hpp"
 
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <thread>
-
 #include "platform/linux/activity_context.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 TEST(Activities, NestEndWithTheirBodyAndAreEachThreadsOwn) {
@@ -23,4 +18,3 @@ TEST(Activities, NestEndWithTheirBodyAndAreEachThreadsOwn) {
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,10 +1,7 @@
 #include "platform/linux/log_settings.hpp"
 
-#include <gtest/gtest.h>
+#include "support/testing.hpp"
 
-#include <string>
-
-namespace qm {
 namespace {
 
 std::string list(const std::string& body) {
@@ -44,4 +41,3 @@ TEST(LogSettingsList, IsRefusedWithWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,16 +1,9 @@
 #include "platform/linux/system_log_sinks.hpp"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-
 #include "platform/activity.hpp"
 #include "platform/file_descriptor.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 constexpr LogEntry kEntry{
@@ -55,4 +48,3 @@ TEST(JournalConnection, IsRecognisedByDeviceAndInode) {
 }
 
 }  // namespace
-}  // namespace qm

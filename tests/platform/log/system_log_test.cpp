@@ -1,20 +1,14 @@
 // The system log of a staged program, through its standard error.
 #include "platform/system_log.hpp"
 
-#include <gmock/gmock.h>
-
-#include <filesystem>
-
 #include "support/child_process.hpp"
-#include "support/scratch_folder.hpp"
 
-namespace qm {
 namespace {
 
 using testing::HasSubstr;
 
 // What the probe logs up to the next line with the text.
-std::string readUntil(test::ChildProcess& probe, const std::string& text) {
+std::string readUntil(ChildProcess& probe, const std::string& text) {
   std::string all;
   for (std::string line = probe.readLine(); !line.empty(); line = probe.readLine()) {
     all += line + "\n";
@@ -25,12 +19,12 @@ std::string readUntil(test::ChildProcess& probe, const std::string& text) {
 }
 
 TEST(SystemLog, FollowsTheLoggingListBelowTheSystemRoot) {
-  const test::ScratchFolder root;
+  const ScratchFolder root;
   const std::string list = "Library/Preferences/Logging/Subsystems/com.quillmarsh.plist";
   const std::string program = root.path("Library/Quillmarsh/qxmac/bin/probe");
   std::filesystem::create_directories(std::filesystem::path(program).parent_path());
   std::filesystem::copy_file(QM_PROBE, program);
-  test::ChildProcess probe({program}, true);
+  ChildProcess probe({program}, true);
   const std::string before = readUntil(probe, " default Probe: done");
   EXPECT_THAT(before, HasSubstr(" error Probe: error line <private>\n"));
   EXPECT_THAT(before, testing::Not(HasSubstr("debug line")));
@@ -53,4 +47,3 @@ TEST(SystemLog, FollowsTheLoggingListBelowTheSystemRoot) {
 }
 
 }  // namespace
-}  // namespace qm

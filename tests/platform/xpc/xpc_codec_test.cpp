@@ -1,16 +1,10 @@
 #include "platform/linux/xpc_codec.hpp"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "platform/linux/xpc_limits.hpp"
 #include "xpc_test_support.hpp"
 
-namespace qm::xpc {
+using namespace qm::xpc;
+
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -90,7 +84,7 @@ TEST(XPCCodec, WhatIsWrongIsRefusedAndItsDescriptorsAreClosed) {
        "descriptor that is not there, or used twice"},
   };
   for (const auto& each : cases) {
-    test::Pipe pipe;
+    Pipe pipe;
     std::vector<FileDescriptor> descriptors;
     descriptors.push_back(pipe.writeEnd.duplicate());
     const DecodedMessage decoded = decodeMessage(each.body, std::move(descriptors));
@@ -101,4 +95,3 @@ TEST(XPCCodec, WhatIsWrongIsRefusedAndItsDescriptorsAreClosed) {
 }
 
 }  // namespace
-}  // namespace qm::xpc

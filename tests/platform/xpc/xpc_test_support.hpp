@@ -1,71 +1,41 @@
-// What the transport's tests share: events to wait for, services, and a client that speaks the wire by hand.
+// What the transport's tests share: services, clients, and a client that speaks the wire by hand.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <poll.h>
 
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <span>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "platform/file_descriptor.hpp"
+#include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_frame.hpp"
+#include "platform/linux/xpc_place.hpp"
+#include "platform/linux/xpc_socket.hpp"
 #include "platform/xpc.hpp"
+#include "support/child_process.hpp"
 
 namespace qm::test {
 
-// Long enough for a loaded machine; a test that waits this long has failed.
-inline constexpr std::chrono::seconds kPatience{60};
+using Events = Inbox<XPCObject>;
 
 // A service name that no other test process uses.
-std::string uniqueServiceName();
-std::string socketPath(const std::string& serviceName);
-
-// Values that handlers hand to the test's thread.
-template <class T>
-class Inbox {
- public:
-  void put(T value) {
-    {
-      std::lock_guard lock(mutex_);
-      values_.push_back(std::move(value));
-    }
-    condition_.notify_all();
-  }
-  // Waits for the next one; nothing, and a failed test, when none comes.
-  std::optional<T> take() {
-    std::unique_lock lock(mutex_);
-    if (!condition_.wait_for(lock, kPatience, [this] { return !values_.empty(); })) {
-      ADD_FAILURE() << "nothing came";
-      return std::nullopt;
-    }
-    T value = std::move(values_.front());
-    values_.pop_front();
-    return value;
-  }
-  std::size_t size() const {
-    std::lock_guard lock(mutex_);
-    return values_.size();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable condition_;
-  std::deque<T> values_;
-};
-
-using Events = Inbox<XPCObject>;
+inline std::string uniqueServiceName() {
+  static std::atomic<int> last{0};
+  return "com.quillmarsh.test." + std::to_string(::getpid()) + "." + std::to_string(++last);
+}
+inline std::string socketPath(const std::string& serviceName) {
+  return runFolder() + "/" + serviceName;
+}
 
 // A listener that admits every peer: messages and errors of all of them go to `events`, peers to `peers`.
 struct Service {
-  explicit Service(const std::string& serviceName);
-  ~Service();
+  explicit Service(const std::string& serviceName) : listener(XPCConnection::createListener(serviceName)) {
+    listener.setEventHandler([all = events, found = peers](const XPCObject& event) {
+      const XPCConnection peer = event.asConnection();
+      if (!peer) return all->put(event);
+      peer.setEventHandler([all](const XPCObject& inner) { all->put(inner); });
+      peer.activate();
+      found->put(peer);
+    });
+    listener.activate();
+  }
+  ~Service() { listener.cancel(); }
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
@@ -83,8 +53,11 @@ class ServedTest : public testing::Test {
 
 // A client whose events go to `events`.
 struct Client {
-  explicit Client(const std::string& serviceName);
-  ~Client();
+  explicit Client(const std::string& serviceName) : connection(XPCConnection::createClient(serviceName)) {
+    connection.setEventHandler([all = events](const XPCObject& event) { all->put(event); });
+    connection.activate();
+  }
+  ~Client() { connection.cancel(); }
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
@@ -93,39 +66,71 @@ struct Client {
 };
 
 // A request of the given text, the text of one that came, and a service's usual answer to it.
-XPCDictionary textMessage(std::string_view text);
-std::string textOf(const std::optional<XPCObject>& message);
-void answer(const XPCObject& request, std::string_view text);
+inline XPCDictionary textMessage(std::string_view text) {
+  XPCDictionary message = XPCDictionary::create();
+  message.setString("text", text);
+  return message;
+}
+inline std::string textOf(const std::optional<XPCObject>& message) {
+  return message ? message->asDictionary().getString("text").value_or("(no text)") : "(nothing)";
+}
+inline void answer(const XPCObject& request, std::string_view text) {
+  XPCDictionary reply = request.asDictionary().createReply();
+  ASSERT_TRUE(reply);
+  reply.setString("text", text);
+  reply.remoteConnection().sendMessage(reply);
+}
 
 // A client below the transport: writes what it likes.
 class RawClient {
  public:
-  explicit RawClient(FileDescriptor socket) : socket_(std::move(socket)) {}
-  static RawClient connect(const std::string& serviceName);
+  explicit RawClient(FileDescriptor socket) : socket_(std::move(socket)) {
+    ::fcntl(socket_.get(), F_SETFL, 0);  // it waits
+  }
+  static RawClient connect(const std::string& serviceName) {
+    return RawClient(xpc::connectToService(serviceName));
+  }
 
   int socket() const { return socket_.get(); }
   void closeSocket() { socket_.reset(); }
-  // Nothing when the connection ended.
-  std::optional<xpc::Frame> readFrame();
-  void write(std::span<const std::uint8_t> bytes, std::span<const int> descriptors = {}) const;
+  void write(std::span<const std::uint8_t> bytes, std::span<const int> descriptors = {}) const {
+    while (!bytes.empty()) {
+      pollfd entry{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
+      ::poll(&entry, 1, -1);
+      iovec piece{.iov_base = const_cast<std::uint8_t*>(bytes.data()), .iov_len = bytes.size()};
+      const ssize_t written = xpc::sendWithDescriptors(socket_.get(), std::span(&piece, 1), descriptors);
+      if (written < 0 && errno == EAGAIN) continue;
+      if (written < 0) return;  // the other side has closed
+      bytes = bytes.subspan(static_cast<std::size_t>(written));
+      descriptors = {};
+    }
+  }
   void writeFrame(xpc::FrameHeader header, std::span<const std::uint8_t> body,
-                  std::span<const int> descriptors = {}) const;
+                  std::span<const int> descriptors = {}) const {
+    header.bodyBytes = static_cast<std::uint32_t>(body.size());
+    std::vector<std::uint8_t> bytes(xpc::kHeaderBytes);
+    xpc::writeHeader(header, bytes.data());
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    write(bytes, descriptors);
+  }
   // Reads the welcome and returns its nonce.
-  std::vector<std::uint8_t> readNonce();
-  void greet();
+  std::vector<std::uint8_t> readNonce() const {
+    std::vector<std::uint8_t> welcome(xpc::kHeaderBytes + xpc::kNonceBytes);
+    EXPECT_EQ(::recv(socket_.get(), welcome.data(), welcome.size(), MSG_WAITALL), std::ssize(welcome));
+    EXPECT_EQ(static_cast<xpc::FrameKind>(welcome[5]), xpc::FrameKind::welcome);
+    welcome.erase(welcome.begin(), welcome.begin() + xpc::kHeaderBytes);
+    return welcome;
+  }
+  void greet() const { writeFrame({.kind = xpc::FrameKind::hello}, readNonce()); }
   // True once the other side has closed; false when something else arrives.
-  bool isClosedByPeer();
+  bool isClosedByPeer() const {
+    char byte = 0;
+    const ssize_t length = ::recv(socket_.get(), &byte, 1, 0);
+    return length == 0 || (length < 0 && errno == ECONNRESET);
+  }
 
  private:
   FileDescriptor socket_;
-};
-
-// Both ends of a pipe; nobody else has the write end: the read end says when its last holder is gone.
-struct Pipe {
-  Pipe();
-  bool isWriteEndClosedEverywhere();  // waits for it
-  FileDescriptor readEnd;
-  FileDescriptor writeEnd;
 };
 
 }  // namespace qm::test

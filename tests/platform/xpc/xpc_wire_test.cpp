@@ -1,22 +1,14 @@
 // The transport against a client that breaks its rules.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <deque>
-#include <thread>
 
 #include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_channel.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_socket.hpp"
-#include "support/log_recorder.hpp"
 #include "xpc_test_support.hpp"
 
-namespace qm::test {
 namespace {
 
 using xpc::FrameKind;
@@ -58,39 +50,36 @@ class DescriptorLimit {
 };
 
 TEST_F(XPCWire, WhoBreaksARuleIsDisconnectedWithALogLineAndItsDescriptorsAreClosed) {
+  constexpr FrameKind kMessage = FrameKind::message;
   const struct {
     const char* reason;
     xpc::FrameHeader header;
     Bytes body;
     std::size_t descriptors;
   } cases[] = {
-      {"malformed CBOR", {.kind = FrameKind::message}, {0xa1}, 0},
-      {"unused descriptor", {.kind = FrameKind::message, .descriptors = 1}, kEmptyMap, 1},
-      {"more descriptors than announced", {.kind = FrameKind::message}, kEmptyMap, 1},
-      {"fewer descriptors than announced",
-       {.kind = FrameKind::message, .descriptors = 2},
-       kMapWithDescriptor,
-       1},
-      {"too many descriptors", {.kind = FrameKind::message, .descriptors = 17}, kEmptyMap, 17},
-      {"more descriptors than announced", {.kind = FrameKind::message}, kEmptyMap, 253},
-      {"identifier where none belongs", {.kind = FrameKind::message, .identifier = 1}, kEmptyMap, 0},
+      {"malformed CBOR", {.kind = kMessage}, {0xa1}, 0},
+      {"unused descriptor", {.kind = kMessage, .descriptors = 1}, kEmptyMap, 1},
+      {"more descriptors than announced", {.kind = kMessage}, kEmptyMap, 1},
+      {"fewer descriptors than announced", {.kind = kMessage, .descriptors = 2}, kMapWithDescriptor, 1},
+      {"too many descriptors", {.kind = kMessage, .descriptors = 17}, kEmptyMap, 17},
+      {"more descriptors than announced", {.kind = kMessage}, kEmptyMap, 253},
+      {"identifier where none belongs", {.kind = kMessage, .identifier = 1}, kEmptyMap, 0},
       {"identifier missing", {.kind = FrameKind::request}, kEmptyMap, 0},
       {"content where none belongs", {.kind = FrameKind::unanswered, .identifier = 1}, kEmptyMap, 0},
       {"handshake repeated", {.kind = FrameKind::hello}, Bytes(xpc::kNonceBytes), 0},
       {"unknown kind of frame", {.kind = static_cast<FrameKind>(7)}, kEmptyMap, 0},
-      {"message too long", {.kind = FrameKind::message}, Bytes(xpc::kMaximumBodyBytes + 1), 0},
+      {"message too long", {.kind = kMessage}, Bytes(xpc::kMaximumBodyBytes + 1), 0},
   };
   for (const auto& each : cases) {
+    SCOPED_TRACE(each.reason);
     LogRecorder log;
     Pipe pipe;
     RawClient client = greetedClient();
     client.writeFrame(each.header, each.body, std::vector<int>(each.descriptors, pipe.writeEnd.get()));
-    EXPECT_TRUE(client.isClosedByPeer()) << each.reason;
-    EXPECT_TRUE(pipe.isWriteEndClosedEverywhere()) << each.reason;
-    EXPECT_TRUE(
-        log.has(LogLevel::error, "Disconnecting pid " + std::to_string(::getpid()) + ": " + each.reason))
-        << each.reason;
-    EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid()) << each.reason;
+    EXPECT_TRUE(client.isClosedByPeer());
+    EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+    EXPECT_TRUE(log.hasError("Disconnecting pid " + std::to_string(::getpid()) + ": " + each.reason));
+    EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
   }
   expectServes();
 }
@@ -105,7 +94,7 @@ TEST_F(XPCWire, AnotherVersionAndALongGreetingAreRefused) {
     client.readNonce();
     client.write(hello);
     EXPECT_TRUE(client.isClosedByPeer());
-    EXPECT_TRUE(log.hasContaining(LogLevel::error, reason));
+    EXPECT_TRUE(log.hasError(reason));
   };
   expectRefused(4, 2, ": another version of the wire");
   expectRefused(0, xpc::kNonceBytes + 1, ": message too long");
@@ -118,7 +107,7 @@ TEST_F(XPCWire, APeerThatDoesNotReadIsDisconnected) {
   const XPCDictionary large = textMessage(std::string(1024 * 1024, 'x'));
   for (std::size_t i = 0; i < xpc::kMaximumQueuedBytes / (1024 * 1024) + 2; ++i) peer.sendMessage(large);
   EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
-  EXPECT_TRUE(log.hasContaining(LogLevel::error, ": does not read what it is sent"));
+  EXPECT_TRUE(log.hasError(": does not read what it is sent"));
   expectServes();
 }
 
@@ -196,7 +185,7 @@ TEST(XPCChannel, DeadlinesEndWhoNeverGreetsAndWhoNeverFinishes) {
     EXPECT_TRUE(client.isClosedByPeer());
     EXPECT_TRUE(delegate->closed.take());
     EXPECT_EQ(delegate->received.size(), each.greets ? 1U : 0U);
-    EXPECT_TRUE(log.hasContaining(LogLevel::error, each.reason));
+    EXPECT_TRUE(log.hasError(each.reason));
   }
 }
 
@@ -215,7 +204,7 @@ TEST_F(XPCWire, OutOfDescriptorsTheListenerWaitsAndGoesOn) {
   {
     const DescriptorLimit exhausted(0);
     ASSERT_EQ(::connect(client.socket(), address->address(), address->length()), 0);
-    while (!log.hasContaining(LogLevel::error, "Cannot accept: ")) std::this_thread::yield();
+    while (!log.hasError("Cannot accept: ")) std::this_thread::yield();
   }
   client.greet();
   client.writeFrame({.kind = FrameKind::message}, kEmptyMap);
@@ -233,11 +222,10 @@ TEST_F(XPCWire, DescriptorsThatCannotBeTakenEndTheConnectionOnly) {
                       std::vector<int>(5, pipe.writeEnd.get()));
     EXPECT_TRUE(client.isClosedByPeer());
   }
-  EXPECT_TRUE(log.hasContaining(LogLevel::error, ": descriptors were lost on the way"));
+  EXPECT_TRUE(log.hasError(": descriptors were lost on the way"));
   EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
   EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
   expectServes();
 }
 
 }  // namespace
-}  // namespace qm::test

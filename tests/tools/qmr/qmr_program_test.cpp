@@ -1,19 +1,10 @@
 // The program itself: staged into an installation with a namespace of its own, run as a person would run it.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "platform/linux/run_folder.hpp"
 #include "support/child_process.hpp"
-#include "support/scratch_folder.hpp"
-#include "support/scripted_reputation_service.hpp"
+#include "support/scripted_service.hpp"
 
-namespace qm {
 namespace {
-
-using namespace test;
 
 class QmrProgramTest : public ::testing::Test {
  protected:
@@ -29,26 +20,25 @@ class QmrProgramTest : public ::testing::Test {
   const std::string bin = installation + "/qxmac/bin";
   const std::string program = bin + "/qmr";
   const std::string serviceName = "com.quillmarsh." + space + ".qmreputationd";
-  test::ScratchFolder folder;
+  ScratchFolder folder;
   const std::string clean = folder.write("clean", "x");
 };
 
 TEST_F(QmrProgramTest, ItAsksTheServiceOfItsOwnInstallationAndToleratesAClosedPipe) {
   {
-    const ScriptedReputationService service(serviceName,
-                                            [](const XPCDictionary& request) { answer(request, {}); });
-    const test::CommandResult good = runCommand({program, "check", clean});
+    const ScriptedService service(serviceName, [](const XPCDictionary& request) { answer(request, {}); });
+    const CommandResult good = runCommand({program, "check", clean});
     EXPECT_EQ(good.exitStatus, 0);
     EXPECT_NE(good.output.find("\n1 file: 1 trusted\n"), std::string::npos) << good.output;
     EXPECT_EQ(good.output.find('\x1b'), std::string::npos);  // no terminal, no colour
     EXPECT_EQ(runCommand({program, "ping"}).exitStatus, 0);
-    const test::CommandResult piped = runCommand(
+    const CommandResult piped = runCommand(
         {"bash", "-c",
          "yes " + clean + " | head -3000 | " + program + " check - | head -1; exit ${PIPESTATUS[2]}"});
     EXPECT_EQ(piped.exitStatus, 128 + SIGPIPE);
     EXPECT_EQ(piped.output.find('\n'), piped.output.size() - 1) << piped.output;
   }
-  const test::CommandResult alone = runCommand({program, "check", clean});
+  const CommandResult alone = runCommand({program, "check", clean});
   EXPECT_EQ(alone.exitStatus, 2);
   EXPECT_EQ(alone.output, "qmr: the reputation service " + serviceName + " cannot be reached\n");
 }
@@ -57,18 +47,17 @@ TEST_F(QmrProgramTest, CtrlCLeavesATrueSummaryAndEndsByTheSignal) {
   const std::string silent = folder.write("silent", "x");
   std::promise<void> asked;
   std::vector<XPCDictionary> held;
-  const ScriptedReputationService service(serviceName, [&](const XPCDictionary& request) {
+  const ScriptedService service(serviceName, [&](const XPCDictionary& request) {
     if (request.getString("filename") == clean) return answer(request, {});
     held.push_back(request);
     asked.set_value();
   });
   // It also waits for more paths, which never come.
-  test::ChildProcess running({program, "check", "-j1", clean, silent, "-"}, true);
+  ChildProcess running({program, "check", "-j1", clean, silent, "-"}, true);
   asked.get_future().wait();
   ::kill(running.pid(), SIGINT);
   EXPECT_NE(running.readToEnd().find("\n2 files: 1 trusted; 1 not answered\n"), std::string::npos);
-  EXPECT_EQ(WTERMSIG(running.wait()), SIGINT);
+  EXPECT_EQ(running.wait(), 128 + SIGINT);
 }
 
 }  // namespace
-}  // namespace qm

@@ -1,15 +1,14 @@
 // How answers look: safe text, table rows, JSON lines.
-#include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
 
+#include "support/testing.hpp"
 #include "tools/qmr/display_text.hpp"
 #include "tools/qmr/json_report.hpp"
 #include "tools/qmr/table_report.hpp"
 
-namespace qm::qmr {
+using namespace qm::qmr;
+
 namespace {
 
 ReputationAnswer answered(std::string path, ReputationVerdict verdict) {
@@ -68,4 +67,3 @@ TEST(JsonReport, EachAnswerIsOneObjectOnOneLine) {
 }
 
 }  // namespace
-}  // namespace qm::qmr
