@@ -14,7 +14,7 @@
 
 // The largest file that is hashed, in bytes.
 inline constexpr std::uint64_t kMaxFileSizeForHashing = 536'870'912;
-// The largest read buffer, in bytes.
+// The largest read, in bytes. It needs less memory than that: it comes in portions.
 inline constexpr std::uint64_t kHashBufferMaxSize = 16'777'216;
 // How many leading bytes are kept.
 inline constexpr std::uint64_t kMagicBytesLength = 16;
@@ -36,7 +36,7 @@ class QMRHashProvider : public QMRHashProviderProtocol {
   QMRHashProvider& operator=(const QMRHashProvider&) = delete;
 
   // Reads the file from its beginning to its actual end, by position: the descriptor stays open and its
-  // offset where it is. `fileSize` is the size in bytes the caller knows of; it bounds the buffer, so that a
+  // offset where it is. `fileSize` is the size in bytes the caller knows of; it bounds each read, so that a
   // small one means many small reads, and with 0 nothing is read of any file. Another size read is error 101,
   // a `fileSize` above kMaxFileSizeForHashing error 104. Null on failure; when there is no memory for the
   // buffer `error` stays as it is. Any thread.

@@ -9,7 +9,7 @@ namespace qm {
 namespace {
 
 // Above this size a buffer is a mapping of its own, made of large pages where the kernel has them. The C
-// library would keep freed blocks of such sizes, one for each thread that ever hashed a file. Below it
+// library would keep freed blocks of such sizes, one for each thread that ever read a file. Below it
 // keeping them pays: faulting in new small pages costs half as much as hashing what is read into them.
 constexpr std::size_t kMappingThreshold = 1024 * 1024;
 constexpr std::size_t kLargePage = 2 * 1024 * 1024;

@@ -30,7 +30,7 @@ TEST_F(HashProvider, HashesShortFiles) {
   }
 }
 
-TEST_F(HashProvider, ALargeFileIsReadInPortionsOfTheBuffer) {
+TEST_F(HashProvider, ALargeFileIsReadSixteenMebibytesAtATime) {
   std::string content(40 * 1024 * 1024, '\0');
   for (std::size_t i = 0; i < content.size(); i += 997) content[i] = static_cast<char>(i / 997);
   content.replace(0, 16, "first 16 bytes..");
@@ -44,6 +44,8 @@ TEST_F(HashProvider, ALargeFileIsReadInPortionsOfTheBuffer) {
   EXPECT_EQ(entry->sha256(), expected->sha256());
   EXPECT_EQ(entry->magicBytes(), Data("first 16 bytes..", 16));
   EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 7);
+  EXPECT_EQ(recorder.count(LogLevel::debug, "Read and hashed 16777216 bytes"), 2U);
+  EXPECT_EQ(recorder.count(LogLevel::debug, "Read and hashed 8388608 bytes"), 1U);
 }
 
 TEST_F(HashProvider, TheLimitOfTheSizeIsExact) {
