@@ -155,6 +155,9 @@ Value valueFromXPCObject(const XPCObject& object);
 XPCObject xpcErrorConnectionInterrupted();  // the named service went away; the connection can be used again
 XPCObject xpcErrorConnectionInvalid();      // final
 XPCObject xpcErrorReplyTimedOut();          // no reply in time (only with a time-out given)
+// The request breaks a limit of the transport and was not sent: sent again it would be refused again. The log
+// says which one. The connection goes on.
+XPCObject xpcErrorMessageRefused();
 
 // A listening place that only its holder can connect to. Travels in messages.
 class XPCEndpoint : public XPCObject {

@@ -3,7 +3,7 @@
 #include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
 #include "platform/linux/elf_section.hpp"
-#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "platform/property_list.hpp"
 
 namespace qm {

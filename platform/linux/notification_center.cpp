@@ -14,6 +14,7 @@
 #include "platform/linux/notification_file.hpp"
 #include "platform/linux/process_threads.hpp"
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 
 namespace qm {
 namespace {

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/linux/system_root.hpp"
+
 namespace qm {
 namespace {
 

@@ -13,15 +13,7 @@
 
 namespace qm {
 
-// The root R for a program at R/Library/Quillmarsh[-namespace]/qxmac/bin/NAME, "/" for one that lies anywhere
-// else. The path is absolute and without symbolic links; the file need not exist.
-std::string programRoot(std::string_view programPath);
-
-// The path of the running program, without symbolic links, as it was at the first call.
-const std::string& ownProgramPath();
-// programRoot of the running program: "/" or a path without a slash at its end.
-const std::string& systemRoot();
-// R/run/quillmarsh.
+// R/run/quillmarsh with R the system root.
 std::string runFolder();
 // The run folder of an installation below that root.
 std::string runFolder(std::string_view root);

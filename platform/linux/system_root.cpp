@@ -6,7 +6,7 @@
 #include <climits>
 #include <cstddef>
 
-#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 
 namespace qm {
 namespace {

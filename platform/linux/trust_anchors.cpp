@@ -16,7 +16,7 @@
 #include "platform/file_descriptor.hpp"
 #include "platform/file_io.hpp"
 #include "platform/linux/code_signature.hpp"
-#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 
 namespace qm {
 namespace {

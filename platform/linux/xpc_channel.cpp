@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "foundation/log.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
 namespace qm::xpc {
@@ -222,9 +223,8 @@ bool Channel::readOnce(bool& isDrained) {
     close(nullptr);
     return false;
   }
-  if (!checkSender(received.sender)) return false;
-  if (received.isTruncated) {
-    close("descriptors were lost on the way");
+  if (!checkSender(received)) {
+    closeElsewhere(std::move(received.descriptors));
     return false;
   }
   const auto length = static_cast<std::size_t>(received.length);
@@ -234,7 +234,8 @@ bool Channel::readOnce(bool& isDrained) {
 }
 
 // A client learns with the first bytes who serves it: the socket itself only knows who made it.
-bool Channel::checkSender(const std::optional<ucred>& sender) {
+bool Channel::checkSender(const Received& received) {
+  const std::optional<ucred>& sender = received.sender;
   if (!sender) {
     close("message without credentials");
     return false;
@@ -248,11 +249,14 @@ bool Channel::checkSender(const std::optional<ucred>& sender) {
     }
     isSame = isSameProcess(peer_.token, *sender);
   }
-  if (isSame) return true;
-  QM_LOG_ERROR(channelLog(), "Message from pid %d with uid %u on a connection that is not its own",
-               sender->pid, sender->uid);
-  close("message from another process");
-  return false;
+  if (!isSame) {
+    QM_LOG_ERROR(channelLog(), "Message from pid %d with uid %u on a connection that is not its own",
+                 sender->pid, sender->uid);
+    close("message from another process");
+    return false;
+  }
+  if (received.isTruncated) close("descriptors were lost on the way");
+  return !received.isTruncated;
 }
 
 bool Channel::process() {
@@ -267,12 +271,14 @@ bool Channel::process() {
         close(reader_.refusal());
         return false;
     }
-    if (!handle(std::move(frame))) return false;
+    const bool goesOn = handle(frame);
+    closeElsewhere(std::move(frame.descriptors));  // unless they were handed on
+    if (!goesOn) return false;
   }
   return true;
 }
 
-bool Channel::handle(Frame frame) {
+bool Channel::handle(Frame& frame) {
   State state = State::closed;
   {
     MutexLock lock(mutex_);
@@ -354,11 +360,11 @@ void Channel::finish() {
   processSource_.cancel();
   for (std::optional<EventLoop::Timer>* timer : {&helloTimer_, &frameTimer_})
     if (*timer) EventLoop::shared().cancelTimer(*std::exchange(*timer, std::nullopt));
-  reader_ = {};
+  closeElsewhere(reader_.abandon());
   {
     MutexLock lock(mutex_);
     outbox_.discard(passed);
-    socket_.reset();
+    closeSocketElsewhere(std::move(socket_));
     peer_.process.reset();
     lingering = std::move(lingering_);
   }

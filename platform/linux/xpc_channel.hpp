@@ -13,6 +13,7 @@
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_outbox.hpp"
 #include "platform/linux/xpc_peer.hpp"
+#include "platform/linux/xpc_socket.hpp"
 
 namespace qm::xpc {
 
@@ -85,9 +86,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void processEnded();
   void read(bool untilEnd);
   bool readOnce(bool& isDrained);
-  bool checkSender(const std::optional<ucred>& sender);
+  bool checkSender(const Received& received);
   bool process();
-  bool handle(Frame frame);
+  bool handle(Frame& frame);
   bool handleWelcome(const Frame& frame);
   bool handleHello(const Frame& frame);
   void open(std::optional<OutgoingFrame> first);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "foundation/log.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_place.hpp"
 
 namespace qm::xpc {
@@ -226,7 +227,7 @@ void Connection::sendMessageWithReply(const XPCDictionary& message, const Queue&
   if (encoded.refusal != nullptr) {
     QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
                  encoded.refusal);
-    return runReply(std::move(pending), xpcErrorConnectionInterrupted());
+    return runReply(std::move(pending), xpcErrorMessageRefused());
   }
   bool isNew = false;
   std::uint64_t identifier = 0;
@@ -326,7 +327,7 @@ void Connection::deliverMessage(const std::shared_ptr<Channel>& channel, Frame f
 
 void Connection::deliverReply(const std::shared_ptr<Channel>& channel, Frame frame) {
   std::optional<PendingReply> pending = takePending(frame.header.identifier);
-  if (!pending) return;  // it came too late, or nobody asked
+  if (!pending) return closeElsewhere(std::move(frame.descriptors));  // too late, or nobody asked
   const Queue queue = pending->queue;
   queue.async([self = self(), channel, frame = std::move(frame), pending = std::move(*pending)]() mutable {
     pending.handler(self->decodeReply(*channel, frame));

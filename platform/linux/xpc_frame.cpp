@@ -82,8 +82,14 @@ FrameReader::Step FrameReader::next(Frame& frame) {
 
 FrameReader::Step FrameReader::refuse(const char* reason) {
   refusal_ = reason;
-  batches_.clear();
   return Step::refused;
+}
+
+std::vector<FileDescriptor> FrameReader::abandon() {
+  std::vector<FileDescriptor> descriptors;
+  takeDescriptors(received_, descriptors);
+  *this = {};
+  return descriptors;
 }
 
 std::size_t FrameReader::descriptorsUpTo(std::uint64_t end) const {

@@ -60,6 +60,8 @@ class FrameReader {
   // The next whole frame. After a refusal the stream cannot be read any further.
   Step next(Frame& frame);
   const char* refusal() const { return refusal_; }
+  // Forgets everything and hands out the descriptors that belong to no frame that was taken.
+  std::vector<FileDescriptor> abandon();
 
   // Part of a frame is there.
   bool hasPartialFrame() const { return taken_ < buffer_.size(); }

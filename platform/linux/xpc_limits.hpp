@@ -34,6 +34,15 @@ inline constexpr std::size_t kMaximumHeldBytes = 16 * 1024 * 1024;
 inline constexpr std::size_t kMaximumHeldDescriptors = 1024;
 // Peers of one listener that are neither admitted nor refused; further ones wait in the kernel.
 inline constexpr std::size_t kMaximumUndecidedPeers = 64;
+// Those of them that are one user's. A quarter: users whose programs cannot be looked at (they lie on a file
+// system that does not answer) leave places to the others until there are four of them, and more places would
+// not serve one user faster, because only four programs of a user are looked at at a time
+// (supervised_work.hpp).
+inline constexpr std::size_t kMaximumUndecidedPeersPerUser = kMaximumUndecidedPeers / 4;
+// Peers that wait because their user's share is taken, of one user and of all; further ones are refused. They
+// were accepted, or nobody behind them in the kernel's queue would be: each costs two descriptors.
+inline constexpr std::size_t kMaximumWaitingPeersPerUser = 128;
+inline constexpr std::size_t kMaximumWaitingPeers = 512;
 inline constexpr int kListenBacklog = 128;
 
 // How long to wait when the system is out of descriptors or buffers before it is tried again.

@@ -7,7 +7,9 @@
 #include <utility>
 
 #include "foundation/log.hpp"
+#include "platform/linux/xpc_admission.hpp"
 #include "platform/linux/xpc_connection.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_place.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
@@ -21,11 +23,6 @@ Log& listenerLog() {
   static Log& log = Log::create(kQMRLogSubsystem, "xpc");
   return log;
 }
-
-struct Accepted {
-  FileDescriptor socket;
-  Peer peer;
-};
 
 // What one attempt brought.
 enum class Outcome : std::uint8_t { peer, nothing, drained, exhausted, ended };
@@ -43,17 +40,20 @@ Outcome outcomeOf(int error) {
   }
 }
 
-Outcome acceptFromSocket(int listening, Accepted& accepted) {
+Outcome acceptFromSocket(int listening, AcceptedPeer& accepted) {
   accepted.socket.reset(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!accepted.socket) return outcomeOf(errno);
   std::optional<Peer> peer = peerOfSocket(accepted.socket.get());
-  if (!peer) return Outcome::nothing;
+  if (!peer) {
+    closeSocketElsewhere(std::move(accepted.socket));
+    return Outcome::nothing;
+  }
   accepted.peer = std::move(*peer);
   return Outcome::peer;
 }
 
 // A packet with one end of a socket pair. Who sent it is the peer: the pair itself only knows who made it.
-Outcome acceptFromEndpoint(int listening, Accepted& accepted) {
+Outcome acceptFromEndpoint(int listening, AcceptedPeer& accepted) {
   std::array<std::uint8_t, 16> buffer{};
   Received received = receive(listening, buffer);
   if (received.length < 0) return outcomeOf(received.error);
@@ -64,6 +64,7 @@ Outcome acceptFromEndpoint(int listening, Accepted& accepted) {
   if (!isSound) {
     QM_LOG_ERROR(listenerLog(), "Ignoring a request for a connection from pid %d",
                  received.sender ? received.sender->pid : 0);
+    closeElsewhere(std::move(received.descriptors));
     return Outcome::nothing;
   }
   accepted.socket = std::move(received.descriptors.front());
@@ -103,19 +104,22 @@ class Listener final : public ConnectionCore {
  private:
   // Of one peer that is neither admitted nor refused yet.
   struct Ticket {
-    explicit Ticket(std::weak_ptr<ConnectionCore> its) : listener(std::move(its)) {}
+    Ticket(std::weak_ptr<ConnectionCore> itsListener, std::uint32_t itsUserID)
+        : listener(std::move(itsListener)), userID(itsUserID) {}
     ~Ticket() {
-      if (const auto core = listener.lock()) static_cast<Listener&>(*core).ticketReturned();
+      if (const auto core = listener.lock()) static_cast<Listener&>(*core).ticketReturned(userID);
     }
     const std::weak_ptr<ConnectionCore> listener;
+    const std::uint32_t userID;
   };
 
   void ready();
-  std::shared_ptr<Ticket> takeTicket();
-  void ticketReturned();
+  int socketToAcceptFrom();
+  void enter(AcceptedPeer accepted);
+  void ticketReturned(std::uint32_t userID);
   void pauseAccepting();
   void setReading(bool isReading);
-  void deliverPeer(Accepted accepted, std::shared_ptr<Ticket> ticket);
+  void deliverPeer(AcceptedPeer accepted);
   void fail(const std::string& reason);
   void end();
 
@@ -128,7 +132,7 @@ class Listener final : public ConnectionCore {
   bool isActive_ QM_GUARDED_BY(mutex_) = false;
   bool isCancelled_ QM_GUARDED_BY(mutex_) = false;
   bool isExhausted_ QM_GUARDED_BY(mutex_) = false;
-  std::size_t undecided_ QM_GUARDED_BY(mutex_) = 0;
+  AdmissionPlaces places_ QM_GUARDED_BY(mutex_);
   int listening_ QM_GUARDED_BY(mutex_) = FileDescriptor::kNone;
   std::unique_ptr<Place> place_ QM_GUARDED_BY(mutex_);
   EventSource source_ QM_GUARDED_BY(mutex_);
@@ -164,17 +168,12 @@ void Listener::activate() {
 
 void Listener::ready() {
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
-    std::shared_ptr<Ticket> ticket = takeTicket();
-    if (!ticket) return;
-    int listening = FileDescriptor::kNone;
-    {
-      MutexLock lock(mutex_);
-      listening = listening_;
-    }
-    Accepted accepted;
+    const int listening = socketToAcceptFrom();
+    if (listening == FileDescriptor::kNone) return;
+    AcceptedPeer accepted;
     switch (endpoint_ ? acceptFromEndpoint(listening, accepted) : acceptFromSocket(listening, accepted)) {
       case Outcome::peer:
-        deliverPeer(std::move(accepted), std::move(ticket));
+        enter(std::move(accepted));
         break;
       case Outcome::nothing:
         break;
@@ -189,23 +188,39 @@ void Listener::ready() {
   }
 }
 
-// Null when so many are undecided that the next has to wait.
-std::shared_ptr<Listener::Ticket> Listener::takeTicket() {
+// None when so many are undecided that whoever is next has to wait in the kernel.
+int Listener::socketToAcceptFrom() {
   MutexLock lock(mutex_);
-  if (isCancelled_) return nullptr;
-  if (undecided_ >= kMaximumUndecidedPeers) {
-    source_.setInterest({});
-    return nullptr;
-  }
-  ++undecided_;
-  return std::make_shared<Ticket>(weak_from_this());
+  if (isCancelled_) return FileDescriptor::kNone;
+  if (!places_.isFull()) return listening_;
+  source_.setInterest({});
+  return FileDescriptor::kNone;
 }
 
-void Listener::ticketReturned() {
-  MutexLock lock(mutex_);
-  --undecided_;
-  if (!isCancelled_ && !isExhausted_ && undecided_ + 1 == kMaximumUndecidedPeers)
-    source_.setInterest({.readable = true, .writable = false});
+void Listener::enter(AcceptedPeer accepted) {
+  auto answer = AdmissionPlaces::Answer::refuse;
+  {
+    MutexLock lock(mutex_);
+    if (isCancelled_) return;
+    answer = places_.enter(accepted);
+  }
+  if (answer == AdmissionPlaces::Answer::place) return deliverPeer(std::move(accepted));
+  if (answer == AdmissionPlaces::Answer::wait) return;
+  QM_LOG_ERROR(listenerLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
+               accepted.peer.token.processID(), accepted.userID());
+  closeSocketElsewhere(std::move(accepted.socket));
+}
+
+void Listener::ticketReturned(std::uint32_t userID) {
+  std::optional<AcceptedPeer> next;
+  {
+    MutexLock lock(mutex_);
+    const bool wasFull = places_.isFull();
+    next = places_.leave(userID);
+    if (!isCancelled_ && !isExhausted_ && wasFull && !places_.isFull())
+      source_.setInterest({.readable = true, .writable = false});
+  }
+  if (next) deliverPeer(std::move(*next));
 }
 
 // Those who wait in the kernel's queue would wake us at once again, and in vain.
@@ -235,7 +250,9 @@ void Listener::setReading(bool isReading) {
   if (!isCancelled_) source_.setInterest({.readable = isReading, .writable = false});
 }
 
-void Listener::deliverPeer(Accepted accepted, std::shared_ptr<Ticket> ticket) {
+// It has a place.
+void Listener::deliverPeer(AcceptedPeer accepted) {
+  auto ticket = std::make_shared<Ticket>(weak_from_this(), accepted.userID());
   auto peer = Connection::createPeer(name_, std::move(accepted.socket), std::move(accepted.peer),
                                      events_.strand()->target(), std::move(ticket));
   events_.strand()->async([self = shared_from_this(), peer = XPCObject(std::move(peer))]() mutable {
@@ -264,8 +281,10 @@ void Listener::end() {
   EventSource source;
   std::unique_ptr<Place> place;
   FileDescriptor accepting;
+  std::vector<AcceptedPeer> waiting;
   {
     MutexLock lock(mutex_);
+    waiting = places_.takeWaiting();
     source = std::move(source_);
     place = std::move(place_);
     accepting = std::move(accepting_);

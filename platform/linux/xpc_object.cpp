@@ -262,6 +262,11 @@ XPCObject xpcErrorReplyTimedOut() {
   return only;
 }
 
+XPCObject xpcErrorMessageRefused() {
+  static const XPCObject& only = makeImmortal<ErrorRepresentation>("Message refused");
+  return only;
+}
+
 namespace xpc {
 
 XPCObject adoptDescriptor(FileDescriptor descriptor) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "platform/linux/xpc_codec.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
@@ -86,13 +87,16 @@ void Outbox::consume(std::size_t count) {
   while (!frames_.empty() && !frames_.front().barrier && written_ >= frames_.front().bytes.size()) {
     written_ -= frames_.front().bytes.size();
     descriptors_ -= frames_.front().attachments.size();
+    releaseElsewhere(std::move(frames_.front().attachments));
     frames_.pop_front();
   }
 }
 
 void Outbox::discard(std::vector<Block<void()>>& passed) {
-  for (OutgoingFrame& frame : frames_)
+  for (OutgoingFrame& frame : frames_) {
     if (frame.barrier) passed.push_back(std::move(frame.barrier));
+    releaseElsewhere(std::move(frame.attachments));
+  }
   frames_.clear();
   bytes_ = 0;
   descriptors_ = 0;

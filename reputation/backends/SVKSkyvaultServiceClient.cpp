@@ -97,6 +97,15 @@ qm::ErrorPtr timedOut(std::chrono::milliseconds timeout) {
                    "The Skyvault agent did not answer within " + std::to_string(timeout.count()) + " ms.");
 }
 
+// The error that goes with the transport's.
+qm::ErrorPtr errorFromTransport(const XPCObject& error, std::chrono::milliseconds timeout) {
+  if (error == qm::xpcErrorReplyTimedOut()) return timedOut(timeout);
+  if (error == qm::xpcErrorMessageRefused())
+    return makeError(ErrorCode::requestTooLarge,
+                     "The request holds more than a message to the Skyvault agent may; it was not sent.");
+  return makeError(ErrorCode::connectionLost, "The connection to the Skyvault agent was lost.");
+}
+
 // What the transport gave the reply handler, as a response or an error.
 std::shared_ptr<const SVKSkyvaultResponse> responseFromReply(const XPCObject& reply,
                                                              std::chrono::milliseconds timeout,
@@ -108,9 +117,7 @@ std::shared_ptr<const SVKSkyvaultResponse> responseFromReply(const XPCObject& re
     error = errorFromAgent(dictionary, code);
     return nullptr;
   }
-  error = reply == qm::xpcErrorReplyTimedOut()
-              ? timedOut(timeout)
-              : makeError(ErrorCode::connectionLost, "The connection to the Skyvault agent was lost.");
+  error = errorFromTransport(reply, timeout);
   return nullptr;
 }
 

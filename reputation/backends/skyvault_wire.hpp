@@ -61,6 +61,7 @@ enum class ErrorCode : std::int64_t {
   invalidRequest = 4,     // the agent: a key is missing or of the wrong type
   notSupported = 5,       // the agent does not know this request
   unreadableSample = 6,   // no descriptor to pass on; the agent: not a regular file
+  requestTooLarge = 7,    // the request holds more than a message may; it was not sent
 };
 
 }  // namespace qm::skyvault

@@ -87,7 +87,7 @@ TEST(SkyvaultClient, CarriesItsArgumentsAndBringsTheAnswerBack) {
 TEST(SkyvaultClient, WhateverHappensToACallItCompletesOnceAndTheNextOneIsServed) {
   Agent agent;
   auto client = clientOf(agent);
-  Completions late, twice, waiting, unreadable, last;
+  Completions late, twice, waiting, unreadable, tooLarge, last;
   client->queryReputationForFileHash("late", 30ms, late.make());
   EXPECT_EQ(late->waitForOne().code(), ErrorCode::timedOut);
   reply(soundAnswer(agent.nextRequest()));
@@ -98,6 +98,9 @@ TEST(SkyvaultClient, WhateverHappensToACallItCompletesOnceAndTheNextOneIsServed)
   EXPECT_EQ(askForHash(*client, -5ms).code(), ErrorCode::timedOut);
   client->analyzeFileHandle(nullptr, {}, kLong, unreadable.make());
   EXPECT_EQ(unreadable->waitForOne().code(), ErrorCode::unreadableSample);
+  client->analyzeMetadata({{"xattrs", Array(100'000)}}, kLong, tooLarge.make());
+  EXPECT_EQ(tooLarge->waitForOne().code(), ErrorCode::requestTooLarge)
+      << "more values than a message may hold";
 
   for (int i = 0; i < 3; ++i) client->queryReputationForFileHash("waiting", kLong, waiting.make());
   for (int i = 0; i < 2; ++i) agent.nextRequest();

@@ -1,6 +1,7 @@
 // Where an installation finds itself.
 
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "platform/main_bundle.hpp"
 #include "platform/system_root.hpp"
 #include "support/testing.hpp"

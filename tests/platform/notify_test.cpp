@@ -18,6 +18,7 @@
 
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "platform/system_log.hpp"
 #include "support/child_process.hpp"
 

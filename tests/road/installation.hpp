@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "support/child_process.hpp"
 #include "support/reputation_peer.hpp"
 

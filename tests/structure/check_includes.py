@@ -46,8 +46,20 @@ STANDARD_ONLY = {
 # Not bound by the floors: they test, measure and fuzz every one.
 FREE = {"tests", "bench", "fuzz"}
 
-# Unlike the standard library's, the headers of the system and of other libraries have a suffix or a folder.
-STANDARD_HEADER = re.compile("[a-z_]+")
+# The headers of C++20 (ISO/IEC 14882:2020, 16.4.2.3), those of C as <cname>.
+STANDARD_HEADERS = set(
+    """
+    algorithm any array atomic barrier bit bitset charconv chrono compare complex concepts condition_variable
+    coroutine deque exception execution filesystem format forward_list fstream functional future initializer_list
+    iomanip ios iosfwd iostream istream iterator latch limits list locale map memory memory_resource mutex new
+    numbers numeric optional ostream queue random ranges ratio regex scoped_allocator semaphore set shared_mutex
+    source_location span sstream stack stdexcept stop_token streambuf string string_view syncstream system_error
+    thread tuple type_traits typeindex typeinfo unordered_map unordered_set utility valarray variant vector version
+
+    cassert cctype cerrno cfenv cfloat cinttypes climits clocale cmath csetjmp csignal cstdarg cstddef cstdint cstdio
+    cstdlib cstring ctime cuchar cwchar cwctype
+    """.split()
+)
 
 INCLUDE = re.compile(r'^\s*#\s*(?:include|include_next|import)\s*(?:<([^>]+)>|"([^"]+)"|(\S+))')
 
@@ -97,7 +109,7 @@ def wrong_include(root, source, floor, name, angled):
     named = pathlib.PurePosixPath(name)
     if "/" in name and floor_of(named) is not None:
         return wrong_project_include(floor, named)
-    if floor in STANDARD_ONLY and not STANDARD_HEADER.fullmatch(name):
+    if floor in STANDARD_ONLY and name not in STANDARD_HEADERS:
         return f"{floor}/ may include standard C++ headers only, not {name}"
     return None
 

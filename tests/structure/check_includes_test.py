@@ -16,6 +16,8 @@ HEADERS = [
 
 FORBIDDEN = [
     ("foundation/a.cpp", "#include <unistd.h>"),
+    ("foundation/a.cpp", "#include <ncurses>"),
+    ("foundation/a.cpp", "#include <expected>"),
     ("platform/a.hpp", '#include "platform/linux/event_loop.hpp"'),
     ("filefacts/a.cpp", '#include "settings/client.hpp"'),
     ("validation/a.cpp", '#include "settings/QMRNamespace.hpp"'),

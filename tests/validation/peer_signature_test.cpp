@@ -5,7 +5,7 @@
 
 #include "platform/code_signing.hpp"
 #include "platform/linux/process_identity.hpp"
-#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "platform/linux/system_log_sinks.hpp"
 #include "support/development_authority.hpp"
 #include "validation/QMRSignatureVerifier.hpp"

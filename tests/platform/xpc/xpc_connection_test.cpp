@@ -79,7 +79,7 @@ TEST_F(XPCConnectionTest, ARequestThatIsDroppedGivesAnErrorAndTheConnectionGoesO
 TEST_F(XPCConnectionTest, AMessageThatCannotBeSentIsReportedAtOnce) {
   LogRecorder log;
   const std::string large(xpc::kMaximumBodyBytes, 'x');
-  EXPECT_EQ(*askLater(client.connection, large)->take(), xpcErrorConnectionInterrupted());
+  EXPECT_EQ(*askLater(client.connection, large)->take(), xpcErrorMessageRefused());
   EXPECT_TRUE(log.hasContaining(LogLevel::error, "not sent: message too long"));
 
   const auto replies = askLater(client.connection, "question");

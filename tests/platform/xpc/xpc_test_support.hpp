@@ -95,12 +95,14 @@ class RawClient {
   void closeSocket() { socket_.reset(); }
   void write(std::span<const std::uint8_t> bytes, std::span<const int> descriptors = {}) const {
     while (!bytes.empty()) {
-      pollfd entry{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
-      ::poll(&entry, 1, -1);
       iovec piece{.iov_base = const_cast<std::uint8_t*>(bytes.data()), .iov_len = bytes.size()};
       const ssize_t written = xpc::sendWithDescriptors(socket_.get(), std::span(&piece, 1), descriptors);
-      if (written < 0 && errno == EAGAIN) continue;
-      if (written < 0) return;  // the other side has closed
+      if (written < 0 && errno != EAGAIN) return;  // the other side has closed
+      if (written < 0) {
+        pollfd entry{.fd = socket_.get(), .events = POLLOUT, .revents = 0};
+        ::poll(&entry, 1, -1);
+        continue;
+      }
       bytes = bytes.subspan(static_cast<std::size_t>(written));
       descriptors = {};
     }

@@ -1,8 +1,12 @@
 // The transport against a client that breaks its rules.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 
+#include "platform/linux/event_loop.hpp"
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/xpc_admission.hpp"
 #include "platform/linux/xpc_channel.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_limits.hpp"
@@ -82,6 +86,61 @@ TEST_F(XPCWire, WhoBreaksARuleIsDisconnectedWithALogLineAndItsDescriptorsAreClos
     EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
   }
   expectServes();
+}
+
+// A socket whose last holder does not come back from close(2) before the test takes the other end away.
+struct LingeringSocket {
+  LingeringSocket() {
+    const FileDescriptor listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(::bind(listening.get(), any, length), 0);
+    EXPECT_EQ(::listen(listening.get(), 1), 0);
+    EXPECT_EQ(::getsockname(listening.get(), any, &length), 0);
+    EXPECT_EQ(::connect(socket.get(), any, length), 0);
+    otherEnd.reset(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const linger anHour{.l_onoff = 1, .l_linger = 3600};
+    EXPECT_EQ(::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &anHour, sizeof anHour), 0);
+    const Bytes unread(64 * 1024);
+    while (::send(socket.get(), unread.data(), unread.size(), MSG_DONTWAIT) > 0) continue;
+  }
+  FileDescriptor socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  FileDescriptor otherEnd;
+};
+
+TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
+  const struct {
+    const char* where;
+    xpc::FrameHeader header;
+    std::vector<xpc::FrameHeader> before;
+  } cases[] = {
+      {"in a refused frame", {.kind = FrameKind::message, .descriptors = 1, .identifier = 1}, {}},
+      {"not announced", {.kind = FrameKind::message}, {}},
+      {"still in the socket", {.kind = FrameKind::message}, {{.kind = static_cast<FrameKind>(7)}}},
+      {"in a reply nobody asked for", {.kind = FrameKind::reply, .descriptors = 1, .identifier = 1}, {}},
+  };
+  std::deque<LingeringSocket> lingering;
+  for (const auto& each : cases) {
+    RawClient client = greetedClient();
+    LingeringSocket& descriptor = lingering.emplace_back();
+    // The loop reads when everything is written, and the only descriptor is the one on its way.
+    const auto stands = std::make_shared<Inbox<int>>();
+    const auto goesOn = std::make_shared<Inbox<int>>();
+    EventLoop::shared().runAfter({}, [stands, goesOn] {
+      stands->put(1);
+      goesOn->take();
+    });
+    stands->take();
+    for (const xpc::FrameHeader& header : each.before) client.writeFrame(header, Bytes(100'000));
+    client.writeFrame(each.header, kEmptyMap, std::vector{descriptor.socket.get()});
+    descriptor.socket.reset();
+    goesOn->put(1);
+    EXPECT_TRUE(each.header.kind == FrameKind::reply || client.isClosedByPeer()) << each.where;
+    expectServes();
+  }
 }
 
 TEST_F(XPCWire, AnotherVersionAndALongGreetingAreRefused) {
@@ -187,6 +246,68 @@ TEST(XPCChannel, DeadlinesEndWhoNeverGreetsAndWhoNeverFinishes) {
     EXPECT_EQ(delegate->received.size(), each.greets ? 1U : 0U);
     EXPECT_TRUE(log.hasError(each.reason));
   }
+}
+
+TEST(XPCAdmission, AUserPastItsShareWaitsOrIsRefusedAndOthersAreNotTouched) {
+  using Answer = xpc::AdmissionPlaces::Answer;
+  xpc::AdmissionPlaces places;
+  std::uint32_t process = 0;
+  const auto enter = [&](std::uint32_t userID, std::size_t times, Answer expected,
+                         FileDescriptor socket = {}) {
+    for (std::size_t i = 0; i < times; ++i) {
+      xpc::AcceptedPeer peer{.socket = std::move(socket), .peer = {}};
+      peer.peer.token.words[1] = userID;
+      peer.peer.token.words[5] = ++process;
+      ASSERT_FALSE(places.isFull());
+      ASSERT_EQ(places.enter(peer), expected) << "user " << userID << ", " << i;
+    }
+  };
+  enter(1, xpc::kMaximumUndecidedPeersPerUser, Answer::place);
+  enter(1, xpc::kMaximumWaitingPeersPerUser - 1, Answer::wait);
+  std::optional<xpc::SocketPair> hangUp = xpc::makeSocketPair(SOCK_STREAM);
+  enter(1, 1, Answer::wait, std::move(hangUp->first));
+  enter(1, 1, Answer::refuse);
+  hangUp = {};
+  enter(1, 1, Answer::wait);
+  enter(1, 1, Answer::refuse);
+  enter(2, 1, Answer::place);
+  EXPECT_FALSE(places.leave(2)) << "nobody of this user waits";
+  const auto next = places.leave(1);
+  ASSERT_TRUE(next);
+  EXPECT_EQ(next->peer.token.words[5], xpc::kMaximumUndecidedPeersPerUser + 1) << "first come, first served";
+  enter(1, 1, Answer::wait);
+  for (std::uint32_t user = 2; user <= 3; ++user) {
+    enter(user, xpc::kMaximumUndecidedPeersPerUser, Answer::place);
+    enter(user, xpc::kMaximumWaitingPeersPerUser, Answer::wait);
+  }
+  enter(4, xpc::kMaximumUndecidedPeersPerUser - 1, Answer::place);
+  EXPECT_EQ(places.takeWaiting().size(), 3 * xpc::kMaximumWaitingPeersPerUser);
+  enter(4, 1, Answer::place);
+  EXPECT_TRUE(places.isFull());
+  EXPECT_FALSE(places.leave(3));
+  EXPECT_FALSE(places.isFull());
+}
+
+TEST(XPCListener, WhoWaitsBehindItsUsersShareIsServedWhenAnotherIsRefused) {
+  const std::string name = uniqueServiceName();
+  const XPCConnection listener = XPCConnection::createListener(name);
+  const auto undecided = std::make_shared<Inbox<XPCConnection>>();
+  listener.setEventHandler([undecided](const XPCObject& event) {
+    if (const XPCConnection peer = event.asConnection()) undecided->put(peer);
+  });
+  listener.activate();
+  std::deque<RawClient> clients;
+  for (std::size_t i = 0; i < xpc::kMaximumUndecidedPeersPerUser + 2; ++i)
+    clients.push_back(RawClient::connect(name));
+  std::vector<XPCConnection> peers;
+  while (peers.size() < xpc::kMaximumUndecidedPeersPerUser) peers.push_back(*undecided->take());
+  peers.front().cancel();
+  EXPECT_TRUE(clients.front().isClosedByPeer());
+  const XPCConnection next = *undecided->take();
+  listener.cancel();
+  EXPECT_TRUE(clients.back().isClosedByPeer()) << "nobody can decide upon it any more";
+  for (const XPCConnection& peer : peers) peer.cancel();
+  next.cancel();
 }
 
 // The undefined-behaviour sanitizer opens pipes to look at objects, and takes them for broken when it cannot.

@@ -1,6 +1,6 @@
 // The program itself: staged into an installation with a namespace of its own, run as a person would run it.
 
-#include "platform/linux/run_folder.hpp"
+#include "platform/linux/system_root.hpp"
 #include "support/child_process.hpp"
 #include "support/scripted_service.hpp"
 
