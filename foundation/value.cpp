@@ -154,6 +154,7 @@ struct Describer {
   std::string operator()(double value) const { return doubleText(value); }
   std::string operator()(const std::string& value) const { return value; }
   std::string operator()(const ErrorPtr& error) const { return error->description(); }
+  std::string operator()(const ObjectPtr& object) const { return object->description(); }
   template <class T>
   std::string operator()(const T& value) const {
     return qm::description(value);
@@ -185,6 +186,10 @@ Value::Value(ErrorPtr error) {
   if (error != nullptr) storage_ = std::move(error);
 }
 
+Value::Value(ObjectPtr object) {
+  if (object != nullptr) storage_ = std::move(object);
+}
+
 std::int64_t Value::integerValue() const {
   return std::visit(IntegerConverter(), storage_);
 }
@@ -194,9 +199,9 @@ std::string Value::description() const {
 }
 
 bool operator==(const Value& a, const Value& b) {
-  const auto* first = a.as<ErrorPtr>();
-  const auto* second = b.as<ErrorPtr>();
-  if (first != nullptr && second != nullptr) return *first == *second || **first == **second;
+  if (a.storage_.index() != b.storage_.index()) return false;
+  if (const auto* error = a.as<ErrorPtr>()) return **error == **b.as<ErrorPtr>();
+  if (const auto* object = a.as<ObjectPtr>()) return (*object)->isEqual(**b.as<ObjectPtr>());
   return a.storage_ == b.storage_;
 }
 

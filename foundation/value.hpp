@@ -1,5 +1,6 @@
 // The values that records, error infos, property lists and metadata are made of: the counterpart of the
-// property-list classes plus null, uuid and error. Used by every floor. Plain values, freely copied.
+// property-list classes plus null, uuid, error and objects of other classes. Used by every floor. Plain
+// values, freely copied.
 #pragma once
 
 #include <array>
@@ -13,6 +14,8 @@
 #include <string_view>
 #include <variant>
 #include <vector>
+
+#include "foundation/object.hpp"
 
 namespace qm {
 
@@ -65,7 +68,7 @@ struct UUID {
 class Value {
  public:
   using Storage = std::variant<Null, bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, UUID,
-                               Array, Dictionary, ErrorPtr>;
+                               Array, Dictionary, ErrorPtr, ObjectPtr>;
 
   Value() = default;
   Value(Null) {}
@@ -89,6 +92,9 @@ class Value {
   Value(Dictionary value) : storage_(std::move(value)) {}
   // A null pointer becomes null.
   Value(ErrorPtr error);
+  Value(ObjectPtr object);
+  template <std::derived_from<Object> T>
+  Value(std::shared_ptr<const T> object) : Value(ObjectPtr(std::move(object))) {}
 
   const Storage& storage() const { return storage_; }
   bool isNull() const { return std::holds_alternative<Null>(storage_); }
@@ -111,7 +117,7 @@ class Value {
   std::string description() const;
 
   // Same type and same content; int64 1, uint64 1 and true are three different values. Errors compare by
-  // domain, code and user info.
+  // domain, code and user info, objects by isEqual.
   friend bool operator==(const Value& a, const Value& b);
 
  private:

@@ -146,8 +146,8 @@ class XPCDictionary : public XPCObject {
   using XPCObject::XPCObject;
 };
 
-// Conversion of plain values. Errors become dictionaries; descriptors, endpoints and connections become
-// nothing.
+// Conversion of plain values. Errors become dictionaries; objects of other classes, descriptors, endpoints and
+// connections become nothing.
 XPCObject xpcObjectFromValue(const Value& value);
 Value valueFromXPCObject(const XPCObject& object);
 
@@ -201,6 +201,9 @@ class XPCConnection : public XPCObject {
   // waits without limit; a reply that comes after the time-out is dropped.
   void sendMessageWithReply(const XPCDictionary& message, const Queue& queue, ReplyHandler handler,
                             std::chrono::milliseconds timeout = std::chrono::milliseconds::zero()) const;
+  // Waits for the reply, without limit, and returns it or an error object. Needs no queue and no worker, so it
+  // may also be called on the connection's own queue.
+  XPCObject sendMessageWithReplySync(const XPCDictionary& message) const;
   // Runs the block after everything sent before has left, or at once on a cancelled connection.
   void sendBarrier(Block<void()> block) const;
 

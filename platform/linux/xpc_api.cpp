@@ -60,6 +60,10 @@ void XPCConnection::sendMessageWithReply(const XPCDictionary& message, const Que
   });
 }
 
+XPCObject XPCConnection::sendMessageWithReplySync(const XPCDictionary& message) const {
+  return representation_ ? coreOf(*this).sendMessageWithReplySync(message) : xpcErrorConnectionInvalid();
+}
+
 void XPCConnection::sendBarrier(Block<void()> block) const {
   if (representation_) coreOf(*this).sendBarrier(std::move(block));
 }

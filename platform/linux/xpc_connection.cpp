@@ -7,6 +7,7 @@
 
 #include "foundation/log.hpp"
 #include "platform/linux/xpc_disposal.hpp"
+#include "platform/linux/worker_pool.hpp"
 #include "platform/linux/xpc_place.hpp"
 
 namespace qm::xpc {
@@ -72,6 +73,31 @@ bool ReplyObligation::finish(OutgoingFrame frame) {
   const Hold done = std::move(hold_);
   return true;
 }
+
+// What it waits for is written before it is woken.
+struct Connection::Waiter {
+  template <class Write>
+  void finish(const Write& write) {
+    write();
+    MutexLock lock(mutex);
+    isFinished = true;
+    finished.notifyAll();
+  }
+  void wait() {
+    WorkerPool::shared().willBlock();
+    MutexLock lock(mutex);
+    while (!isFinished) finished.wait(lock);
+  }
+
+  std::shared_ptr<Channel> channel;  // on which the frame came; null when there is an error instead
+  Frame frame;
+  XPCObject error;
+  std::shared_ptr<Finally> session;
+
+  Mutex mutex;
+  Condition finished;
+  bool isFinished QM_GUARDED_BY(mutex) = false;
+};
 
 std::shared_ptr<Connection> Connection::createNamedClient(std::string serviceName, const Queue& target) {
   auto result =
@@ -205,30 +231,64 @@ void Connection::sendMessage(const XPCDictionary& message) {
       QM_LOG_ERROR(connectionLog(), "Reply to pid %d sent twice", auditToken().processID());
     return;
   }
-  if (encoded.refusal != nullptr) return;
+  if (encoded.refusal == nullptr) send(std::move(encoded));
+}
 
+XPCObject Connection::send(EncodedMessage message) {
   bool isNew = false;
   std::shared_ptr<Channel> channel;
   {
     MutexLock lock(mutex_);
     channel = channelToSend(isNew);
   }
-  if (!channel) return;
-  channel->send(makeFrame(FrameKind::message, 0, std::move(encoded)));
+  if (!channel) return xpcErrorConnectionInvalid();
+  const bool isTaken = channel->send(makeFrame(FrameKind::message, 0, std::move(message)));
   if (isNew) connect(channel);
+  MutexLock lock(mutex_);
+  return isTaken && !hasFailedLookUp_ ? XPCObject() : endingError();
+}
+
+// What those who wait get when the channel ends now.
+XPCObject Connection::endingError() const {
+  const bool isFinal = kind_ != Kind::namedClient || isCancelled_ || hasFailedLookUp_;
+  return isFinal ? xpcErrorConnectionInvalid() : xpcErrorConnectionInterrupted();
 }
 
 void Connection::sendMessageWithReply(const XPCDictionary& message, const Queue& queue,
                                       XPCConnection::ReplyHandler handler,
                                       std::chrono::milliseconds timeout) {
   EncodedMessage encoded = encodeMessage(message, kHeaderBytes);
-  PendingReply pending{
-      .queue = queue ? queue : Queue::global(), .handler = std::move(handler), .timer = {}, .session = {}};
-  if (encoded.refusal != nullptr) {
-    QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
-                 encoded.refusal);
-    return runReply(std::move(pending), xpcErrorMessageRefused());
-  }
+  if (encoded.refusal == nullptr) return request(std::move(encoded), queue, std::move(handler), timeout);
+  QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
+               encoded.refusal);
+  runReply({.queue = queue ? queue : Queue::global(), .handler = std::move(handler)},
+           xpcErrorMessageRefused());
+}
+
+XPCObject Connection::sendMessageWithReplySync(const XPCDictionary& message) {
+  EncodedMessage encoded = encodeMessage(message, kHeaderBytes);
+  if (encoded.refusal == nullptr) return requestSync(std::move(encoded)).reply;
+  QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
+               encoded.refusal);
+  return xpcErrorMessageRefused();
+}
+
+void Connection::request(EncodedMessage message, const Queue& queue, XPCConnection::ReplyHandler handler,
+                         std::chrono::milliseconds timeout) {
+  request(std::move(message), {.queue = queue ? queue : Queue::global(), .handler = std::move(handler)},
+          timeout);
+}
+
+Connection::Answer Connection::requestSync(EncodedMessage message) {
+  const auto waiter = std::make_shared<Waiter>();
+  request(std::move(message), {.queue = {}, .handler = {}, .waiter = waiter},
+          std::chrono::milliseconds::zero());
+  waiter->wait();
+  if (!waiter->channel) return {waiter->error, std::move(waiter->session)};
+  return {decodeReply(*waiter->channel, waiter->frame), std::move(waiter->session)};
+}
+
+void Connection::request(EncodedMessage message, PendingReply pending, std::chrono::milliseconds timeout) {
   bool isNew = false;
   std::uint64_t identifier = 0;
   std::shared_ptr<Channel> channel;
@@ -248,18 +308,33 @@ void Connection::sendMessageWithReply(const XPCDictionary& message, const Queue&
     }
   }
   if (!channel) return runReply(std::move(pending), xpcErrorConnectionInvalid());
-  channel->send(makeFrame(FrameKind::request, identifier, std::move(encoded)));
+  channel->send(makeFrame(FrameKind::request, identifier, std::move(message)));
   if (isNew) connect(channel);
 }
 
 void Connection::sendBarrier(Block<void()> block) {
-  Block<void()> onStrand = [strand = events_.strand(), block = std::move(block)] { strand->async(block); };
+  passBarrier([strand = events_.strand(), block = std::move(block)] { strand->async(block); });
+}
+
+void Connection::passBarrier(Block<void()> barrier) {
   std::shared_ptr<Channel> channel;
   {
     MutexLock lock(mutex_);
     if (!isCancelled_) channel = channel_;
   }
-  if (!channel || !channel->send({.bytes = {}, .attachments = {}, .barrier = onStrand})) onStrand();
+  if (!channel || !channel->send({.bytes = {}, .attachments = {}, .barrier = barrier})) barrier();
+}
+
+void Connection::waitUntilSent() {
+  const auto waiter = std::make_shared<Waiter>();
+  passBarrier([waiter] { waiter->finish([] {}); });
+  waiter->wait();
+}
+
+void Connection::setDecided() {
+  std::shared_ptr<void> ticket;
+  MutexLock lock(mutex_);
+  std::swap(ticket, ticket_);
 }
 
 AuditToken Connection::auditToken() const {
@@ -292,11 +367,13 @@ void Connection::channelClosed(const std::shared_ptr<Channel>& channel) {
   std::unordered_map<std::uint64_t, PendingReply> pending;
   std::shared_ptr<Finally> session;
   std::shared_ptr<ConnectionCore> keep;
+  XPCObject error;
   bool isFinal = false;
   {
     MutexLock lock(mutex_);
     if (channel != channel_) return;
-    isFinal = kind_ != Kind::namedClient || isCancelled_ || hasFailedLookUp_;
+    error = endingError();
+    isFinal = error == xpcErrorConnectionInvalid();
     state_ = isFinal ? State::ended : State::idle;
     if (kind_ != Kind::peer) token_ = channel->token();
     channel_ = nullptr;
@@ -304,7 +381,6 @@ void Connection::channelClosed(const std::shared_ptr<Channel>& channel) {
     session = std::move(session_);
     keep = std::move(self_);
   }
-  const XPCObject error = isFinal ? xpcErrorConnectionInvalid() : xpcErrorConnectionInterrupted();
   session->set([self = self(), error, isFinal] { self->deliverError(error, isFinal); });
   for (auto& [identifier, reply] : pending) {
     if (reply.timer) EventLoop::shared().cancelTimer(*reply.timer);
@@ -328,6 +404,13 @@ void Connection::deliverMessage(const std::shared_ptr<Channel>& channel, Frame f
 void Connection::deliverReply(const std::shared_ptr<Channel>& channel, Frame frame) {
   std::optional<PendingReply> pending = takePending(frame.header.identifier);
   if (!pending) return closeElsewhere(std::move(frame.descriptors));  // too late, or nobody asked
+  if (const std::shared_ptr<Waiter> waiter = pending->waiter) {
+    return waiter->finish([&] {
+      waiter->channel = channel;
+      waiter->frame = std::move(frame);
+      waiter->session = std::move(pending->session);
+    });
+  }
   const Queue queue = pending->queue;
   queue.async([self = self(), channel, frame = std::move(frame), pending = std::move(*pending)]() mutable {
     pending.handler(self->decodeReply(*channel, frame));
@@ -367,6 +450,12 @@ std::optional<Connection::PendingReply> Connection::takePending(std::uint64_t id
 }
 
 void Connection::runReply(PendingReply pending, const XPCObject& reply) {
+  if (const std::shared_ptr<Waiter> waiter = pending.waiter) {
+    return waiter->finish([&] {
+      waiter->error = reply;
+      waiter->session = std::move(pending.session);
+    });
+  }
   const Queue queue = pending.queue;
   queue.async([pending = std::move(pending), reply]() mutable {
     pending.handler(reply);

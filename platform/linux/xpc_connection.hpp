@@ -29,6 +29,7 @@ class ConnectionCore : public XPCObject::Representation, public std::enable_shar
   virtual void sendMessageWithReply(const XPCDictionary& message, const Queue& queue,
                                     XPCConnection::ReplyHandler handler,
                                     std::chrono::milliseconds timeout) = 0;
+  virtual XPCObject sendMessageWithReplySync(const XPCDictionary& message) = 0;
   virtual void sendBarrier(Block<void()> block) = 0;
   virtual AuditToken auditToken() const = 0;
   virtual XPCEndpoint endpoint() const { return {}; }
@@ -45,13 +46,15 @@ class EventDelivery {
 
   void setHandler(XPCConnection::EventHandler handler);
   const std::shared_ptr<Strand>& strand() const { return strand_; }
+  // Before anything was delivered.
+  void setTarget(const Queue& target) { strand_ = std::make_shared<Strand>(target); }
   // The handler at this moment; on the strand.
   XPCConnection::EventHandler handler() const;
   // Takes the handler away, for the last call.
   XPCConnection::EventHandler takeHandler();
 
  private:
-  const std::shared_ptr<Strand> strand_;
+  std::shared_ptr<Strand> strand_;
   mutable Mutex mutex_;
   XPCConnection::EventHandler handler_ QM_GUARDED_BY(mutex_);
 };
@@ -111,9 +114,30 @@ class Connection final : public ConnectionCore, public ChannelDelegate {
   void sendMessage(const XPCDictionary& message) override;
   void sendMessageWithReply(const XPCDictionary& message, const Queue& queue,
                             XPCConnection::ReplyHandler handler, std::chrono::milliseconds timeout) override;
+  XPCObject sendMessageWithReplySync(const XPCDictionary& message) override;
   void sendBarrier(Block<void()> block) override;
   AuditToken auditToken() const override;
   std::string description() const override;
+
+  // The same for messages that are encoded and not refused. `send` returns the error that is already known,
+  // else null.
+  XPCObject send(EncodedMessage message);
+  void request(EncodedMessage message, const Queue& queue, XPCConnection::ReplyHandler handler,
+               std::chrono::milliseconds timeout = std::chrono::milliseconds::zero());
+  // The error event waits for the holders of the session, as it does for reply handlers.
+  struct Answer {
+    XPCObject reply;
+    std::shared_ptr<Finally> session;
+  };
+  // Waits for the reply, which the event loop's thread hands over: no worker is needed.
+  Answer requestSync(EncodedMessage message);
+  // Returns when everything sent before has left, or never will.
+  void waitUntilSent();
+
+  // Of a peer that is not active yet. Its handlers run on the queue instead of the listener's.
+  void setTargetQueue(const Queue& target) { events_.setTarget(target); }
+  // Of a peer that will be activated later: it no longer counts as undecided.
+  void setDecided();
 
   void channelReceived(const std::shared_ptr<Channel>& channel, Frame frame, Hold hold) override;
   void channelClosed(const std::shared_ptr<Channel>& channel) override;
@@ -122,11 +146,15 @@ class Connection final : public ConnectionCore, public ChannelDelegate {
   // idle: a named client whose service went away; the next message connects again.
   enum class State : std::uint8_t { inactive, active, idle, ended };
 
+  // A thread that waits for a reply.
+  struct Waiter;
+
   struct PendingReply {
     Queue queue;
     XPCConnection::ReplyHandler handler;
-    std::optional<EventLoop::Timer> timer;
-    std::shared_ptr<Finally> session;
+    std::shared_ptr<Waiter> waiter{};  // instead of the two
+    std::optional<EventLoop::Timer> timer{};
+    std::shared_ptr<Finally> session{};
   };
 
   std::shared_ptr<Connection> self() { return std::static_pointer_cast<Connection>(shared_from_this()); }
@@ -134,6 +162,10 @@ class Connection final : public ConnectionCore, public ChannelDelegate {
   // The channel to send on, null when the connection is invalid; one that is new has to be connected.
   std::shared_ptr<Channel> channelToSend(bool& isNew) QM_REQUIRES(mutex_);
   void connect(const std::shared_ptr<Channel>& channel);
+  void request(EncodedMessage message, PendingReply pending, std::chrono::milliseconds timeout);
+  XPCObject endingError() const QM_REQUIRES(mutex_);
+  // The barrier runs on the thread that writes; at once when there is nothing to wait for.
+  void passBarrier(Block<void()> barrier);
   void lookUpFailed(const std::shared_ptr<Channel>& channel);
 
   void deliverMessage(const std::shared_ptr<Channel>& channel, Frame frame, Hold hold);

@@ -96,6 +96,7 @@ class Listener final : public ConnectionCore {
       handler(xpcErrorConnectionInvalid());
     });
   }
+  XPCObject sendMessageWithReplySync(const XPCDictionary&) override { return xpcErrorConnectionInvalid(); }
   void sendBarrier(Block<void()> block) override { events_.strand()->async(std::move(block)); }
   AuditToken auditToken() const override { return {}; }
   XPCEndpoint endpoint() const override { return endpoint_; }

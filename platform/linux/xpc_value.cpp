@@ -82,6 +82,8 @@ XPCObject xpcObjectFromValue(const Value& value) {
           return objectFromArray(content);
         else if constexpr (std::is_same_v<Content, Dictionary>)
           return objectFromDictionary(content);
+        else if constexpr (std::is_same_v<Content, ObjectPtr>)
+          return XPCObject::null();
         else
           return objectFromError(*content);
       },
