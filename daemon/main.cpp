@@ -12,6 +12,7 @@
 #include "reputation/QMRReputationLookup.hpp"
 #include "settings/QMRCustomization.hpp"
 #include "settings/QMRNamespace.hpp"
+#include "settings/QMRSettingsClient.hpp"
 #include "validation/QMRSignatureVerifier.hpp"
 #include "validation/QRMXPCConnectionValidator.hpp"
 
@@ -25,9 +26,8 @@ int main() {
   const auto customization = std::make_shared<QMRCustomization>();
   const auto validator = std::make_shared<QRMXPCConnectionValidator>();
   validator->setSignatureVerifier(std::make_shared<QMRSignatureVerifier>());
-  // The settings client is made here, its listeners running before the first peer; without it the factory has
-  // only the backend that needs no settings.
-  const std::shared_ptr<QMRSettingsClient> settingsClient;
+  const std::shared_ptr<QMRSettingsClient> settingsClient = QMRSettingsClient::create();
+  settingsClient->startListeners();
 
   ListenerContext context;
   context.validator = validator;

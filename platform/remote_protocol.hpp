@@ -11,6 +11,9 @@
 //     using Methods = qm::RemoteMethods<qm::RemoteMethod<"greet:reply:", &Greeter::greet>>;
 //   };
 //
+// A protocol that includes another is a class that derives from it, and its Methods are
+// JoinedRemoteMethods<RemoteProtocol<Other>::Methods, RemoteMethods<...>>.
+//
 //   connection->setRemoteObjectInterface(qm::remoteInterface<Greeter>());
 //   proxy.call<&Greeter::greet>("Ada", [](const std::string& text) { ... });
 //   connection->setExport(qm::remoteExport<Greeter>(weakGreeter));
@@ -57,6 +60,24 @@ struct RemoteMethod {
 
 template <class... Methods>
 struct RemoteMethods {};
+
+namespace remote_detail {
+
+template <class... Lists>
+struct Joined;
+template <class... Method>
+struct Joined<RemoteMethods<Method...>> {
+  using Methods = RemoteMethods<Method...>;
+};
+template <class... First, class... Second, class... Rest>
+struct Joined<RemoteMethods<First...>, RemoteMethods<Second...>, Rest...>
+    : Joined<RemoteMethods<First..., Second...>, Rest...> {};
+
+}  // namespace remote_detail
+
+// Several lists of methods as one.
+template <class... Lists>
+using JoinedRemoteMethods = typename remote_detail::Joined<Lists...>::Methods;
 
 // How a C++ type travels: its parameter, the value it becomes, and the value back. `fromValue` is only given
 // what the parameter allows.

@@ -15,10 +15,10 @@ qm::Log& QMRNamespace::log() {
 }
 
 const QMRNamespace& QMRNamespace::globalNamespace() {
-  static const QMRNamespace global = [] {
+  static const QMRNamespace& global = *new QMRNamespace([] {
     const qm::MainBundle& bundle = qm::MainBundle::instance();
-    return QMRNamespace(nameFromBundle(bundle.pathForResource("namespace"), bundle.bundlePath()));
-  }();
+    return nameFromBundle(bundle.pathForResource("namespace"), bundle.bundlePath());
+  }());
   return global;
 }
 

@@ -40,11 +40,12 @@ class QMRNamespace {
   // The same two rewritings in this namespace.
   std::string identifierInNamespace(std::string_view identifier) const;
   std::string pathInNamespace(std::string_view path) const;
+  // The component with the separator and the namespace behind it.
+  std::string namespacedComponent(std::string_view component, std::string_view separator) const;
 
  private:
   std::string namespacedString(std::string_view string, std::string_view componentSeparator,
                                std::string_view namespaceSeparator) const;
-  std::string namespacedComponent(std::string_view component, std::string_view separator) const;
 
   const std::string namespaceName_;
 };

@@ -2,6 +2,6 @@
 
 #include <utility>
 
-QMRXPCConnection::QMRXPCConnection(qm::XPCConnection connection)
+QMRXPCConnection::QMRXPCConnection(std::shared_ptr<qm::RemoteConnection> connection)
     : connection_(std::move(connection)),
-      auditToken_(connection_ ? connection_.auditToken() : qm::AuditToken()) {}
+      auditToken_(connection_ ? connection_->auditToken() : qm::AuditToken()) {}

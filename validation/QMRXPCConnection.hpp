@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "foundation/property.hpp"
 #include "platform/audit_token.hpp"
-#include "platform/xpc.hpp"
+#include "platform/remote_connection.hpp"
 
 // Any thread.
 class QMRXPCConnection {
@@ -13,10 +14,10 @@ class QMRXPCConnection {
   // No connection; the peer's token is zeros.
   QMRXPCConnection() = default;
   // An accepted peer, or a client that has been connected: its token is read here, once, as that of the
-  // process that made the connection.
-  explicit QMRXPCConnection(qm::XPCConnection connection);
+  // process that made the connection. Not null.
+  explicit QMRXPCConnection(std::shared_ptr<qm::RemoteConnection> connection);
 
-  const qm::XPCConnection& connection() const { return connection_; }
+  const std::shared_ptr<qm::RemoteConnection>& connection() const { return connection_; }
 
   qm::AuditToken auditToken() const { return auditToken_.get(); }
   void setAuditToken(const qm::AuditToken& token) { auditToken_.set(token); }
@@ -26,6 +27,6 @@ class QMRXPCConnection {
   std::int32_t processIdentifier() const { return auditToken().processID(); }
 
  private:
-  qm::XPCConnection connection_;
+  std::shared_ptr<qm::RemoteConnection> connection_;
   qm::Property<qm::AuditToken> auditToken_;
 };

@@ -37,6 +37,7 @@ TEST(NamespaceTest, RewritesTheMakerFolderOfPaths) {
   const QMRNamespace none("");
   EXPECT_EQ(none.identifierInNamespace("com.quillmarsh.x"), "com.quillmarsh.x");
   EXPECT_EQ(none.pathInNamespace("/Library//Quillmarsh/"), "/Library//Quillmarsh/");
+  EXPECT_EQ(sidecar.namespacedComponent("x", "+") + none.namespacedComponent("y", "+"), "x+sidecary");
 }
 
 TEST(NamespaceTest, TheResourceWinsOverTheFileBesideTheProgramOrBundle) {
