@@ -19,7 +19,14 @@
 namespace qm {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+
+int millisecondsUntil(Clock::time_point time) {
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now());
+  return static_cast<int>(std::max<std::int64_t>(rest.count(), 0));
+}
 
 // A thread that no signal of the process is delivered to.
 template <class Body>
@@ -54,21 +61,22 @@ PathWatcher::~PathWatcher() {
 void PathWatcher::run() {
   watchAnew();
   bool wantsSettled = handler_(false);
+  Clock::time_point settlesAt = Clock::now() + settlingTime_;
   if (!stop_ || !inotify_) return;
   while (true) {
     std::array<pollfd, 2> waited{pollfd{.fd = stop_.get(), .events = POLLIN, .revents = 0},
                                  pollfd{.fd = inotify_.get(), .events = POLLIN, .revents = 0}};
-    const int timeout = wantsSettled ? static_cast<int>(settlingTime_.count()) : -1;
-    const int ready = ::poll(waited.data(), waited.size(), timeout);
+    const int ready = ::poll(waited.data(), waited.size(), wantsSettled ? millisecondsUntil(settlesAt) : -1);
     if (ready < 0 && errno != EINTR) return;
     if (ready < 0) continue;
     if (waited[0].revents != 0) return;
-    if (ready == 0) {
-      wantsSettled = false;
-      handler_(true);
-    } else if (drainEvents()) {
+    if (waited[1].revents != 0 && drainEvents()) {
       watchAnew();
       wantsSettled = handler_(false);
+      settlesAt = Clock::now() + settlingTime_;
+    } else if (wantsSettled && Clock::now() >= settlesAt) {
+      wantsSettled = false;
+      handler_(true);
     }
   }
 }
