@@ -75,7 +75,7 @@ Channel::Channel(Role role, std::weak_ptr<ChannelDelegate> delegate, ChannelDead
 void Channel::start(FileDescriptor socket, std::optional<Peer> peer) {
   {
     MutexLock lock(mutex_);
-    if (state_ != State::waiting) return;
+    if (state_ != State::waiting) return closeSocketElsewhere(std::move(socket));
     state_ = State::handshake;
     socket_ = std::move(socket);
     knowsPeer_ = peer.has_value();

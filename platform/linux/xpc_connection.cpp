@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "foundation/log.hpp"
-#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/worker_pool.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_place.hpp"
 
 namespace qm::xpc {
@@ -133,6 +133,7 @@ Connection::Connection(Kind kind, std::string name, XPCEndpoint endpoint, const 
 // Nobody can hear of it any more: what was sent is still delivered.
 Connection::~Connection() {
   if (channel_) channel_->closeWhenDrained();
+  closeSocketElsewhere(std::move(acceptedSocket_));
 }
 
 std::shared_ptr<Channel> Connection::makeChannel() {
@@ -180,6 +181,7 @@ void Connection::cancel() {
     socket = std::move(acceptedSocket_);
     peer = std::exchange(acceptedPeer_, std::nullopt);
   }
+  closeSocketElsewhere(std::move(socket));
   if (channel) return channel->close(nullptr);
   deliverError(xpcErrorConnectionInvalid(), true);
 }

@@ -202,7 +202,7 @@ void Listener::enter(AcceptedPeer accepted) {
   auto answer = AdmissionPlaces::Answer::refuse;
   {
     MutexLock lock(mutex_);
-    if (isCancelled_) return;
+    if (isCancelled_) return closeSocketElsewhere(std::move(accepted.socket));
     answer = places_.enter(accepted);
   }
   if (answer == AdmissionPlaces::Answer::place) return deliverPeer(std::move(accepted));
@@ -293,7 +293,8 @@ void Listener::end() {
   }
   source.cancel();  // before what it watches is closed
   place.reset();
-  accepting.reset();
+  closeSocketElsewhere(std::move(accepting));
+  for (AcceptedPeer& accepted : waiting) closeSocketElsewhere(std::move(accepted.socket));
   events_.strand()->async([self = shared_from_this()] {
     auto& listener = static_cast<Listener&>(*self);
     if (const XPCConnection::EventHandler handler = listener.events_.takeHandler())

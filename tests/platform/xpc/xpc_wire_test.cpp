@@ -143,6 +143,32 @@ TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
   }
 }
 
+TEST(XPCListener, ARefusedPeersDescriptorThatCannotBeClosedKeepsNobodyWaiting) {
+  const std::string name = uniqueServiceName();
+  const XPCConnection listener = XPCConnection::createListener(name, Queue::serial("listener"));
+  const auto written = std::make_shared<Inbox<bool>>();
+  const auto refused = std::make_shared<Inbox<bool>>();
+  listener.setEventHandler([written, refused](const XPCObject& event) {
+    const XPCConnection peer = event.asConnection();
+    if (!peer) return;
+    written->take();
+    peer.cancel();
+    refused->put(true);
+  });
+  listener.activate();
+  LingeringSocket lingering;
+  for (const int round : {1, 2}) {
+    const RawClient client = RawClient::connect(name);
+    client.writeFrame({.kind = FrameKind::message, .descriptors = 1}, kEmptyMap,
+                      std::vector{round == 1 ? lingering.socket.get() : client.socket()});
+    lingering.socket.reset();
+    written->put(true);
+    EXPECT_TRUE(refused->take()) << round;
+    EXPECT_TRUE(client.isClosedByPeer()) << round;
+  }
+  listener.cancel();
+}
+
 TEST_F(XPCWire, AnotherVersionAndALongGreetingAreRefused) {
   const auto expectRefused = [this](std::size_t offset, std::uint8_t value, const char* reason) {
     LogRecorder log;
