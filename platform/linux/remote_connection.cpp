@@ -21,10 +21,6 @@ namespace {
 
 using remote::remoteLog;
 
-Queue makeQueue() {
-  return Queue::serial("com.quillmarsh.remote.connection");
-}
-
 // The duty to answer one call: when it goes without an answer, the transport tells the caller.
 class Answer {
  public:
@@ -60,6 +56,10 @@ ErrorPtr makeRemoteError(RemoteErrorCode code, std::string text) {
 }
 
 }  // namespace
+
+Queue RemoteConnection::Core::makeQueue() {
+  return Queue::serial("com.quillmarsh.remote.connection");
+}
 
 std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(Kind kind, std::string serviceName,
                                                                  const Queue& queue,
@@ -366,13 +366,13 @@ void RemoteProxy::invoke(std::string_view selector, Array arguments, ReplyHandle
 
 std::shared_ptr<RemoteConnection> RemoteConnection::createWithMachServiceName(std::string_view name,
                                                                               std::uint64_t /*options*/) {
-  const Queue queue = makeQueue();
+  const Queue queue = Core::makeQueue();
   return Core::create(Core::Kind::service, std::string(name), queue,
                       xpc::Connection::createNamedClient(std::string(name), queue));
 }
 
 std::shared_ptr<RemoteConnection> RemoteConnection::createWithListenerEndpoint(const XPCEndpoint& endpoint) {
-  const Queue queue = makeQueue();
+  const Queue queue = Core::makeQueue();
   return Core::create(Core::Kind::endpoint, {}, queue,
                       xpc::Connection::createEndpointClient(endpoint, queue));
 }

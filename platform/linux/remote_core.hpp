@@ -25,6 +25,8 @@ class RemoteConnection::Core final : public std::enable_shared_from_this<Core> {
   // Whom it connects to, or who has connected.
   enum class Kind : std::uint8_t { service, endpoint, client };
 
+  // A connection's own.
+  static Queue makeQueue();
   // The connection with its core; the transport's must not be active yet, and its handlers run on the queue.
   static std::shared_ptr<RemoteConnection> create(Kind kind, std::string serviceName, const Queue& queue,
                                                   std::shared_ptr<xpc::Connection> transport);

@@ -88,7 +88,7 @@ void RemoteListener::Core::offered(const XPCConnection& peer) {
     owner = owner_.lock();
   }
   if (!delegate || !owner) return peer.cancel();
-  const Queue queue = Queue::serial("com.quillmarsh.remote.connection");
+  const Queue queue = RemoteConnection::Core::makeQueue();
   auto transport = std::static_pointer_cast<xpc::Connection>(
       std::static_pointer_cast<xpc::ConnectionCore>(peer.representation()));
   transport->setTargetQueue(queue);
