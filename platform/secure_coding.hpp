@@ -36,9 +36,12 @@ struct RecordField {
   std::string_view key;
   FieldCoding coding;
   CodedClasses classes;  // of an object field, for the object itself and all that it holds
+  // The one class that the record takes for the object itself, whatever `classes` says; empty: any.
+  std::string_view objectClass{};
 };
 
-// What a record's class says about it; one per class, made once.
+// What a record's class says about it; one per class, made once. coded_record.hpp makes one from a list of
+// members.
 struct RecordClass {
   std::string name;
   std::vector<RecordField> fields;

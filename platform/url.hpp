@@ -12,6 +12,9 @@ class URL {
   // Nothing when the text is not a URI reference. The empty text is one. Spelling is kept: no case change, no
   // removal of dot segments.
   static std::optional<URL> create(std::string_view text);
+  // The file URL of a file that is no folder; a relative path starts at the current directory. Nobody looks
+  // whether there is such a file.
+  static URL fileURLWithPath(std::string_view path);
 
   const std::string& absoluteString() const { return text_; }
   // Nothing when there is no authority.

@@ -39,7 +39,7 @@ class QMRReputationLookup : public QMRReputationProtocol,
   QMRReputationLookup& operator=(const QMRReputationLookup&) = delete;
 
   void reputationForFile(const std::shared_ptr<QMRFileReputationRequest>& request,
-                         const qm::FileReputationCompletion& reply) final;
+                         const qm::FileReputationCompletion& reply) override;
 
   // Abstract: the base throws qm::InternalInconsistencyException from all three.
   void reputationForURL(const std::string& url, std::uint32_t timeout,

@@ -373,6 +373,8 @@ class Decoder {
       case FieldCoding::object:
         break;
     }
+    if (!field.objectClass.empty() && classOf(object) != field.objectClass)
+      return unexpected(object, {CodedClass{.name = field.objectClass}}, field.key);
     return decode(object, {field.classes, field.classes}, field.key);
   }
 

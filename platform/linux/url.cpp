@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <filesystem>
 
 namespace qm {
 namespace {
@@ -83,7 +84,29 @@ bool isRelativeWithColon(std::string_view text) {
   return first != std::string_view::npos && text[first] == '@';
 }
 
+// What stays as it is in the path of a file URL, as the home platform writes it.
+bool isUnescapedInFileURL(char c) {
+  return isUnreserved(c) || std::string_view("!$&'()*+,/:=@").find(c) != std::string_view::npos;
+}
+
 }  // namespace
+
+URL URL::fileURLWithPath(std::string_view path) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::error_code error;
+  std::string absolute = std::filesystem::absolute(path, error).string();
+  while (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
+  std::string text = "file://";
+  for (const char c : absolute) {
+    if (isUnescapedInFileURL(c)) {
+      text += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    text += {'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+  }
+  return URL(std::move(text), std::string());
+}
 
 std::optional<URL> URL::create(std::string_view text) {
   if (isRelativeWithColon(text)) {

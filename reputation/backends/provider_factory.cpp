@@ -3,6 +3,8 @@
 
 #include "reputation/QMRReputationLookup.hpp"
 #include "reputation/backends/QMRBasaltReputationLookup.hpp"
+#include "reputation/backends/QMRWispReputationLookup.hpp"
+#include "settings/QMRSettingsClient.hpp"
 
 std::shared_ptr<QMRReputationLookup> QMRReputationLookup::reputationProviderWithBasaltEnabled(
     bool basaltEnabled, std::shared_ptr<QMRSettingsClient> settingsClient) {
@@ -21,9 +23,6 @@ std::shared_ptr<QMRReputationLookup> QMRReputationLookup::basaltReputationProvid
 }
 
 std::shared_ptr<QMRReputationLookup> QMRReputationLookup::wispReputationProviderWithSettingsClient(
-    std::shared_ptr<QMRSettingsClient>) {
-  static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem,
-                                        "+[QMRReputationLookup wispReputationProviderWithSettingsClient:]");
-  QM_LOG_ERROR(log, "This build has no Wisp backend");
-  return nullptr;
+    std::shared_ptr<QMRSettingsClient> settingsClient) {
+  return QMRWispReputationLookup::create(std::move(settingsClient));
 }

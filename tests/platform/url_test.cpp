@@ -35,4 +35,22 @@ TEST(URL, WhatIsNoneIsRefused) {
   EXPECT_FALSE(URL::create(std::string_view("http://h/\0x", 11)));
 }
 
+TEST(URL, APathBecomesAFileURLThatIsValid) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/a b/./../é;?#%[x]", "file:///a%20b/./../%C3%A9%3B%3F%23%25%5Bx%5D"},
+      {"/!$&'()*+,-.:=@_~//x//", "file:///!$&'()*+,-.:=@_~//x"},
+      {"/\xff\n\"", "file:///%FF%0A%22"},
+      {"/", "file:///"},
+  };
+  for (const auto& [path, text] : cases) {
+    const URL url = URL::fileURLWithPath(path);
+    EXPECT_EQ(url.absoluteString(), text);
+    const std::optional<URL> parsed = URL::create(text);
+    ASSERT_TRUE(parsed) << text;
+    EXPECT_EQ(parsed->host(), url.host());
+  }
+  EXPECT_EQ(URL::fileURLWithPath("x y").absoluteString(),
+            URL::fileURLWithPath(std::filesystem::current_path().string() + "/x y").absoluteString());
+}
+
 }  // namespace

@@ -72,14 +72,22 @@ TEST_F(Road, AnUnknownDownloadIsAnalysedAndAnsweredAgain) {
   expectVerdict(0, bystander.ask(script));  // the analysis is remembered
 }
 
-TEST_F(Road, WithoutABackendRequestsAreAnsweredWithAnErrorAndTheNextConnectionFollows) {
-  for (const fs::path& needed :
-       {installation_.product / "config/parameters", installation_.program("skyvaultd")}) {
-    fs::rename(needed, needed.native() + ".away");
-    expectNoProvider();
-    fs::rename(needed.native() + ".away", needed);
-    expectVerdict(1, ReputationPeer().ask(freshScript()));
-  }
+TEST_F(Road, TheNextConnectionHasTheBackendThatIsChosenThen) {
+  const fs::path parameters = installation_.product / "config/parameters";
+  fs::rename(parameters, parameters.native() + ".away");
+  // Wisp, which no settings say is configured.
+  const XPCDictionary unasked = ReputationPeer().ask(freshScript());
+  expectVerdict(1, unasked);
+  EXPECT_EQ(unasked.value("ttl"), XPCObject::int64(0));
+  fs::rename(parameters.native() + ".away", parameters);
+  const XPCDictionary answered = ReputationPeer().ask(freshScript());
+  expectVerdict(1, answered);
+  EXPECT_NE(answered.value("ttl"), XPCObject::int64(0));
+
+  const fs::path agent = installation_.program("skyvaultd");
+  fs::rename(agent, agent.native() + ".away");
+  expectNoProvider();
+  fs::rename(agent.native() + ".away", agent);
   EXPECT_THAT(contentOf(installation_.log("qmreputationd")),
               testing::HasSubstr("Error instantiating Basalt reputation provider!"));
 }

@@ -1,0 +1,373 @@
+#include "reputation/backends/QMRWispReputationLookup.hpp"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "reputation/backends/QMRWispClient.hpp"
+#include "reputation/reputation_support.hpp"
+#include "settings/settings_keys.hpp"
+#include "support/inbox.hpp"
+#include "support/log_recorder.hpp"
+
+namespace {
+
+using qm::Dictionary;
+using qm::ErrorPtr;
+using qm::LogLevel;
+using qm::test::expectAnswer;
+using qm::test::Inbox;
+using qm::test::makeRequest;
+using qm::test::Replies;
+using qm::test::Reply;
+using namespace std::chrono_literals;
+namespace level = qm::reputation_level;
+
+// Stands in for the Wisp client: keeps every scan until the test answers it or lets go of it.
+class WispSubstitute final : public QMRWispProtocol {
+ public:
+  struct Call {
+    std::string url;
+    std::uint32_t timeout = 0;
+    Dictionary metadata;
+    QvsScanCallback qvs;  // one of the two
+    CloudScanCallback cloud;
+
+    // Beside the verdict or result always the same.
+    void answer(std::uint64_t code, const std::optional<Dictionary>& categories = {}) const {
+      QMRWispQvsResponseObjC known;
+      known.safetyVerdict = code, known.ttl = 60, known.prevalence = 9, known.detectionName = "Trojan.X";
+      QMRWispCloudScanResponseObjC scanned;
+      scanned.result = code, scanned.ttl = 120, scanned.prevalence = 200, scanned.infectionName = "Worm.Y";
+      known.categories = scanned.categories = categories;
+      if (qvs) return qvs(std::make_shared<const QMRWispQvsResponseObjC>(known), nullptr);
+      cloud(std::make_shared<const QMRWispCloudScanResponseObjC>(scanned), nullptr);
+    }
+    void fail(const ErrorPtr& error) const { qvs ? qvs(nullptr, error) : cloud(nullptr, error); }
+  };
+  Inbox<Call> calls;
+
+  void qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout, QvsScanCallback callback) override {
+    calls.put({url.value().absoluteString(), timeout, {}, std::move(callback), nullptr});
+  }
+  void cloudScan(const std::optional<qm::URL>& url, const Dictionary& metadata, std::uint32_t timeout,
+                 CloudScanCallback callback) override {
+    calls.put({url.value().absoluteString(), timeout, metadata, nullptr, std::move(callback)});
+  }
+  std::string description() const override { return "<WispSubstitute>"; }
+
+  // Not of the backend's.
+  void fileScan(const qm::Array&, std::uint64_t, const std::shared_ptr<const QMRWispFileScanParametersObjC>&,
+                std::uint32_t, FileScanCallback) override {}
+  void getConfiguration(ConfigurationCallback) override {}
+  void setConfiguration(const std::shared_ptr<const QMRWispConfigurationObjC>&, ErrorCallback) override {}
+  void clearCache(ErrorCallback) override {}
+  void getSettingValue(std::int64_t, SettingValueResponse) override {}
+  void setSettingValue(const qm::Value&, std::int64_t, ErrorCallback) override {}
+  void notifyChannelUpdate(std::uint64_t, const std::optional<qm::URL>&, ErrorCallback) override {}
+  void getSettingValueSync(std::int64_t, SettingValueResponse) override {}
+  void notifyChannelUpdateSync(std::uint64_t, const std::optional<qm::URL>&, ErrorCallback) override {}
+};
+
+class SettingsSubstitute final : public QMRSettingsClientProtocol {
+ public:
+  Dictionary systemSettings() const override { return settings.get(); }
+  void getSystemSettingsWithReply(SettingsReply reply) override { fetches.push_back(std::move(reply)); }
+  void addSettingsUpdateCallback(SettingsUpdateCallback callback) override { observers.push_back(callback); }
+  void removeSettingsUpdateCallback(const SettingsUpdateCallback& callback) override {
+    std::erase(observers, callback);
+  }
+  void updateWispError(const ErrorPtr& error) override { reports.put(error); }
+
+  qm::Property<Dictionary> settings;
+  std::vector<SettingsReply> fetches;
+  std::vector<SettingsUpdateCallback> observers;
+  Inbox<ErrorPtr> reports;
+};
+
+struct Delayed {
+  std::string queue;
+  std::chrono::nanoseconds delay{0};
+  qm::Block<void()> work;
+};
+
+class WispLookupTest : public testing::Test {
+ protected:
+  WispLookupTest() { settings->settings.set({{kWispConfigState, 2}}); }
+
+  QMRWispReputationLookup::Timing timing() {
+    return {.now = [this] { return now; },
+            .after =
+                [this](const qm::Queue& queue, std::chrono::nanoseconds delay, qm::Block<void()> work) {
+                  delayed.put({queue.label(), delay, std::move(work)});
+                }};
+  }
+  // What was put off by so much, of the oldest first; it must be there.
+  Delayed takeDelayed(std::chrono::nanoseconds delay) {
+    for (;;) {
+      std::optional<Delayed> next = delayed.take();
+      if (!next || next->delay == delay) return next.value_or(Delayed{});
+    }
+  }
+  void scan(bool skipCloudScan) { lookup->qvsScanForFile(makeRequest(), skipCloudScan, replies.block()); }
+  void cloudScan() { lookup->cloudScanForFile(makeRequest(), replies.block()); }
+  void rate(const char* url, std::uint32_t timeout = 0) {
+    lookup->reputationForURL(url, timeout, [this](const auto& result) { ratings.put(result); });
+  }
+  WispSubstitute::Call nextCall() { return wisp->calls.take().value_or(WispSubstitute::Call{}); }
+  Reply nextReply() { return replies.take().value_or(Reply{}); }
+
+  std::chrono::steady_clock::time_point now;
+  Inbox<Delayed> delayed;
+  const std::shared_ptr<WispSubstitute> wisp = std::make_shared<WispSubstitute>();
+  const std::shared_ptr<SettingsSubstitute> settings = std::make_shared<SettingsSubstitute>();
+  std::shared_ptr<QMRWispReputationLookup> lookup = QMRWispReputationLookup::create(wisp, settings, timing());
+  const ErrorPtr daemonError = qm::makeError("daemon", 12, {{"k", "v"}});
+  Replies replies;
+  Inbox<std::shared_ptr<const QMRURLReputationResult>> ratings;
+};
+
+struct Meaning {
+  std::uint64_t code;
+  std::optional<std::string> description;
+  qm::ReputationLevel level;
+  std::int64_t safe;
+};
+const std::vector<Meaning> scanResults{
+    {0, "clean", 1, 0},  {1, "infected", 0, -100},   {2, "suspected", 4, -20}, {3, "pua", 4, -20},
+    {4, "spam", 5, -80}, {5, "whitelisted", 2, 100}, {6, "clean", 1, 0},       {~0ULL, "clean", 1, 0}};
+const std::vector<Meaning> safetyVerdicts{{0, "known clean", 2, 100}, {1, "undetected", 1, 0},
+                                          {2, "PU", 4, -20},          {3, "unwanted", 3, -80},
+                                          {4, "malicious", 0, -100},  {5, "unknown", 1, 0},
+                                          {6, std::nullopt, 2, 0},    {~0ULL, std::nullopt, 2, 0}};
+
+TEST_F(WispLookupTest, VerdictsAndResultsHaveTheirLevelsAndClearTheErrorState) {
+  for (const bool isCloudScan : {false, true}) {
+    for (const Meaning& its : isCloudScan ? scanResults : safetyVerdicts) {
+      SCOPED_TRACE(its.code);
+      const auto request = makeRequest({.path = "/a b", .metadata = {{"k", "v"}}});
+      isCloudScan ? lookup->cloudScanForFile(request, replies.block())
+                  : lookup->qvsScanForFile(request, true, replies.block());
+      const auto call = nextCall();
+      EXPECT_EQ(call.url, isCloudScan ? "file:///a%20b" : "data://1111111111111111111111111111111111111111");
+      EXPECT_EQ(call.timeout, 5U);
+      EXPECT_EQ(call.metadata, isCloudScan ? request->metadata() : Dictionary());
+      call.answer(its.code);
+      isCloudScan ? expectAnswer(nextReply(), its.level, 200, 120, "Worm.Y")
+                  : expectAnswer(nextReply(), its.level, 9, 60, "Trojan.X");
+      EXPECT_EQ(settings->reports.take(), ErrorPtr());
+      EXPECT_EQ(isCloudScan ? QMRWispReputationLookup::descriptionForScanResult(its.code)
+                            : QMRWispReputationLookup::descriptionForSafetyVerdict(its.code),
+                its.description);
+    }
+  }
+  EXPECT_EQ(wisp->calls.size(), 0U) << "no further scan was wanted";
+}
+
+TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
+  const qm::test::LogRecorder logs;
+  for (const Dictionary& notConfigured :
+       {Dictionary(), Dictionary{{kWispConfigState, 1}}, Dictionary{{kWispConfigState, "2"}}}) {
+    settings->settings.set(notConfigured);
+    lookup->reputationForFile(makeRequest(), replies.block());
+    expectAnswer(nextReply(), level::unknown, 0, 0);
+  }
+  const std::string text = "Wisp is not yet available, not performing cloudScan (config state - ";
+  EXPECT_TRUE(logs.has(LogLevel::debug, text + "(null))") && logs.has(LogLevel::debug, text + "1)"));
+  lookup->reputationForFile(makeRequest(), nullptr);
+  EXPECT_EQ(wisp->calls.size(), 0U);
+  settings->settings.set({{kWispConfigState, 2U}});
+  lookup->reputationForFile(makeRequest(), replies.block());
+  lookup->reputationForFile(makeRequest({.isDownloadedFile = false}), replies.block());
+  EXPECT_TRUE(nextCall().url.starts_with("file:"));
+  EXPECT_TRUE(nextCall().url.starts_with("data:"));
+  for (int i = 0; i < 2; ++i) nextReply();  // calls that are let go of are answered a little later
+}
+
+TEST_F(WispLookupTest, ItIsReadyWithTheFirstSettingsAndObservedWeakly) {
+  const qm::test::LogRecorder logs;
+  settings->fetches.at(0)({}, daemonError);
+  EXPECT_TRUE(logs.has(LogLevel::error, "Error fetching system settings: " + daemonError->description()));
+  EXPECT_FALSE(lookup->isReady());
+  settings->observers.at(0)({}, {{kWispConfigState, 1}});
+  EXPECT_TRUE(lookup->isReady());
+  EXPECT_TRUE(logs.has(LogLevel::debug, "Settings update: Wisp config state = 1 => wisp available = no"));
+
+  lookup = QMRWispReputationLookup::create(wisp, settings, timing());
+  EXPECT_EQ(settings->observers.size(), 1U) << "the first one is gone";
+  settings->fetches.at(1)({{kWispConfigState, 2}}, nullptr);
+  EXPECT_TRUE(lookup->isReady());
+  EXPECT_TRUE(logs.has(LogLevel::debug, "Settings update: Wisp config state = 2 => wisp available = yes"));
+
+  const auto observer = settings->observers.at(0);
+  scan(false);
+  nextCall().answer(5);
+  const auto followUp = takeDelayed(0s);
+  lookup.reset();
+  EXPECT_TRUE(settings->observers.empty());
+  observer({}, {});
+  settings->fetches.at(1)({}, nullptr);
+  followUp.work();
+  EXPECT_EQ(wisp->calls.size(), 0U);
+}
+
+TEST_F(WispLookupTest, AnUnknownFileIsScannedAgainAfterAsLongAsTheAnswerTook) {
+  const qm::test::LogRecorder logs;
+  scan(true);
+  nextCall().answer(5);
+  expectAnswer(nextReply(), level::unknown, 9, 60, "Trojan.X");
+  scan(false);
+  const auto call = nextCall();
+  now += 1250ms;
+  call.answer(5);
+  expectAnswer(nextReply(), level::unknown, 9, 60, "Trojan.X");
+  EXPECT_TRUE(
+      logs.has(LogLevel::debug,
+               "WP response: qvsScan result after 1.25 seconds: 5, ttl: 60, infection name: Trojan.X, "
+               "categories: (null), prevalence: 9, error: (null)"));
+  const std::string text = "QVS returned SafetyVerdictUnknown for " + makeRequest()->path();
+  EXPECT_EQ(logs.count(LogLevel::info, text + ". Will send the response back"), 1U);
+  EXPECT_EQ(logs.count(LogLevel::info, text + ", will perform background cloudScan"), 1U);
+  EXPECT_EQ(logs.count(LogLevel::debug, "Performing background cloud scan after 1.25 seconds"), 1U);
+
+  const Delayed followUp = takeDelayed(1250ms);
+  EXPECT_EQ(followUp.queue, "com.quillmarsh.background-cloudscan");
+  followUp.work();
+  nextCall().answer(1);
+  EXPECT_TRUE(
+      logs.has(LogLevel::info, "Cloud scan of " + makeRequest()->path() +
+                                   " returned verdict 0 infection name Worm.Y TTL 120 prevalence 200"));
+  EXPECT_EQ(replies.size(), 0U);
+  EXPECT_EQ(settings->reports.size(), 3U);
+}
+
+TEST_F(WispLookupTest, AFailedScanIsAnErrorForAMomentAndIsReported) {
+  for (const bool skipCloudScan : {true, false}) {
+    scan(skipCloudScan);
+    nextCall().fail(daemonError);
+    expectAnswer(nextReply(), level::error, 0, 1, std::nullopt, daemonError);
+    EXPECT_EQ(settings->reports.take(), daemonError);
+    EXPECT_EQ(delayed.size(), skipCloudScan ? 1U : 3U) << "deadlines, and the further scan";
+  }
+  const Delayed followUp = takeDelayed(10s);
+  EXPECT_EQ(followUp.queue, "com.quillmarsh.background-cloudscan");
+  followUp.work();
+  nextCall().fail(daemonError);
+  EXPECT_EQ(settings->reports.take(), daemonError);
+  EXPECT_EQ(replies.size(), 0U);
+  cloudScan();
+  nextCall().fail(daemonError);
+  expectAnswer(nextReply(), level::error, 0, 1, std::nullopt, daemonError);
+  EXPECT_EQ(settings->reports.take(), daemonError);
+}
+
+TEST_F(WispLookupTest, EveryLookupIsAnsweredOnceWhateverTheDaemonDoes) {
+  // An answer with nothing in it, none within the time, and none that ever could come.
+  const std::function<void(WispSubstitute::Call&)> ways[] = {
+      [](auto& call) { call.fail(nullptr); },
+      [this](auto&) { takeDelayed(6s).work(); },
+      [](auto& call) { call = {}; },
+  };
+  for (const auto& way : ways) {
+    for (const bool isCloudScan : {false, true}) {
+      isCloudScan ? cloudScan() : scan(true);
+      auto call = nextCall();
+      way(call);
+      const auto reply = nextReply();
+      ASSERT_NE(reply.error, nullptr);
+      expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
+      EXPECT_EQ(reply.error->localizedDescription(), "The Wisp core daemon gave no answer");
+      EXPECT_EQ(settings->reports.take(), reply.error);
+      if (call.qvs || call.cloud) call.fail(daemonError);
+      if (const auto deadline = delayed.size() > 0 ? delayed.take() : std::nullopt) deadline->work();
+    }
+  }
+  EXPECT_EQ(replies.size(), 0U);
+  EXPECT_EQ(settings->reports.size(), 0U);
+}
+
+TEST_F(WispLookupTest, NothingOfAProviderIsLeftWhenItsLastLookupIsAnswered) {
+  const std::weak_ptr<QMRWispReputationLookup> watched = lookup;
+  scan(true);
+  const auto call = nextCall();
+  lookup.reset();
+  EXPECT_FALSE(watched.expired());
+  takeDelayed(6s).work();
+  EXPECT_TRUE(watched.expired()) << "although the daemon still has the call";
+  const Reply reply = nextReply();
+  expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
+}
+
+TEST_F(WispLookupTest, ADaemonThatCannotBeReachedIsReportedWithItsCause) {
+  lookup = QMRWispReputationLookup::create(settings);
+  EXPECT_NE(dynamic_cast<QMRWispClient*>(lookup->wisp().get()), nullptr);
+  scan(true);
+  const auto reply = nextReply();
+  ASSERT_NE(reply.error, nullptr);
+  expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
+  EXPECT_EQ(reply.error->domain(), qm::kCocoaErrorDomain);
+  EXPECT_EQ(settings->reports.take(), reply.error);
+  EXPECT_EQ(settings->reports.size(), 0U) << "once";
+}
+
+TEST_F(WispLookupTest, URLsAreRatedByTheirCategoriesAndVerdict) {
+  const Dictionary yes{{"value", true}};
+  const Dictionary categories{{"banking_login", yes},
+                              {"banking_safe", yes},
+                              {"financial", Dictionary{{"value", 0}}},
+                              {"half", Dictionary{{"value", 0.5}}},
+                              {"spam", Dictionary{{"other", true}}},
+                              {"text", "value"}};
+  Dictionary scores{{"kvy_banking", 100}, {"banking", 0}, {"half", 100}, {"spam", 0}, {"text", 0}};
+  lookup->addBaseMetadataValue("local_file", "context");
+  for (const bool isCloudScan : {false, true}) {
+    lookup->setUseCloudScanForURLLookup(isCloudScan);
+    for (const Meaning& its : isCloudScan ? scanResults : safetyVerdicts) {
+      SCOPED_TRACE(its.code);
+      rate("http://h/p", 30);
+      const auto call = nextCall();
+      EXPECT_EQ(call.url, "http://h/p");
+      EXPECT_EQ(call.timeout, 30U);
+      EXPECT_EQ(call.metadata, isCloudScan ? *lookup->baseMetadata() : Dictionary());
+      takeDelayed(31s);
+      call.answer(its.code, categories);
+      const auto rating = ratings.take().value();
+      EXPECT_EQ(rating->error(), nullptr);
+      EXPECT_EQ(rating->ttl(), isCloudScan ? 120U : 60U);
+      scores.insert_or_assign("safe", its.safe);
+      EXPECT_EQ(rating->categories(), (Dictionary{{"cats", scores}}));
+      EXPECT_EQ(settings->reports.take(), ErrorPtr());
+    }
+  }
+}
+
+TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
+  const auto expectFailed = [this](std::int64_t code, const std::string& text) {
+    const auto rating = ratings.take().value();
+    ASSERT_NE(rating->error(), nullptr);
+    EXPECT_EQ(rating->error()->domain(), "com.quillmarsh.QMRWispReputationLookup");
+    EXPECT_EQ(rating->error()->code(), code);
+    EXPECT_EQ(rating->error()->localizedDescription(), text);
+    EXPECT_EQ(rating->ttl(), 0U);
+    EXPECT_EQ(rating->categories(), (Dictionary{{"cats", Dictionary{{"safe", 0}}}}));
+  };
+  rate("http://h/a b");
+  expectFailed(0, "Invalid URL passed");
+  settings->settings.set({});
+  rate("http://h/");
+  expectFailed(1, "Wisp is not available");
+  EXPECT_EQ(wisp->calls.size() + settings->reports.size(), 0U);
+  settings->settings.set({{kWispConfigState, 2}});
+  for (const bool isCloudScan : {false, true}) {
+    lookup->setUseCloudScanForURLLookup(isCloudScan);
+    rate("http://h/");
+    nextCall().fail(daemonError);
+    expectFailed(12, daemonError->description());
+    EXPECT_EQ(settings->reports.take(), daemonError);
+  }
+}
+
+}  // namespace
