@@ -45,6 +45,16 @@ std::string sha256Text(const QMRFileReputationRequest& request) {
   return QMRHashProvider::sha256StringForBuffer(sha256 ? sha256->bytes() : nullptr);
 }
 
+std::chrono::milliseconds millisecondsKeptTo32Bits(std::uint32_t seconds) {
+  return std::chrono::milliseconds(static_cast<std::int32_t>(seconds * 1000U));
+}
+
+qm::Array descriptionsOf(const std::vector<SVKSkyvaultCategory>& categories) {
+  qm::Array descriptions;
+  for (const SVKSkyvaultCategory& category : categories) descriptions.emplace_back(category.description());
+  return descriptions;
+}
+
 }  // namespace
 
 std::shared_ptr<QMRBasaltReputationLookup> QMRBasaltReputationLookup::create() {
@@ -199,6 +209,58 @@ void QMRBasaltReputationLookup::handleSampleAnalysis(const Request& request, con
   }
   QM_LOG(log(), "SAGE upload of %@ completed, response=%@ verdict=%@", request->path(), response,
          verdictValue(response));
+}
+
+void QMRBasaltReputationLookup::reputationForURL(const std::string& url, std::uint32_t timeout,
+                                                 const qm::URLReputationCompletion& callback) {
+  const std::optional<qm::URL> validated = validateURL(url, callback);
+  if (!validated) return;
+  const SkyvaultClient client = skyvaultClient();
+  QM_LOG_DEBUG(log(), "Performing URL lookup for %@ with timeout %d using %@", *validated,
+               static_cast<std::int32_t>(timeout), client);
+  const auto completion = [self = self(), validated = *validated, callback](const SkyvaultResponse& response,
+                                                                            const qm::ErrorPtr& error) {
+    self->handleBasaltURLLookupResponse(response, validated, error, callback);
+  };
+  if (!client) return completion(nullptr, nullptr);
+  client->queryReputationForURL(*validated, std::nullopt, baseMetadata(), millisecondsKeptTo32Bits(timeout),
+                                completion);
+}
+
+void QMRBasaltReputationLookup::handleBasaltURLLookupResponse(
+    const SkyvaultResponse& response, const qm::URL& url, const qm::ErrorPtr& error,
+    const qm::URLReputationCompletion& callback) const {
+  if (handleCloudErrorResponse(outcomeError(response, error), url, callback)) return;
+  QM_LOG_DEBUG(log(), "Reputation lookup for URL %@ succeeded with scan result %@ and categories \n%@", url,
+               verdictValue(response), descriptionsOf(response->categories));
+  const qm::Dictionary scores = formatBasaltResponseWithCategories(response->categories, *response);
+  QM_LOG_DEBUG(log(), "Sending back the result for URL %@ with categories \n%@", url, scores);
+  if (!callback) return;
+  callback(std::make_shared<QMRURLReputationResult>(qm::Dictionary{{"cats", scores}}, response->ttl,
+                                                    qm::ErrorPtr()));
+}
+
+qm::Dictionary QMRBasaltReputationLookup::formatBasaltResponseWithCategories(
+    const std::vector<SVKSkyvaultCategory>& categories, const SVKSkyvaultResponse& response) const {
+  qm::Dictionary scores = mapBasaltCategories(categories);
+  scores.insert_or_assign("safe", safeScoreForReputationLevel(mapBasaltResponse(response)));
+  return scores;
+}
+
+qm::Dictionary QMRBasaltReputationLookup::mapBasaltCategories(
+    const std::vector<SVKSkyvaultCategory>& categories) {
+  qm::Dictionary scores;
+  for (const SVKSkyvaultCategory& category : categories) {
+    const auto* mapped = qm::find<std::string>(kCategoryMapping(), category.name);
+    scores.insert_or_assign(mapped != nullptr ? *mapped : category.name, category.value ? 100 : 0);
+  }
+  return scores;
+}
+
+std::int64_t QMRBasaltReputationLookup::safeScoreForReputationLevel(qm::ReputationLevel level) {
+  static constexpr std::array<std::int64_t, 8> scores{-100, 0, 100, -80, -20, -20, 0, 0};
+  // A level that is not in the table counts as safe, deliberately.
+  return level < scores.size() ? scores[level] : 100;
 }
 
 qm::ReputationLevel QMRBasaltReputationLookup::mapBasaltResponse(const SVKSkyvaultResponse& response) const {

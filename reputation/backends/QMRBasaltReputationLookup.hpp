@@ -1,7 +1,7 @@
-// The provider that asks the maker's cloud security service through the Skyvault client, in up to three
-// stages: a lookup of the file's SHA-256 (L0), an analysis of its metadata when that said unknown (L1), and,
-// when the cloud asks for it, a background upload of the file (L2), whose verdict comes through the
-// delayed-response callback.
+// The provider that asks the maker's cloud security service through the Skyvault client. About a file in up
+// to three stages: a lookup of its SHA-256 (L0), an analysis of its metadata when that said unknown (L1),
+// and, when the cloud asks for it, a background upload of the file (L2), whose verdict comes through the
+// delayed-response callback. About a URL in one question.
 #pragma once
 
 #include <chrono>
@@ -16,8 +16,7 @@
 #include "reputation/QMRResponseConsolidator.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
-// Replies are called on whatever queue the client completes on. URL lookups are not offered yet: they end in
-// the base's exception.
+// Replies are called on whatever queue the client completes on.
 class QMRBasaltReputationLookup final : public QMRReputationLookup {
  public:
   using SkyvaultClient = std::shared_ptr<SVKSkyvaultServiceClientProtocol>;
@@ -44,6 +43,13 @@ class QMRBasaltReputationLookup final : public QMRReputationLookup {
   void qvsScanForFile(const Request& request, bool skipCloudScan,
                       const qm::FileReputationCompletion& reply) override;
 
+  // The categories of the result are { "cats": score dictionary }, its ttl is the cloud's, in seconds. A URL
+  // that is none, or a failure, ends in the unknown rating with an error (code 0, or the cloud's). The
+  // time-out is the client's; it is read as a signed number of seconds, and its milliseconds are kept to 32
+  // bits.
+  void reputationForURL(const std::string& url, std::uint32_t timeout,
+                        const qm::URLReputationCompletion& callback) override;
+
   // L1 for a file that L0 does not know; any other outcome of L0 goes to the reply. Only one L1 runs for a
   // file at a time: who comes later gets its outcome.
   void handleMeritUpgradeForRequest(const Request& request, const Result& meritResponse,
@@ -56,6 +62,19 @@ class QMRBasaltReputationLookup final : public QMRReputationLookup {
                               const qm::FileReputationCompletion& reply) const;
   // The outcome of L1 for those who waited for it: the result, or the error alone.
   void handleConsolidationForRequest(const Request& request, const Result& result, const qm::ErrorPtr& error);
+
+  // One answer of the cloud about a URL becomes a result for the callback.
+  void handleBasaltURLLookupResponse(const SkyvaultResponse& response, const qm::URL& url,
+                                     const qm::ErrorPtr& error,
+                                     const qm::URLReputationCompletion& callback) const;
+  // The score dictionary: what mapBasaltCategories gives, and under "safe" the score of the verdict, whatever
+  // the categories say.
+  qm::Dictionary formatBasaltResponseWithCategories(const std::vector<SVKSkyvaultCategory>& categories,
+                                                    const SVKSkyvaultResponse& response) const;
+  // 100 or 0 for each category, under its product name; the last one of a name counts.
+  static qm::Dictionary mapBasaltCategories(const std::vector<SVKSkyvaultCategory>& categories);
+  // The "safe" score: -100 (certainly not) to 100.
+  static std::int64_t safeScoreForReputationLevel(qm::ReputationLevel level);
 
   qm::ReputationLevel mapBasaltResponse(const SVKSkyvaultResponse& response) const;
 

@@ -1,5 +1,9 @@
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
+std::string SVKSkyvaultCategory::description() const {
+  return name + (value ? ": yes" : ": no");
+}
+
 std::string SVKSkyvaultResponse::description() const {
   return "<SVKSkyvaultResponse: verdict " + safetyVerdict.value + ", infection name " +
          safetyVerdict.infectionName.value_or("(null)") + ", options " + std::to_string(options) + ", ttl " +

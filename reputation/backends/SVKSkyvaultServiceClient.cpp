@@ -220,16 +220,16 @@ void SVKSkyvaultServiceClient::analyzeFileHandle(std::shared_ptr<qm::FileHandle>
 }
 
 void SVKSkyvaultServiceClient::queryReputationForURL(
-    const std::string& url, const std::optional<std::vector<std::string>>& categories,
-    const qm::Dictionary& metadata, std::chrono::milliseconds timeout, Completion completion) {
+    const qm::URL& url, const std::optional<std::vector<std::string>>& categories,
+    const std::optional<qm::Dictionary>& metadata, std::chrono::milliseconds timeout, Completion completion) {
   XPCDictionary request = makeRequest(qm::skyvault::kRequestURL);
-  request.setString(qm::skyvault::kURLKey, url);
+  request.setString(qm::skyvault::kURLKey, url.absoluteString());
   if (categories) {
     XPCArray wanted = XPCArray::create();
     for (const std::string& name : *categories) wanted.append(XPCObject::string(name));
     request.setValue(qm::skyvault::kCategoriesWantedKey, wanted);
   }
-  request.setValue(qm::skyvault::kMetadataKey, qm::xpcObjectFromValue(metadata));
+  if (metadata) request.setValue(qm::skyvault::kMetadataKey, qm::xpcObjectFromValue(*metadata));
   send(request, timeout, std::move(completion));
 }
 

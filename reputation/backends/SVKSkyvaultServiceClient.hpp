@@ -1,5 +1,5 @@
-// The client of the Skyvault agent, which the Basalt backend asks about files: each call is one message to
-// the agent's service and one reply.
+// The client of the Skyvault agent, which the Basalt backend asks about files and URLs: each call is one
+// message to the agent's service and one reply.
 //
 // The connection is made with the first call and made anew with the next one after the agent ended; a call
 // that waits at that moment gets an error at once. Errors are of qm::skyvault::kErrorDomain with a
@@ -36,9 +36,8 @@ class SVKSkyvaultServiceClient final : public SVKSkyvaultServiceClientProtocol {
                        Completion completion) override;
   void analyzeFileHandle(std::shared_ptr<qm::FileHandle> fileHandle, const qm::Dictionary& metadata,
                          std::chrono::milliseconds timeout, Completion completion) override;
-  void queryReputationForURL(const std::string& url,
-                             const std::optional<std::vector<std::string>>& categories,
-                             const qm::Dictionary& metadata, std::chrono::milliseconds timeout,
+  void queryReputationForURL(const qm::URL& url, const std::optional<std::vector<std::string>>& categories,
+                             const std::optional<qm::Dictionary>& metadata, std::chrono::milliseconds timeout,
                              Completion completion) override;
   std::string description() const override;
 

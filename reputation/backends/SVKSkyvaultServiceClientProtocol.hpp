@@ -13,6 +13,7 @@
 #include "foundation/error.hpp"
 #include "foundation/value.hpp"
 #include "platform/file_handle.hpp"
+#include "platform/url.hpp"
 
 // The safety verdict values. The texts are those of the substitute client and its agent; only their equality
 // counts.
@@ -31,6 +32,8 @@ struct SVKSkyvaultSafetyVerdict {
 struct SVKSkyvaultCategory {
   std::string name;
   bool value = false;
+
+  std::string description() const;
 };
 
 class SVKSkyvaultResponse {
@@ -61,9 +64,9 @@ class SVKSkyvaultServiceClientProtocol {
   virtual void analyzeFileHandle(std::shared_ptr<qm::FileHandle> fileHandle, const qm::Dictionary& metadata,
                                  std::chrono::milliseconds timeout, Completion completion) = 0;
   // Without a filter the answer has all categories, else those that the filter names.
-  virtual void queryReputationForURL(const std::string& url,
+  virtual void queryReputationForURL(const qm::URL& url,
                                      const std::optional<std::vector<std::string>>& categories,
-                                     const qm::Dictionary& metadata, std::chrono::milliseconds timeout,
-                                     Completion completion) = 0;
+                                     const std::optional<qm::Dictionary>& metadata,
+                                     std::chrono::milliseconds timeout, Completion completion) = 0;
   virtual std::string description() const = 0;
 };

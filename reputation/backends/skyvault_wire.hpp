@@ -6,7 +6,8 @@
 //            kRequestHash       kSHA256Key
 //            kRequestMetadata   kMetadataKey
 //            kRequestSample     kMetadataKey, kFileKey (a descriptor of a regular file, open for reading)
-//            kRequestURL        kURLKey, kMetadataKey, where only some are wanted kCategoriesWantedKey
+//            kRequestURL        kURLKey, where there is any kMetadataKey, where only some are wanted
+//                               kCategoriesWantedKey
 //   reply    kVerdictKey, kOptionsKey, kTTLKey, kPrevalenceKey, and where there are any kInfectionNameKey and
 //            kCategoriesKey; or kErrorCodeKey and kErrorTextKey alone
 #pragma once
@@ -22,7 +23,7 @@ inline constexpr const char* kRequestKey = "request";    // string
 inline constexpr const char* kSHA256Key = "sha256";      // string, 64 lower-case hexadecimal digits
 inline constexpr const char* kMetadataKey = "metadata";  // dictionary
 inline constexpr const char* kFileKey = "file";          // descriptor
-inline constexpr const char* kURLKey = "url";            // string
+inline constexpr const char* kURLKey = "url";            // string, a URL (RFC 3986)
 inline constexpr const char* kCategoriesWantedKey = "categories-wanted";  // array of strings
 
 inline constexpr const char* kRequestHash = "hash";

@@ -1,5 +1,7 @@
 #include "reputation/backends/QMRBasaltReputationLookup.hpp"
 
+#include <functional>
+
 #include "reputation/reputation_support.hpp"
 
 namespace {
@@ -15,10 +17,11 @@ struct Answer {
   std::uint64_t ttl = 60;
   std::int64_t prevalence = 0;
   std::optional<std::string> infectionName = std::nullopt;
+  std::vector<SVKSkyvaultCategory> categories = {};
 
   std::shared_ptr<const SVKSkyvaultResponse> response() const {
     return std::make_shared<SVKSkyvaultResponse>(
-        SVKSkyvaultResponse{{verdict, infectionName}, options, ttl, prevalence, {}});
+        SVKSkyvaultResponse{{verdict, infectionName}, options, ttl, prevalence, categories});
   }
 };
 
@@ -27,11 +30,12 @@ class SkyvaultSubstitute final : public SVKSkyvaultServiceClientProtocol {
  public:
   struct Call {
     std::string operation;
-    std::string hash;
-    Dictionary metadata;
+    std::string question;  // the hash or URL
+    std::optional<Dictionary> metadata;
     std::shared_ptr<FileHandle> fileHandle;
     std::chrono::milliseconds timeout{0};
     Completion completion;
+    bool isFiltered = false;
 
     void answer(const Answer& answer) const { completion(answer.response(), nullptr); }
     void fail(const ErrorPtr& error) const { completion(nullptr, error); }
@@ -56,9 +60,11 @@ class SkyvaultSubstitute final : public SVKSkyvaultServiceClientProtocol {
                          std::chrono::milliseconds timeout, Completion completion) override {
     calls.put({"sample", "", metadata, std::move(fileHandle), timeout, std::move(completion)});
   }
-  void queryReputationForURL(const std::string&, const std::optional<std::vector<std::string>>&,
-                             const Dictionary&, std::chrono::milliseconds, Completion) override {
-    ADD_FAILURE() << "a URL query for a file";
+  void queryReputationForURL(const URL& url, const std::optional<std::vector<std::string>>& categories,
+                             const std::optional<Dictionary>& metadata, std::chrono::milliseconds timeout,
+                             Completion completion) override {
+    calls.put({"url", url.absoluteString(), metadata, nullptr, timeout, std::move(completion),
+               categories.has_value()});
   }
   std::string description() const override { return "<SkyvaultSubstitute>"; }
 
@@ -69,6 +75,22 @@ class BasaltLookupTest : public testing::Test {
  protected:
   std::shared_ptr<QMRFileReputationRequest> openFile() const {
     return makeRequest({.path = path_, .fileHandle = openHandle(path_)});
+  }
+  // The answers of one URL lookup; `serve` answers the client's call when there is one.
+  std::shared_ptr<const QMRURLReputationResult> askForURL(
+      const std::string& url, const std::function<void(const SkyvaultSubstitute::Call&)>& serve,
+      std::uint32_t timeout = 5) const {
+    std::vector<std::shared_ptr<const QMRURLReputationResult>> results;
+    lookup_->reputationForURL(url, timeout, [&](const auto& result) { results.push_back(result); });
+    if (client_->calls.size() > 0) {
+      const auto call = client_->calls.take();
+      EXPECT_EQ(call->operation, "url");
+      EXPECT_EQ(call->question, url);
+      EXPECT_TRUE(results.empty());
+      serve(*call);
+    }
+    EXPECT_EQ(results.size(), 1u) << url;
+    return results.at(0);
   }
   void ask(Replies& replies) { lookup_->reputationForFile(openFile(), replies.block()); }
   // Leads a lookup to the point where the cloud asks for the sample.
@@ -90,7 +112,7 @@ class BasaltLookupTest : public testing::Test {
 TEST_F(BasaltLookupTest, AKnownFileIsAnsweredByTheHashLookupAlone) {
   ask(replies_);
   const auto call = client_->take("hash");
-  EXPECT_EQ(call.hash, std::string(64, '2'));
+  EXPECT_EQ(call.question, std::string(64, '2'));
   EXPECT_EQ(call.timeout, 5000ms);
   call.answer({SVKSkyvaultSafetyVerdictValueMalicious, 1 | 8 | kUploadRequested, 3600, 0x1FE, "Trojan.X"});
   expectAnswer(replies_.only(), level::untrusted, 0xFE, 3600, "Trojan.X");
@@ -107,7 +129,7 @@ TEST_F(BasaltLookupTest, AnUnknownFileIsAnalysedUploadedAndAnsweredAgain) {
 
   const auto analysis = client_->take("metadata");
   EXPECT_EQ(analysis.metadata, asked->metadata());
-  EXPECT_NE(find(analysis.metadata, "context"), nullptr);
+  EXPECT_NE(find(*analysis.metadata, "context"), nullptr);
   EXPECT_EQ(analysis.timeout, 5000ms);
   analysis.answer({SVKSkyvaultSafetyVerdictValuePU, kFromServer | kUploadRequested, 120, 5, "PUA.Y"});
   // The prevalence stays that of the hash lookup.
@@ -251,6 +273,140 @@ TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterw
   ASSERT_EQ(released->get_future().wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
   EXPECT_TRUE(provider.expired());
+}
+
+TEST_F(BasaltLookupTest, AURLIsAskedAboutWithTheBaseMetadataAndItsAnswerIsScored) {
+  const LogRecorder logs;
+  const std::string url = "https://bank.example/login";
+  EXPECT_EQ(askForURL(url,
+                      [](const auto& call) {
+                        EXPECT_EQ(call.metadata, std::nullopt);
+                        call.answer({});
+                      })
+                ->ttl(),
+            60u);
+  lookup_->addBaseMetadataValue("browser", "context");
+  const auto result = askForURL(
+      url,
+      [](const auto& call) {
+        EXPECT_FALSE(call.isFiltered);
+        EXPECT_EQ(call.metadata, (Dictionary{{"context", "browser"}}));
+        EXPECT_EQ(call.timeout, 30000ms);
+        call.answer({.verdict = SVKSkyvaultSafetyVerdictValueKnownClean,
+                     .ttl = 7200,
+                     .categories = {{"financial", true}, {"gambling", false}}});
+      },
+      30);
+  const Dictionary scores{{"banking", 100}, {"gambling", 0}, {"safe", 100}};
+  EXPECT_EQ(result->categories(), (Dictionary{{"cats", scores}})) << result->description();
+  EXPECT_EQ(result->ttl(), 7200u);
+  EXPECT_EQ(result->error(), nullptr);
+  EXPECT_TRUE(logs.has(LogLevel::debug,
+                       "Performing URL lookup for " + url + " with timeout 30 using <SkyvaultSubstitute>"));
+  EXPECT_TRUE(logs.has(LogLevel::debug, "Reputation lookup for URL " + url +
+                                            " succeeded with scan result known_clean and categories \n"
+                                            "(\n    \"financial: yes\",\n    \"gambling: no\"\n)"));
+  EXPECT_TRUE(logs.has(LogLevel::debug, "Sending back the result for URL " + url + " with categories \n" +
+                                            description(scores)));
+}
+
+TEST_F(BasaltLookupTest, AURLsVerdictAndLevelHaveTheirSafeScore) {
+  const struct {
+    const char* verdict;
+    std::uint64_t options;
+    std::int64_t safe;
+  } cases[] = {
+      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, 100},
+      {SVKSkyvaultSafetyVerdictValueUndetected, 1, 0},
+      {SVKSkyvaultSafetyVerdictValuePU, 1, -20},
+      {SVKSkyvaultSafetyVerdictValueUnwanted, 1, -80},
+      {SVKSkyvaultSafetyVerdictValueMalicious, 1, -100},
+      {SVKSkyvaultSafetyVerdictValueUnknown, 1, 0},
+      {"phishing", 1, 0},
+      {SVKSkyvaultSafetyVerdictValueUndetected, 16, 0},
+  };
+  for (const auto& [verdict, options, safe] : cases) {
+    const auto result = askForURL("http://h/", [verdict = verdict, options = options](const auto& call) {
+      call.answer({verdict, options});
+    });
+    EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", safe}}}})) << verdict;
+  }
+  const std::int64_t byLevel[] = {-100, 0, 100, -80, -20, -20, 0, 0, 100, 100};
+  for (std::size_t i = 0; i < std::size(byLevel); ++i)
+    EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(i), byLevel[i]) << i;
+  EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(~ReputationLevel{0}), 100);
+}
+
+TEST_F(BasaltLookupTest, CategoriesGetTheirProductNameTheLastOfANameAndTheVerdictWin) {
+  const std::pair<const char*, const char*> names[] = {
+      {"banking_login", "kvy_banking"},
+      {"banking_logout", "kvy_banking_logout"},
+      {"banking_safe", "safe"},
+      {"financial", "banking"},
+      {"tracking_cookie", "kvy_tracking_cookie"},
+      {"tracking_domain", "kvy_tracking_domain"},
+      {"tracking_object", "kvy_tracking_object"},
+      {"tracking_script", "kvy_tracking_script"},
+      {"kvy_banking", "kvy_banking"},
+      {"Financial", "Financial"},
+      {"", ""},
+  };
+  for (const auto& [name, mapped] : names)
+    EXPECT_EQ(QMRBasaltReputationLookup::mapBasaltCategories({{name, true}}), (Dictionary{{mapped, 100}}))
+        << name;
+  const std::vector<SVKSkyvaultCategory> twice{
+      {"financial", true}, {"banking", false}, {"games", false}, {"games", true}, {"safe", true}};
+  const Dictionary expected{{"banking", 0}, {"games", 100}, {"safe", -100}};
+  EXPECT_EQ(lookup_->formatBasaltResponseWithCategories(
+                twice, *Answer{.verdict = SVKSkyvaultSafetyVerdictValueMalicious}.response()),
+            expected);
+}
+
+TEST_F(BasaltLookupTest, AURLsTimeOutIsSignedSecondsKeptTo32BitsOfMilliseconds) {
+  const std::pair<std::uint32_t, std::chrono::milliseconds> cases[] = {
+      {0, 0ms}, {1, 1000ms}, {2'147'483, 2'147'483'000ms}, {~0U, -1000ms}, {4'294'968, 704ms}};
+  for (const auto& [seconds, expected] : cases)
+    askForURL(
+        "http://h/",
+        [expected = expected](const auto& call) {
+          EXPECT_EQ(call.timeout, expected);
+          call.answer({});
+        },
+        seconds);
+}
+
+TEST_F(BasaltLookupTest, EveryFailureOfAURLLookupIsAnsweredWithTheUnknownRating) {
+  const LogRecorder logs;
+  const auto unexpected = [](const auto&) { ADD_FAILURE() << "the client was called"; };
+  const auto failWith = [](const ErrorPtr& error) {
+    return [error](const SkyvaultSubstitute::Call& call) { call.fail(error); };
+  };
+  const auto expectFailed = [&](const auto& result, std::int64_t code, const std::string& message) {
+    EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", 0}}}}));
+    EXPECT_EQ(result->ttl(), 0u);
+    ASSERT_NE(result->error(), nullptr);
+    EXPECT_EQ(result->error()->domain(), QMRReputationLookup::kErrorDomain);
+    EXPECT_EQ(result->error()->code(), code);
+    EXPECT_EQ(result->error()->localizedDescription(), message);
+  };
+  expectFailed(askForURL("", unexpected), 0, "Invalid URL passed");
+  expectFailed(askForURL("http://h/a b", unexpected), 0, "Invalid URL passed");
+  EXPECT_TRUE(logs.has(LogLevel::error, "Invalid URL () passed. Not performing reputation lookup"));
+  EXPECT_TRUE(logs.has(LogLevel::error, "Invalid URL ((null)) passed. Not performing reputation lookup"));
+  expectFailed(askForURL("http://h/", failWith(cloudError_)), 12, cloudError_->description());
+  EXPECT_TRUE(logs.has(
+      LogLevel::error,
+      "Error occurred when performing reputation lookup for URL http://h/: " + cloudError_->description()));
+  EXPECT_NE(askForURL("http://h/", failWith(nullptr))->error(), nullptr) << "nothing at all is a failure";
+  for (const auto& client : {std::shared_ptr<SkyvaultSubstitute>(), client_}) {
+    lookup_->setSkyvaultClient(client);
+    for (const char* url : {"", "http://h/"}) lookup_->reputationForURL(url, 1, nullptr);
+  }
+  client_->take("url").fail(cloudError_);
+  lookup_->reputationForURL("http://h/", 1, nullptr);
+  client_->take("url").answer({});
+  lookup_->setSkyvaultClient(nullptr);
+  EXPECT_NE(askForURL("http://h/", unexpected)->error(), nullptr);
 }
 
 }  // namespace
