@@ -78,18 +78,31 @@ void LiveVerdictStore::abandon(const std::shared_ptr<VerdictStore>& store, const
   noteFailure(error);
 }
 
-bool LiveVerdictStore::find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict) {
-  verdict = std::nullopt;
+template <class Question>
+bool LiveVerdictStore::ask(const Question& question) {
   const std::shared_ptr<VerdictStore> store = current();
   if (store == nullptr) return false;
   ErrorPtr error;
-  verdict = store->find(sha256, &error);
+  question(*store, &error);
   if (error == nullptr) {
     noteSuccess();
     return true;
   }
   abandon(store, error);
   return false;
+}
+
+bool LiveVerdictStore::find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict) {
+  verdict = std::nullopt;
+  return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha256, error); });
+}
+
+bool LiveVerdictStore::findURL(const std::vector<std::string>& keys,
+                               std::optional<StoredURLVerdict>& verdict) {
+  verdict = std::nullopt;
+  return ask([&](VerdictStore& store, ErrorPtr* error) {
+    if (auto found = store.findURL(keys, error)) verdict = std::move(found->second);
+  });
 }
 
 StoredVerdict LiveVerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found) {

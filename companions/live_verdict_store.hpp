@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "companions/verdict_store.hpp"
 #include "platform/digest.hpp"
@@ -31,6 +32,8 @@ class LiveVerdictStore {
 
   // False when the store cannot be used; the verdict is empty then.
   bool find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict);
+  // The same for the first of the keys that is there.
+  bool findURL(const std::vector<std::string>& keys, std::optional<StoredURLVerdict>& verdict);
   // Keeps what an analysis found unless a person said otherwise, and returns the verdict in force: what was
   // found when it could not be kept.
   StoredVerdict remember(const SHA256Value& sha256, const StoredVerdict& found);
@@ -46,6 +49,9 @@ class LiveVerdictStore {
 
   FileState fileState() const;
   std::shared_ptr<VerdictStore> current();
+  // Asks the store; false when it cannot be used.
+  template <class Question>
+  bool ask(const Question& question);
   std::shared_ptr<VerdictStore> openStore(ErrorPtr* error) const;
   // The store is given up until it is looked at again.
   void abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error);

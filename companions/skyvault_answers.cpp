@@ -1,10 +1,12 @@
 #include "companions/skyvault_answers.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include "companions/content_kind.hpp"
+#include "companions/url_key.hpp"
 #include "foundation/log.hpp"
 #include "platform/digest.hpp"
 #include "platform/file_io.hpp"
@@ -35,6 +37,10 @@ SVKSkyvaultResponse responseFor(const StoredVerdict& known) {
   response.ttl = known.ttl;
   response.prevalence = known.prevalence;
   return response;
+}
+
+bool isWanted(const SVKSkyvaultCategory& category, const std::optional<std::vector<std::string>>& wanted) {
+  return !wanted || std::find(wanted->begin(), wanted->end(), category.name) != wanted->end();
 }
 
 bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
@@ -83,6 +89,17 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUp(const SHA256Value& sha256) {
   std::optional<StoredVerdict> known;
   if (!store_.find(sha256, known)) return unknown(kOptionFailed, 0);
   return known ? responseFor(*known) : unknown(0, options_.unknownTTL);
+}
+
+SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
+    std::string_view url, const std::optional<std::vector<std::string>>& categoriesWanted) {
+  std::optional<StoredURLVerdict> known;
+  if (!store_.findURL(urlLookupKeys(url), known)) return unknown(kOptionFailed, 0);
+  if (!known) return unknown(0, options_.unknownTTL);
+  SVKSkyvaultResponse response = responseFor(*known);
+  for (SVKSkyvaultCategory& category : known->categories)
+    if (isWanted(category, categoriesWanted)) response.categories.push_back(std::move(category));
+  return response;
 }
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,

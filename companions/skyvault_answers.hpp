@@ -1,5 +1,5 @@
-// What the Skyvault agent answers: looks hashes up in the verdict store, decides which samples it wants and
-// examines them. Knows nothing of messages; the service around it does.
+// What the Skyvault agent answers: looks hashes and URLs up in the verdict store, decides which samples it
+// wants and examines them. Knows nothing of messages; the service around it does.
 #pragma once
 
 #include <chrono>
@@ -7,6 +7,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "companions/live_verdict_store.hpp"
 #include "companions/sample_rules.hpp"
@@ -40,6 +42,10 @@ class SkyvaultAnswers {
   bool prepare() { return store_.open(); }
 
   SVKSkyvaultResponse lookUp(const SHA256Value& sha256);
+  // The record of the URL itself, else that of its host, else that of the closest domain above it. With a
+  // filter only those of its categories that the filter names.
+  SVKSkyvaultResponse lookUpURL(std::string_view url,
+                                const std::optional<std::vector<std::string>>& categoriesWanted);
   // By the metadata's "sha256"; with mayAskForSample an unknown file that may be dangerous is asked for.
   SVKSkyvaultResponse analyzeMetadata(const Dictionary& metadata, bool mayAskForSample);
   // Reads the whole file, from its beginning and without moving its offset, examines it and remembers the

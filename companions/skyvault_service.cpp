@@ -1,7 +1,10 @@
 #include "companions/skyvault_service.hpp"
 
 #include <atomic>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "foundation/log.hpp"
 #include "reputation/backends/skyvault_wire.hpp"
@@ -28,6 +31,32 @@ void sendError(XPCDictionary reply, ErrorCode code, std::string_view text) {
   send(reply);
 }
 
+XPCArray arrayOf(const std::vector<SVKSkyvaultCategory>& categories) {
+  XPCArray array = XPCArray::create();
+  for (const SVKSkyvaultCategory& category : categories) {
+    XPCDictionary member = XPCDictionary::create();
+    member.setString(kCategoryNameKey, category.name);
+    member.setBool(kCategoryValueKey, category.value);
+    array.append(member);
+  }
+  return array;
+}
+
+// The categories that the request asks for; none is all of them. False when there is something else.
+bool readCategoriesWanted(const XPCDictionary& request, std::optional<std::vector<std::string>>& wanted) {
+  const XPCObject value = request.value(kCategoriesWantedKey);
+  if (!value) return true;
+  if (value.type() != XPCType::array) return false;
+  const XPCArray array = value.asArray();
+  wanted.emplace();
+  for (std::size_t i = 0; i < array.count(); ++i) {
+    const XPCObject name = array.value(i);
+    if (!name || name.type() != XPCType::string) return false;
+    wanted->push_back(*name.stringValue());
+  }
+  return true;
+}
+
 void sendResponse(XPCDictionary reply, const SVKSkyvaultResponse& response) {
   reply.setString(kVerdictKey, response.safetyVerdict.value);
   if (response.safetyVerdict.infectionName)
@@ -35,6 +64,7 @@ void sendResponse(XPCDictionary reply, const SVKSkyvaultResponse& response) {
   reply.setUInt64(kOptionsKey, response.options);
   reply.setUInt64(kTTLKey, response.ttl);
   reply.setInt64(kPrevalenceKey, response.prevalence);
+  if (!response.categories.empty()) reply.setValue(kCategoriesKey, arrayOf(response.categories));
   send(reply);
 }
 
@@ -93,8 +123,7 @@ void SkyvaultService::handle(const XPCDictionary& request, const std::shared_ptr
   if (kind == kRequestHash) return replyToHash(request, reply);
   if (kind == kRequestMetadata) return replyToMetadata(request, reply);
   if (kind == kRequestSample) return replyToSample(request, reply, peer);
-  if (kind == kRequestURL)
-    return sendError(reply, ErrorCode::notSupported, "This agent knows no verdicts about URLs.");
+  if (kind == kRequestURL) return replyToURL(request, reply);
   sendError(reply, ErrorCode::notSupported, "This agent does not know such a request.");
 }
 
@@ -102,6 +131,18 @@ void SkyvaultService::replyToHash(const XPCDictionary& request, const XPCDiction
   const std::optional<SHA256Value> sha256 = sha256FromHex(request.getString(kSHA256Key).value_or(""));
   if (!sha256) return sendError(reply, ErrorCode::invalidRequest, "The request has no valid SHA-256.");
   sendResponse(reply, answers_->lookUp(*sha256));
+}
+
+void SkyvaultService::replyToURL(const XPCDictionary& request, const XPCDictionary& reply) {
+  const std::string url = request.getString(kURLKey).value_or("");
+  if (url.empty()) return sendError(reply, ErrorCode::invalidRequest, "The request has no URL.");
+  const XPCObject metadata = request.value(kMetadataKey);
+  if (metadata && metadata.type() != XPCType::dictionary)
+    return sendError(reply, ErrorCode::invalidRequest, "The request's metadata is no dictionary.");
+  std::optional<std::vector<std::string>> categoriesWanted;
+  if (!readCategoriesWanted(request, categoriesWanted))
+    return sendError(reply, ErrorCode::invalidRequest, "The request's categories are no list of names.");
+  sendResponse(reply, answers_->lookUpURL(url, categoriesWanted));
 }
 
 void SkyvaultService::replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply) {

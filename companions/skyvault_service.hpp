@@ -37,6 +37,7 @@ class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
   void admit(const XPCConnection& connection);
   void handle(const XPCDictionary& request, const std::shared_ptr<Peer>& peer);
   void replyToHash(const XPCDictionary& request, const XPCDictionary& reply);
+  void replyToURL(const XPCDictionary& request, const XPCDictionary& reply);
   void replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply);
   void replyToSample(const XPCDictionary& request, const XPCDictionary& reply,
                      const std::shared_ptr<Peer>& peer);

@@ -1,5 +1,6 @@
-// The Skyvault agent: answers the reputation daemon's questions about files from the local verdict store and
-// examines the samples it asked for. Serves until it is killed; the store survives that at any moment.
+// The Skyvault agent: answers the reputation daemon's questions about files and URLs from the local verdict
+// store and examines the samples it asked for. Serves until it is killed; the store survives that at any
+// moment.
 #include <cstdlib>
 #include <memory>
 #include <string>

@@ -4,38 +4,21 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <mutex>
-#include <system_error>
 
 #include "companions/sqlite_database.hpp"
+#include "companions/url_categories.hpp"
+#include "companions/url_key.hpp"
+#include "companions/verdict_store_file.hpp"
 #include "foundation/strings.hpp"
-#include "platform/file_io.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 
+using namespace verdict_store_file;
+
 namespace {
 
-// "QMVS": tells a verdict store from any other SQLite file.
-constexpr std::int64_t kApplicationID = 0x514D5653;
 constexpr std::size_t kMaximumTextLength = 255;
-
-// What each schema version adds to the one before it; the version of a store stands in its user_version.
-// Further kinds of keys (SHA-1, URLs) are tables of their own, further facts are columns: both are appended
-// here as a new step.
-constexpr std::array kSchemaSteps = {
-    "CREATE TABLE sha256_verdicts ("
-    "  sha256 BLOB NOT NULL PRIMARY KEY CHECK (length(sha256) = 32),"
-    "  verdict TEXT NOT NULL,"
-    "  infection_name TEXT,"
-    "  prevalence INTEGER NOT NULL CHECK (prevalence BETWEEN 0 AND 255),"
-    "  ttl INTEGER NOT NULL CHECK (ttl BETWEEN 0 AND 4294967295),"
-    "  source TEXT NOT NULL,"
-    "  added INTEGER NOT NULL"
-    ") STRICT, WITHOUT ROWID",
-};
-constexpr std::int64_t kSchemaVersion = static_cast<std::int64_t>(kSchemaSteps.size());
 
 constexpr const char* kFindSQL =
     "SELECT verdict, infection_name, prevalence, ttl, source, added FROM sha256_verdicts WHERE sha256 = ?1";
@@ -43,55 +26,61 @@ constexpr const char* kAddSQL = "INSERT OR REPLACE INTO sha256_verdicts VALUES (
 constexpr const char* kRemoveSQL = "DELETE FROM sha256_verdicts WHERE sha256 = ?1";
 constexpr const char* kCountSQL = "SELECT verdict, count(*) FROM sha256_verdicts GROUP BY verdict";
 
-void fail(ErrorPtr* error, VerdictStoreError code, std::string text) {
-  setError(error, makeError(kVerdictStoreErrorDomain, static_cast<std::int64_t>(code),
-                            {{kLocalizedDescriptionKey, std::move(text)}}));
-}
+constexpr const char* kFindURLSQL =
+    "SELECT verdict, infection_name, prevalence, ttl, source, added, categories FROM url_verdicts WHERE key "
+    "= ?1";
+constexpr const char* kAddURLSQL =
+    "INSERT OR REPLACE INTO url_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)";
+// Changes nothing where a person has spoken.
+constexpr const char* kImportURLSQL =
+    "INSERT INTO url_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT (key) DO UPDATE SET "
+    "verdict = excluded.verdict, infection_name = excluded.infection_name, prevalence = excluded.prevalence, "
+    "ttl = excluded.ttl, source = excluded.source, added = excluded.added, categories = excluded.categories "
+    "WHERE url_verdicts.source <> 'manual'";
+constexpr const char* kRemoveURLSQL = "DELETE FROM url_verdicts WHERE key = ?1";
+constexpr const char* kRemoveSourceSQL = "DELETE FROM url_verdicts WHERE source = ?1";
+constexpr const char* kCountURLsSQL = "SELECT verdict, count(*) FROM url_verdicts GROUP BY verdict";
 
-// The error for a result code of SQLite's; `detail` is its own text.
-void failWithStatus(ErrorPtr* error, int status, const std::string& path, const std::string& detail) {
-  const std::string store = "The verdict store “" + path + "” ";
-  switch (status & 0xff) {
-    case SQLITE_CORRUPT:
-      return fail(error, VerdictStoreError::damaged,
-                  store + "is damaged (" + detail + "). Move it away to start with an empty one.");
-    case SQLITE_NOTADB:
-      return fail(error, VerdictStoreError::notAStore, "“" + path + "” is not a verdict store.");
-    case SQLITE_FULL:
-      return fail(error, VerdictStoreError::diskFull, store + "was not changed: the disk is full.");
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-      return fail(error, VerdictStoreError::busy, store + "is locked by another program.");
-    case SQLITE_READONLY:
-    case SQLITE_PERM:
-      return fail(error, VerdictStoreError::readOnly, store + "cannot be written (" + detail + ").");
-    case SQLITE_CANTOPEN:
-    case SQLITE_AUTH:
-      return fail(error, VerdictStoreError::cannotOpen, store + "cannot be opened (" + detail + ").");
-    default:
-      return fail(error, VerdictStoreError::failed, store + "failed: " + detail + ".");
-  }
+bool fitsAsText(std::string_view text) {
+  return text.size() <= kMaximumTextLength && isValidUTF8(text);
 }
 
 bool checkRecord(const StoredVerdict& record, ErrorPtr* error) {
-  const bool nameFits = !record.infectionName || (record.infectionName->size() <= kMaximumTextLength &&
-                                                  isValidUTF8(*record.infectionName));
-  if (isSafetyVerdictValue(record.verdict) && nameFits && !record.source.empty() &&
-      record.source.size() <= kMaximumTextLength && isValidUTF8(record.source))
+  if (isSafetyVerdictValue(record.verdict) && fitsAsText(record.infectionName.value_or("")) &&
+      !record.source.empty() && fitsAsText(record.source))
     return true;
   fail(error, VerdictStoreError::badRecord,
        "A verdict must be one of the safety verdict values, its infection name and source UTF-8 text of at "
-       "most 255 "
-       "bytes.");
+       "most 255 bytes.");
   return false;
 }
 
-void bindHash(SQLiteStatement& statement, const SHA256Value& sha256) {
+bool checkEntry(const VerdictStore::Entry& entry, ErrorPtr* error) {
+  return checkRecord(entry.second, error);
+}
+
+bool checkEntry(const VerdictStore::URLEntry& entry, ErrorPtr* error) {
+  const auto& [key, record] = entry;
+  const bool isKey = !key.empty() && key.size() <= kMaximumURLKeyLength && isValidUTF8(key);
+  const bool areCategories =
+      record.categories.size() <= kMaximumCategories &&
+      std::all_of(record.categories.begin(), record.categories.end(),
+                  [](const SVKSkyvaultCategory& category) { return isCategoryName(category.name); });
+  if (isKey && areCategories) return checkRecord(record, error);
+  fail(error, VerdictStoreError::badRecord,
+       "A URL's record must have a key and categories with proper names.");
+  return false;
+}
+
+void bindKey(SQLiteStatement& statement, const SHA256Value& sha256) {
   statement.bindBytes(1, sha256.data(), sha256.size());
 }
 
-void bindRecord(SQLiteStatement& statement, const SHA256Value& sha256, const StoredVerdict& record) {
-  bindHash(statement, sha256);
+void bindKey(SQLiteStatement& statement, const std::string& key) {
+  statement.bind(1, std::string_view(key));
+}
+
+void bindRecord(SQLiteStatement& statement, const StoredVerdict& record) {
   statement.bind(2, std::string_view(record.verdict));
   if (record.infectionName)
     statement.bind(3, std::string_view(*record.infectionName));
@@ -103,168 +92,58 @@ void bindRecord(SQLiteStatement& statement, const SHA256Value& sha256, const Sto
   statement.bind(7, record.added);
 }
 
-// A file that somebody else edited may hold anything: what is out of range is clamped.
-StoredVerdict recordFromRow(const SQLiteStatement& statement) {
-  StoredVerdict record;
+void bindRecord(SQLiteStatement& statement, const StoredURLVerdict& record) {
+  bindRecord(statement, static_cast<const StoredVerdict&>(record));
+  statement.bind(8, std::string_view(textFromCategories(record.categories)));
+}
+
+// A file that somebody else edited may hold anything: what is out of range is clamped, what cannot be read
+// left out.
+void readRecord(const SQLiteStatement& statement, StoredVerdict& record) {
   record.verdict = statement.text(0);
   if (!statement.isNull(1)) record.infectionName = lossyUTF8(statement.text(1));
   record.prevalence = static_cast<std::uint8_t>(std::clamp<std::int64_t>(statement.integer(2), 0, 255));
   record.ttl = static_cast<std::uint32_t>(std::clamp<std::int64_t>(statement.integer(3), 0, UINT32_MAX));
   record.source = statement.text(4);
   record.added = statement.integer(5);
-  return record;
+}
+
+void readRecord(const SQLiteStatement& statement, StoredURLVerdict& record) {
+  readRecord(statement, static_cast<StoredVerdict&>(record));
+  record.categories = categoriesFromText(statement.text(6)).value_or(std::vector<SVKSkyvaultCategory>());
 }
 
 // SQLITE_ROW with the record, SQLITE_DONE when there is none, else an error's code.
-int findWith(SQLiteStatement& statement, const SHA256Value& sha256, StoredVerdict& record) {
+template <class Key, class Record>
+int findWith(SQLiteStatement& statement, const Key& key, Record& record) {
   const SQLiteStatementUse use(statement);
-  bindHash(statement, sha256);
+  bindKey(statement, key);
   const int status = statement.step();
-  if (status == SQLITE_ROW) record = recordFromRow(statement);
+  if (status == SQLITE_ROW) readRecord(statement, record);
   return status;
 }
 
-int openConnection(SQLiteDatabase& database, const std::string& path, int access,
-                   std::chrono::milliseconds busyTimeout) {
-  if (const int status = database.open(path, access | SQLITE_OPEN_NOMUTEX); status != SQLITE_OK)
-    return status;
-  const std::string patience = "PRAGMA busy_timeout = " + std::to_string(busyTimeout.count());
-  if (const int status = database.execute(patience.c_str()); status != SQLITE_OK) return status;
-  return database.execute("PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON");
+template <class Key, class Record>
+int putWith(SQLiteStatement& statement, const std::pair<Key, Record>& entry) {
+  const SQLiteStatementUse use(statement);
+  bindKey(statement, entry.first);
+  bindRecord(statement, entry.second);
+  return statement.step();
 }
 
-struct Identity {
-  std::int64_t applicationID = 0;
-  std::int64_t version = 0;
-  std::int64_t objects = 0;  // tables and the like
-};
-
-int readIdentity(SQLiteDatabase& database, Identity& identity) {
-  if (const int status = database.queryInteger("PRAGMA application_id", identity.applicationID);
-      status != SQLITE_OK)
-    return status;
-  if (const int status = database.queryInteger("PRAGMA user_version", identity.version); status != SQLITE_OK)
-    return status;
-  return database.queryInteger("SELECT count(*) FROM sqlite_schema", identity.objects);
-}
-
-// An empty file is a store still to be filled; anything else must say that it is one, of a version known
-// here.
-bool checkIdentity(SQLiteDatabase& database, const std::string& path, Identity& identity, ErrorPtr* error) {
-  if (const int status = readIdentity(database, identity); status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
-    return false;
-  }
-  const bool isEmpty = identity.applicationID == 0 && identity.version == 0 && identity.objects == 0;
-  if (!isEmpty && identity.applicationID != kApplicationID) {
-    fail(error, VerdictStoreError::notAStore, "“" + path + "” is not a verdict store.");
-    return false;
-  }
-  if (identity.version > kSchemaVersion) {
-    fail(error, VerdictStoreError::newerVersion,
-         "The verdict store “" + path + "” was written by a newer version of the product (schema " +
-             std::to_string(identity.version) + ", known here: " + std::to_string(kSchemaVersion) +
-             "). It was left as it is.");
-    return false;
-  }
-  return true;
-}
-
-// Brings the store up to this version in one transaction; another program may be doing the same.
-bool upgrade(SQLiteDatabase& database, const std::string& path, ErrorPtr* error) {
-  int status = database.execute("BEGIN IMMEDIATE");
-  if (status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
-    return false;
-  }
-  Identity identity;
-  if (!checkIdentity(database, path, identity, error)) {
-    database.execute("ROLLBACK");
-    return false;
-  }
-  for (std::int64_t step = identity.version; step < kSchemaVersion && status == SQLITE_OK; ++step)
-    status = database.execute(kSchemaSteps[static_cast<std::size_t>(step)]);
-  const std::string marks = "PRAGMA application_id = " + std::to_string(kApplicationID) +
-                            "; PRAGMA user_version = " + std::to_string(kSchemaVersion);
-  if (status == SQLITE_OK) status = database.execute(marks.c_str());
-  if (status == SQLITE_OK) status = database.execute("COMMIT");
-  if (status == SQLITE_OK) return true;
-  failWithStatus(error, status, path, database.errorMessage());
-  database.execute("ROLLBACK");
-  return false;
-}
-
-// Makes the folder and those above it that are missing, open to all for reading whatever the process's mask.
-bool makeFolder(const std::filesystem::path& folder, ErrorPtr* error) {
-  namespace fs = std::filesystem;
-  std::error_code failure;
-  if (folder.empty() || fs::is_directory(folder, failure)) return true;
-  if (folder != folder.root_path() && !makeFolder(folder.parent_path(), error)) return false;
-  if (fs::create_directory(folder, failure))
-    fs::permissions(folder,
-                    fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                        fs::perms::others_read | fs::perms::others_exec,
-                    failure);
-  if (!failure) return true;
-  fail(error, VerdictStoreError::cannotOpen,
-       "The folder “" + folder.string() + "” cannot be made: " + failure.message() + ".");
-  return false;
-}
-
-// Never touches what is no regular file: opening a pipe or a device may have effects of its own.
-bool checkPlace(const std::string& path, VerdictStore::Access access, bool& exists, ErrorPtr* error) {
-  FileStatus status;
-  exists = statPath(path.c_str(), status);
-  if (exists && !status.isRegularFile) {
-    fail(error, VerdictStoreError::cannotOpen, "“" + path + "” is not a regular file.");
-    return false;
-  }
-  if (!exists && access != VerdictStore::Access::readWrite) {
-    fail(error, VerdictStoreError::cannotOpen, "There is no verdict store at “" + path + "”.");
-    return false;
-  }
-  return exists || makeFolder(std::filesystem::path(path).parent_path(), error);
-}
-
-// Everything is in the file itself when there is no log beside it: nobody has it open for writing.
-bool mayBeReadAlone(const std::string& path) {
-  std::error_code failure;
-  const std::uintmax_t size = std::filesystem::file_size(path + "-wal", failure);
-  return failure == std::errc::no_such_file_or_directory || (!failure && size == 0);
-}
-
-// The file read without locks and without files beside it (https://sqlite.org/uri.html).
-std::string unlockedURI(const std::string& path) {
-  std::string uri = "file:";
-  for (const char c : path) {
-    if (c == '%')
-      uri += "%25";
-    else if (c == '?')
-      uri += "%3f";
-    else if (c == '#')
-      uri += "%23";
-    else
-      uri += c;
-  }
-  return uri + "?immutable=1";
-}
-
-// The marks of a store without its table are nothing that this product writes.
-int withoutTable(int status) {
-  return status == SQLITE_ERROR ? SQLITE_CORRUPT : status;
+// SQLITE_DONE when all were counted.
+int countWith(SQLiteStatement& statement, VerdictStore::Counts& counts) {
+  const SQLiteStatementUse use(statement);
+  int status = statement.step();
+  for (; status == SQLITE_ROW; status = statement.step())
+    counts[statement.text(0)] = static_cast<std::uint64_t>(statement.integer(1));
+  return status;
 }
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-void makeReadableForAll(const std::string& path) {
-  using std::filesystem::perms;
-  std::error_code failure;
-  std::filesystem::permissions(
-      path, perms::owner_read | perms::owner_write | perms::group_read | perms::others_read, failure);
 }
 
 }  // namespace
@@ -292,22 +171,28 @@ std::optional<SHA256Value> sha256FromHex(std::string_view text) {
 // write-ahead mode sees the last committed state.
 struct VerdictStore::Reader {
   bool open(const std::string& path, int access, std::chrono::milliseconds busyTimeout, ErrorPtr* error);
+  // SQLITE_NOTFOUND as long as the store is of a version without records of URLs; somebody else may change
+  // that.
+  int prepareForURLs();
 
   std::mutex mutex;
   SQLiteDatabase database;
   SQLiteStatement find;
   SQLiteStatement count;
+  SQLiteStatement findURL;
+  SQLiteStatement countURLs;
 };
 
 struct VerdictStore::Writer {
   bool open(const std::string& path, bool exists, std::chrono::milliseconds busyTimeout, ErrorPtr* error);
+  int prepare();
 
   // Runs the work inside a transaction that takes the write lock first. The work returns SQLITE_DONE to
   // commit.
   template <class Work>
   int transaction(const Work& work) {
     int status = database.execute("BEGIN IMMEDIATE");
-    if (status == SQLITE_OK) status = work();
+    if (status == SQLITE_OK) status = work(*this);
     if (status == SQLITE_DONE) status = database.execute("COMMIT");
     if (status == SQLITE_OK) return SQLITE_OK;
     failure = database.errorMessage();
@@ -320,6 +205,10 @@ struct VerdictStore::Writer {
   SQLiteStatement find;
   SQLiteStatement add;
   SQLiteStatement remove;
+  SQLiteStatement addURL;
+  SQLiteStatement importURL;
+  SQLiteStatement removeURL;
+  SQLiteStatement removeSource;
   std::string failure;  // what the failed transaction said
 };
 
@@ -334,9 +223,33 @@ bool VerdictStore::Reader::open(const std::string& path, int access, std::chrono
   if (!checkIdentity(database, path, identity, error)) return false;
   status = database.prepare(kFindSQL, find);
   if (status == SQLITE_OK) status = database.prepare(kCountSQL, count);
-  if (status == SQLITE_OK) return true;
+  if (status == SQLITE_OK) status = prepareForURLs();
+  if (status == SQLITE_OK || status == SQLITE_NOTFOUND) return true;
   failWithStatus(error, withoutTable(status), path, database.errorMessage());
   return false;
+}
+
+int VerdictStore::Reader::prepareForURLs() {
+  if (countURLs) return SQLITE_OK;
+  std::int64_t version = 0;
+  if (const int status = database.queryInteger("PRAGMA user_version", version); status != SQLITE_OK)
+    return status;
+  if (version < kFirstVersionWithURLs) return SQLITE_NOTFOUND;
+  if (const int status = database.prepare(kFindURLSQL, findURL); status != SQLITE_OK) return status;
+  return database.prepare(kCountURLsSQL, countURLs);
+}
+
+int VerdictStore::Writer::prepare() {
+  const std::pair<SQLiteStatement&, const char*> statements[] = {{find, kFindSQL},
+                                                                 {add, kAddSQL},
+                                                                 {remove, kRemoveSQL},
+                                                                 {addURL, kAddURLSQL},
+                                                                 {importURL, kImportURLSQL},
+                                                                 {removeURL, kRemoveURLSQL},
+                                                                 {removeSource, kRemoveSourceSQL}};
+  for (const auto& [statement, sql] : statements)
+    if (const int status = database.prepare(sql, statement); status != SQLITE_OK) return status;
+  return SQLITE_OK;
 }
 
 bool VerdictStore::Writer::open(const std::string& path, bool exists, std::chrono::milliseconds busyTimeout,
@@ -355,11 +268,8 @@ bool VerdictStore::Writer::open(const std::string& path, bool exists, std::chron
     failWithStatus(error, status, path, database.errorMessage());
     return false;
   }
-  const bool isCurrent = identity.applicationID == kApplicationID && identity.version == kSchemaVersion;
-  if (!isCurrent && !upgrade(database, path, error)) return false;
-  status = database.prepare(kFindSQL, find);
-  if (status == SQLITE_OK) status = database.prepare(kAddSQL, add);
-  if (status == SQLITE_OK) status = database.prepare(kRemoveSQL, remove);
+  if (!identity.isCurrent() && !upgrade(database, path, error)) return false;
+  status = prepare();
   if (status == SQLITE_OK) return true;
   failWithStatus(error, withoutTable(status), path, database.errorMessage());
   return false;
@@ -373,7 +283,7 @@ VerdictStore::~VerdictStore() = default;
 std::unique_ptr<VerdictStore> VerdictStore::open(const std::string& path, Access access, ErrorPtr* error,
                                                  std::chrono::milliseconds busyTimeout) {
   bool exists = false;
-  if (!checkPlace(path, access, exists, error)) return nullptr;
+  if (!checkPlace(path, access == Access::readWrite, exists, error)) return nullptr;
   auto writer = access == Access::readWrite ? std::make_unique<Writer>() : nullptr;
   if (writer != nullptr && !writer->open(path, exists, busyTimeout, error)) return nullptr;
   ErrorPtr failure;
@@ -399,83 +309,126 @@ std::optional<StoredVerdict> VerdictStore::find(const SHA256Value& sha256, Error
   return std::nullopt;
 }
 
-bool VerdictStore::add(const std::vector<Entry>& entries, ErrorPtr* error) {
-  for (const Entry& entry : entries)
-    if (!checkRecord(entry.second, error)) return false;
+std::optional<VerdictStore::URLEntry> VerdictStore::findURL(const std::vector<std::string>& keys,
+                                                            ErrorPtr* error) {
+  const std::lock_guard lock(reader_->mutex);
+  int status = reader_->prepareForURLs();
+  if (status == SQLITE_NOTFOUND) return std::nullopt;
+  for (auto key = keys.begin(); key != keys.end() && (status == SQLITE_OK || status == SQLITE_DONE); ++key) {
+    StoredURLVerdict record;
+    status = findWith(reader_->findURL, *key, record);
+    if (status == SQLITE_ROW) return URLEntry(*key, std::move(record));
+  }
+  if (status != SQLITE_OK && status != SQLITE_DONE)
+    failWithStatus(error, withoutTable(status), path_, reader_->database.errorMessage());
+  return std::nullopt;
+}
+
+template <class Work>
+bool VerdictStore::change(const Work& work, ErrorPtr* error) {
   if (writer_ == nullptr) {
     failWithStatus(error, SQLITE_READONLY, path_, "opened for reading");
     return false;
   }
   const std::lock_guard lock(writer_->mutex);
-  const int status = writer_->transaction([&] {
-    for (const auto& [sha256, record] : entries) {
-      const SQLiteStatementUse use(writer_->add);
-      bindRecord(writer_->add, sha256, record);
-      if (const int added = writer_->add.step(); added != SQLITE_DONE) return added;
-    }
-    return SQLITE_DONE;
-  });
+  const int status = writer_->transaction(work);
   if (status == SQLITE_OK) return true;
   failWithStatus(error, status, path_, writer_->failure);
   return false;
 }
 
+template <class Entries>
+bool VerdictStore::putAll(SQLiteStatement Writer::*statement, const Entries& entries, std::size_t& changed,
+                          ErrorPtr* error) {
+  for (const auto& entry : entries)
+    if (!checkEntry(entry, error)) return false;
+  return change(
+      [&](Writer& writer) {
+        for (const auto& entry : entries) {
+          if (const int put = putWith(writer.*statement, entry); put != SQLITE_DONE) return put;
+          changed += static_cast<std::size_t>(writer.database.changes());
+        }
+        return SQLITE_DONE;
+      },
+      error);
+}
+
+template <class Key>
+std::optional<std::size_t> VerdictStore::removeAll(SQLiteStatement Writer::*statement,
+                                                   const std::vector<Key>& keys, ErrorPtr* error) {
+  std::size_t removed = 0;
+  const auto work = [&](Writer& writer) {
+    for (const Key& key : keys) {
+      const SQLiteStatementUse use(writer.*statement);
+      bindKey(writer.*statement, key);
+      if (const int step = (writer.*statement).step(); step != SQLITE_DONE) return step;
+      removed += static_cast<std::size_t>(writer.database.changes());
+    }
+    return SQLITE_DONE;
+  };
+  return change(work, error) ? std::optional(removed) : std::nullopt;
+}
+
+bool VerdictStore::add(const std::vector<Entry>& entries, ErrorPtr* error) {
+  std::size_t changed = 0;
+  return putAll(&Writer::add, entries, changed, error);
+}
+
+bool VerdictStore::addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
+  std::size_t changed = 0;
+  return putAll(&Writer::addURL, entries, changed, error);
+}
+
+std::optional<std::size_t> VerdictStore::importURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
+  std::size_t changed = 0;
+  return putAll(&Writer::importURL, entries, changed, error) ? std::optional(changed) : std::nullopt;
+}
+
 std::optional<StoredVerdict> VerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found,
                                                     ErrorPtr* error) {
   if (!checkRecord(found, error)) return std::nullopt;
-  if (writer_ == nullptr) {
-    failWithStatus(error, SQLITE_READONLY, path_, "opened for reading");
-    return std::nullopt;
-  }
-  const std::lock_guard lock(writer_->mutex);
   StoredVerdict inForce = found;
-  const int status = writer_->transaction([&] {
+  const auto work = [&](Writer& writer) {
     StoredVerdict present;
-    const int there = findWith(writer_->find, sha256, present);
+    const int there = findWith(writer.find, sha256, present);
     if (there == SQLITE_ROW && present.source != found.source) {
       inForce = present;
       return SQLITE_DONE;
     }
     if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
-    const SQLiteStatementUse use(writer_->add);
-    bindRecord(writer_->add, sha256, found);
-    return writer_->add.step();
-  });
-  if (status == SQLITE_OK) return inForce;
-  failWithStatus(error, status, path_, writer_->failure);
-  return std::nullopt;
+    return putWith(writer.add, Entry(sha256, found));
+  };
+  return change(work, error) ? std::optional(inForce) : std::nullopt;
 }
 
 std::optional<std::size_t> VerdictStore::remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error) {
-  if (writer_ == nullptr) {
-    failWithStatus(error, SQLITE_READONLY, path_, "opened for reading");
-    return std::nullopt;
-  }
-  const std::lock_guard lock(writer_->mutex);
-  std::size_t removed = 0;
-  const int status = writer_->transaction([&] {
-    for (const SHA256Value& sha256 : hashes) {
-      const SQLiteStatementUse use(writer_->remove);
-      bindHash(writer_->remove, sha256);
-      if (const int step = writer_->remove.step(); step != SQLITE_DONE) return step;
-      removed += static_cast<std::size_t>(writer_->database.changes());
-    }
-    return SQLITE_DONE;
-  });
-  if (status == SQLITE_OK) return removed;
-  failWithStatus(error, status, path_, writer_->failure);
+  return removeAll(&Writer::remove, hashes, error);
+}
+
+std::optional<std::size_t> VerdictStore::removeURLs(const std::vector<std::string>& keys, ErrorPtr* error) {
+  return removeAll(&Writer::removeURL, keys, error);
+}
+
+std::optional<std::size_t> VerdictStore::removeURLsOfSource(const std::string& source, ErrorPtr* error) {
+  return removeAll(&Writer::removeSource, std::vector{source}, error);
+}
+
+std::optional<VerdictStore::Counts> VerdictStore::count(ErrorPtr* error) {
+  const std::lock_guard lock(reader_->mutex);
+  Counts counts;
+  const int status = countWith(reader_->count, counts);
+  if (status == SQLITE_DONE) return counts;
+  failWithStatus(error, status, path_, reader_->database.errorMessage());
   return std::nullopt;
 }
 
-std::optional<std::map<std::string, std::uint64_t>> VerdictStore::count(ErrorPtr* error) {
+std::optional<VerdictStore::Counts> VerdictStore::countURLs(ErrorPtr* error) {
   const std::lock_guard lock(reader_->mutex);
-  const SQLiteStatementUse use(reader_->count);
-  std::map<std::string, std::uint64_t> counts;
-  int status = reader_->count.step();
-  for (; status == SQLITE_ROW; status = reader_->count.step())
-    counts[reader_->count.text(0)] = static_cast<std::uint64_t>(reader_->count.integer(1));
-  if (status == SQLITE_DONE) return counts;
-  failWithStatus(error, status, path_, reader_->database.errorMessage());
+  Counts counts;
+  int status = reader_->prepareForURLs();
+  if (status == SQLITE_OK) status = countWith(reader_->countURLs, counts);
+  if (status == SQLITE_DONE || status == SQLITE_NOTFOUND) return counts;
+  failWithStatus(error, withoutTable(status), path_, reader_->database.errorMessage());
   return std::nullopt;
 }
 

@@ -1,6 +1,6 @@
-// The local verdict store: what is known about files by the SHA-256 of their content. An SQLite file in
-// write-ahead mode that several programs may use at once: the Skyvault agent answers from it, qmverdicts
-// edits it.
+// The local verdict store: what is known about files by the SHA-256 of their content, and about URLs by their
+// keys. An SQLite file in write-ahead mode that several programs may use at once: the Skyvault agent answers
+// from it, qmverdicts edits it.
 //
 // A store belongs to whoever opened it and may be used from any thread; lookups do not wait for changes.
 // Every change is whole or not made and is on the disk when the call returns.
@@ -18,6 +18,7 @@
 
 #include "foundation/error.hpp"
 #include "platform/digest.hpp"
+#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 
@@ -40,14 +41,21 @@ struct StoredVerdict {
   std::optional<std::string> infectionName;  // at most 255 bytes of UTF-8
   std::uint8_t prevalence = 0;
   std::uint32_t ttl = 0;   // seconds an asker may keep the answer
-  std::string source;      // who says so: kVerdictSourceManual, kVerdictSourceAnalysis
+  std::string source;      // who says so: one of the below, or the name of an import
   std::int64_t added = 0;  // seconds since 1970
 
   friend bool operator==(const StoredVerdict&, const StoredVerdict&) = default;
 };
 
-inline constexpr const char* kVerdictSourceManual = "manual";
-inline constexpr const char* kVerdictSourceAnalysis = "analysis";
+struct StoredURLVerdict : StoredVerdict {
+  std::vector<SVKSkyvaultCategory> categories;
+
+  friend bool operator==(const StoredURLVerdict&, const StoredURLVerdict&) = default;
+};
+
+inline constexpr const char* kVerdictSourceManual = "manual";      // a person
+inline constexpr const char* kVerdictSourceAnalysis = "analysis";  // of a sample
+inline constexpr const char* kVerdictSourceImport = "import";      // an import without a name
 
 // For verdicts that nobody gave another time.
 inline constexpr std::uint32_t kDefaultVerdictTTL = 86400;
@@ -60,6 +68,8 @@ bool isSafetyVerdictValue(std::string_view text);
 
 // The hash as people and messages write it: 64 hexadecimal digits; nothing for any other text.
 std::optional<SHA256Value> sha256FromHex(std::string_view text);
+
+class SQLiteStatement;
 
 class VerdictStore {
  public:
@@ -97,13 +107,37 @@ class VerdictStore {
   std::optional<std::size_t> remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error = nullptr);
 
   // Records by verdict; nothing on failure.
-  std::optional<std::map<std::string, std::uint64_t>> count(ErrorPtr* error = nullptr);
+  using Counts = std::map<std::string, std::uint64_t>;
+  std::optional<Counts> count(ErrorPtr* error = nullptr);
+
+  // The same for URLs. The keys are those that companions/url_key.hpp makes. A store of a version that knew
+  // no URLs, opened for reading, has none.
+  using URLEntry = std::pair<std::string, StoredURLVerdict>;
+  // The first of the keys that is there.
+  std::optional<URLEntry> findURL(const std::vector<std::string>& keys, ErrorPtr* error = nullptr);
+  [[nodiscard]] bool addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error = nullptr);
+  // Adds all, but for those whose key has a record that a person made, or none. How many were added, nothing
+  // on failure.
+  std::optional<std::size_t> importURLs(const std::vector<URLEntry>& entries, ErrorPtr* error = nullptr);
+  std::optional<std::size_t> removeURLs(const std::vector<std::string>& keys, ErrorPtr* error = nullptr);
+  std::optional<std::size_t> removeURLsOfSource(const std::string& source, ErrorPtr* error = nullptr);
+  std::optional<Counts> countURLs(ErrorPtr* error = nullptr);
 
  private:
   struct Reader;
   struct Writer;
 
   VerdictStore(std::string path, std::unique_ptr<Reader> reader, std::unique_ptr<Writer> writer);
+
+  // Runs the work in one transaction.
+  template <class Work>
+  bool change(const Work& work, ErrorPtr* error);
+  template <class Entries>
+  bool putAll(SQLiteStatement Writer::*statement, const Entries& entries, std::size_t& changed,
+              ErrorPtr* error);
+  template <class Key>
+  std::optional<std::size_t> removeAll(SQLiteStatement Writer::*statement, const std::vector<Key>& keys,
+                                       ErrorPtr* error);
 
   const std::string path_;
   // Closed last: only a writing connection moves the log into the file when it is the last to go. Null for a

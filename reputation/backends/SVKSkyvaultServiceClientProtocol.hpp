@@ -34,6 +34,7 @@ struct SVKSkyvaultCategory {
   bool value = false;
 
   std::string description() const;
+  friend bool operator==(const SVKSkyvaultCategory&, const SVKSkyvaultCategory&) = default;
 };
 
 class SVKSkyvaultResponse {

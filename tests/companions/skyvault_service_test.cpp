@@ -103,6 +103,52 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer) << "it comes back";
 }
 
+TEST_F(SkyvaultAgent, AnswersAboutAURLFromItsRecordItsHostsOrTheDomainsAbove) {
+  const auto store = VerdictStore::open(store_, VerdictStore::Access::readWrite);
+  const auto record = [](const char* verdict, std::vector<SVKSkyvaultCategory> categories) {
+    return StoredURLVerdict{{verdict, {}, 0, 77, kVerdictSourceManual, 1}, std::move(categories)};
+  };
+  ASSERT_TRUE(store->addURLs({{"bad.example", record("malicious", {{"adult", true}, {"games", false}})},
+                              {"good.bad.example", record("known_clean", {})},
+                              {"http://bad.example/ok", record("pu", {})}}));
+  start({});
+  const auto client = makeClient();
+  using Filter = std::optional<std::vector<std::string>>;
+  const auto ask = [&](const char* url, const Filter& filter = std::nullopt) {
+    Completions completions;
+    client->queryReputationForURL(*URL::create(url), filter, Dictionary{{"context", "browser"}}, kLong,
+                                  completions.make());
+    return completions->waitForOne();
+  };
+  const struct {
+    const char* url;
+    Filter filter;
+    const char* verdict;
+    std::uint64_t ttl;
+    std::vector<SVKSkyvaultCategory> categories;
+  } cases[] = {
+      {"http://BAD.example/ok#here", {}, "pu", 77, {}},
+      {"https://bad.example/ok", {}, "malicious", 77, {{"adult", true}, {"games", false}}},
+      {"http://a.b.bad.example/", Filter({"games", "news"}), "malicious", 77, {{"games", false}}},
+      {"http://bad.example/", Filter(std::in_place), "malicious", 77, {}},
+      {"http://x.good.bad.example/", {}, "known_clean", 77, {}},
+      {"http://notbad.example/", {}, "unknown", 600, {}},
+      {"mailto:bad.example", {}, "unknown", 600, {}},
+  };
+  for (const auto& expected : cases) {
+    const auto response = ask(expected.url, expected.filter).response;
+    ASSERT_NE(response, nullptr) << expected.url;
+    EXPECT_EQ(response->safetyVerdict.value, expected.verdict) << expected.url;
+    EXPECT_EQ(response->ttl, expected.ttl) << expected.url;
+    EXPECT_EQ(response->options, kOptionFromServer) << expected.url;
+    EXPECT_EQ(response->categories, expected.categories) << expected.url;
+  }
+  EXPECT_EQ(ask("").code(), ErrorCode::invalidRequest);
+  const std::string noStore = folder_.write("other", "This is certainly not what a store looks like.");
+  EXPECT_EQ(SkyvaultAnswers(noStore, options_).lookUpURL("http://bad.example/", {}).options,
+            kOptionFromServer | kOptionFailed);
+}
+
 TEST_F(SkyvaultAgent, WhatCannotBeReadWholeIsNeverTakenForExamined) {
   options_.maximumSampleSize = 1 << 20;
   SkyvaultAnswers answers(store_, options_);
@@ -131,10 +177,15 @@ TEST_F(SkyvaultAgent, WhatItDoesNotUnderstandIsAnErrorAndNotTheEnd) {
   };
   expect(ErrorCode::notSupported);
   message.setString(kMetadataKey, "text");
-  for (const char* request : {kRequestMetadata, kRequestSample, kRequestHash}) {
+  for (const char* request : {kRequestMetadata, kRequestSample, kRequestHash, kRequestURL}) {
     message.setString(kRequestKey, request);
     expect(ErrorCode::invalidRequest);
+    message.setString(kURLKey, "http://host.example/");  // for the last one, whose metadata is no dictionary
   }
+  message.setValue(kMetadataKey, {});
+  message.setString(kCategoriesWantedKey, "adult");
+  expect(ErrorCode::invalidRequest);
+  message.setString(kRequestKey, kRequestHash);
   raw.tell(message);  // ignored
   message.setString(kSHA256Key, "nonsense");
   expect(ErrorCode::invalidRequest);

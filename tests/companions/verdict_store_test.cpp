@@ -11,6 +11,8 @@ namespace {
 using Access = VerdictStore::Access;
 
 const StoredVerdict kMalicious{"malicious", "Trojan.Test", 3, 3600, kVerdictSourceManual, 1700000000};
+const StoredURLVerdict kHost{{"unwanted", std::nullopt, 0, 60, kVerdictSourceManual, 1700000000},
+                             {{"adult", true}, {"news", false}}};
 const StoredVerdict kAnalysed{"pu", std::nullopt, 0, 60, kVerdictSourceAnalysis, 1700000001};
 
 SHA256Value numbered(unsigned number) {
@@ -64,6 +66,46 @@ TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
   EXPECT_EQ(error_, nullptr) << "a hash that is not there is no error";
 }
 
+TEST_F(VerdictStoreTest, AStoreWithoutURLsIsReadAsItIsAndKeepsItsContentWhenItIsBroughtUpToDate) {
+  ASSERT_TRUE(open()->add(entriesFrom(1, 100)));
+  tamper("DROP TABLE url_verdicts; PRAGMA user_version = 1");
+  const std::string before = contentOf(path_);
+  const auto reader = open(Access::readOnly);
+  ASSERT_NE(reader, nullptr) << error_->localizedDescription();
+  EXPECT_EQ(reader->findURL({"host.example"}, &error_), std::nullopt);
+  EXPECT_EQ(reader->countURLs(&error_), VerdictStore::Counts());
+  EXPECT_EQ(error_, nullptr);
+  EXPECT_EQ(contentOf(path_), before);
+
+  const auto upgraded = open();
+  ASSERT_TRUE(upgraded->addURLs({{"host.example", kHost}}));
+  EXPECT_EQ(upgraded->count(), (VerdictStore::Counts{{"malicious", 100}}));
+  EXPECT_EQ(upgraded->find(numbered(100)), kMalicious);
+  EXPECT_EQ(reader->findURL({"x.host.example", "host.example"}),
+            VerdictStore::URLEntry("host.example", kHost))
+      << "a reader that was there before sees it";
+}
+
+TEST_F(VerdictStoreTest, AnImportKeepsWhatAPersonSaidAboutAURLAndIsRemovedByItsName) {
+  const auto store = open();
+  StoredURLVerdict imported = kHost, bad = kHost;
+  imported.source = "list";
+  bad.categories[0].name = "two words";
+  ASSERT_TRUE(store->addURLs({{"a.example", kHost}}));
+  EXPECT_EQ(store->importURLs({{"a.example", imported}, {"b.example", kHost}, {"c.example", imported}}), 2u);
+  imported.ttl = 5;
+  EXPECT_EQ(store->importURLs({{"a.example", imported}, {"c.example", imported}}), 1u);
+  EXPECT_EQ(store->findURL({"a.example"})->second, kHost);
+  EXPECT_EQ(store->findURL({"c.example", "a.example"})->second, imported) << "the first key that is there";
+  EXPECT_EQ(store->importURLs({{"d.example", imported}, {"e.example", bad}}, &error_), std::nullopt);
+  EXPECT_EQ(code(), VerdictStoreError::badRecord);
+  EXPECT_EQ(store->removeURLsOfSource("list"), 1u);
+  EXPECT_EQ(store->removeURLs({"a.example", "c.example"}), 1u);
+  EXPECT_EQ(store->countURLs(), (VerdictStore::Counts{{"unwanted", 1}}));
+  tamper("UPDATE url_verdicts SET categories = 'not, categories', ttl = 7");
+  EXPECT_EQ(store->findURL({"b.example"})->second.categories, std::vector<SVKSkyvaultCategory>());
+}
+
 TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesThemAlone) {
   const auto expectRefused = [&](VerdictStoreError expected) {
     const std::string before = contentOf(path_);
@@ -73,8 +115,11 @@ TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesTh
     std::filesystem::remove(path_);
   };
   ASSERT_NE(open(), nullptr);
-  tamper("PRAGMA user_version = 2; CREATE TABLE sha1_verdicts (x)");
+  tamper("PRAGMA user_version = 99; CREATE TABLE sha1_verdicts (x)");
   expectRefused(VerdictStoreError::newerVersion);
+  ASSERT_NE(open(), nullptr);
+  tamper("PRAGMA user_version = -1");
+  expectRefused(VerdictStoreError::notAStore);
   folder_.write("qxmac/var/verdicts.sqlite", "A letter to a friend, long enough to be no empty file at all.");
   expectRefused(VerdictStoreError::notAStore);
   tamper("CREATE TABLE bookmarks (url TEXT)");
