@@ -120,13 +120,16 @@ std::optional<Host> hostFrom(std::string name) {
   return Host{std::move(name), false};
 }
 
+// Not every name that is looked up: what ends in a number and is no address is a mistake.
+bool isStorable(std::string_view name) {
+  return isHostName(name) && !endsInNumber(name);
+}
+
 std::optional<Host> hostWrittenAlone(std::string_view text) {
   const bool isBracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
   std::optional<Host> host = hostFrom(std::string(isBracketed ? text.substr(1, text.size() - 2) : text));
   if (!host || (isBracketed && !host->key.starts_with('['))) return std::nullopt;
-  // What ends in a number and is no address is a mistake.
-  if (!host->isAddress && (!isHostName(host->key) || endsInNumber(host->key))) return std::nullopt;
-  return host;
+  return host->isAddress || isStorable(host->key) ? host : std::nullopt;
 }
 
 // A URI that was parsed and, but for its host, normalised. Its ranges point into the text it was made from.
@@ -219,7 +222,8 @@ std::optional<std::string> hostKey(std::string_view host) {
 std::optional<std::string> urlKey(std::string_view text) {
   if (text.find("//") == std::string_view::npos) return hostKey(text);
   const std::optional<Names> names = namesOf(text);
-  return names && !names->url.empty() ? std::optional(names->url) : std::nullopt;
+  if (!names || (!names->host.isAddress && !isStorable(names->host.key))) return std::nullopt;
+  return names->url.empty() ? std::nullopt : std::optional(names->url);
 }
 
 std::vector<std::string> urlLookupKeys(std::string_view text) {

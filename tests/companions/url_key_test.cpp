@@ -37,6 +37,7 @@ TEST(URLKey, SpellingsThatMeanTheSameHaveOneKeyAndOthersTheirOwn) {
       {"file:///etc/passwd", {}},
       {"http://exa mple.com/", {}},
       {"http://https%3A%2F%2Fgood.example%2F/", {}},
+      {"http://h%FF/", {}},
       {"http://h/" + std::string(kMaximumURLKeyLength, 'x'), {}},
       {std::string(254, 'a'), {}},
   };

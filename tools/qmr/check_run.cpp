@@ -221,7 +221,10 @@ void CheckRun::write(const ReputationAnswer& answer) {
 }
 
 void CheckRun::showProgress(const std::string& path) {
-  progress_.show(answeredFiles_, outstanding_, path);
+  progress_.show([&] {
+    return std::to_string(answeredFiles_) + " answered, " + std::to_string(outstanding_) + " under way  " +
+           displayText(path);
+  });
 }
 
 CheckOutcome CheckRun::conclude() {

@@ -1,7 +1,8 @@
 #include "tools/qmr/progress_line.hpp"
 
+#include <cstddef>
+
 #include "foundation/utf8.hpp"
-#include "tools/qmr/display_text.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -17,12 +18,12 @@ std::string firstColumns(const std::string& text, std::size_t columns) {
 
 }  // namespace
 
-void ProgressLine::show(std::size_t answered, std::size_t underWay, const std::string& path) {
-  const auto now = std::chrono::steady_clock::now();
-  if (width_ == 0 || now - drawnAt_ < kRedrawInterval) return;
-  drawnAt_ = now;
-  const std::string text = std::to_string(answered) + " answered, " + std::to_string(underWay) +
-                           " under way  " + displayText(path);
+bool ProgressLine::isDue() const {
+  return width_ != 0 && std::chrono::steady_clock::now() - drawnAt_ >= kRedrawInterval;
+}
+
+void ProgressLine::draw(const std::string& text) {
+  drawnAt_ = std::chrono::steady_clock::now();
   // Never the last column: a full line would wrap and could not be taken back.
   terminal_ << "\r\x1b[K" << firstColumns(text, width_ - 1) << std::flush;
   shown_ = true;

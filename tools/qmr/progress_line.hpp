@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <ostream>
 #include <string>
 
@@ -16,12 +15,18 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  // Redrawn at most ten times a second.
-  void show(std::size_t answered, std::size_t underWay, const std::string& path);
+  // Redrawn at most ten times a second: makeText is called only then, for a text without control characters.
+  template <class MakeText>
+  void show(const MakeText& makeText) {
+    if (isDue()) draw(makeText());
+  }
   // Takes it off the terminal, for rows to be written; the next show() draws it again.
   void clear();
 
  private:
+  bool isDue() const;
+  void draw(const std::string& text);
+
   std::ostream& terminal_;
   const unsigned width_;
   bool shown_ = false;

@@ -1,0 +1,139 @@
+// qmverdicts: looks at and edits the verdict store that the Skyvault agent answers from.
+//
+// Exit status: 0 done, 1 something asked for is not in the store or a line of an import was skipped, 2 it
+// could not be done (nothing was changed then, but for the finished part of an import).
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/system_root.hpp"
+#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "settings/QMRNamespace.hpp"
+#include "tools/qmverdicts/file_commands.hpp"
+#include "tools/qmverdicts/url_commands.hpp"
+
+namespace {
+
+using namespace qm::qmverdicts;
+
+void addStoreOptions(CLI::App& app, Options& options) {
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.add_option("--store", options.store, "The store's file")->type_name("PATH")->capture_default_str();
+  app.set_version_flag("--version", QM_PRODUCT_VERSION);
+}
+
+// What a verdict is made of; returns the option of the verdict itself.
+CLI::Option* addVerdictOptions(CLI::App* command, Options& options) {
+  const std::vector<std::string> verdicts = {
+      SVKSkyvaultSafetyVerdictValueKnownClean, SVKSkyvaultSafetyVerdictValueUndetected,
+      SVKSkyvaultSafetyVerdictValuePU,         SVKSkyvaultSafetyVerdictValueUnwanted,
+      SVKSkyvaultSafetyVerdictValueMalicious,  SVKSkyvaultSafetyVerdictValueUnknown};
+  command->add_option("--name", options.name, "Infection name");
+  command->add_option("--prevalence", options.prevalence, "How common it is, 0 to 255")
+      ->check(CLI::Range(0U, 255U))
+      ->capture_default_str();
+  command->add_option("--ttl", options.ttl, "Seconds an answer may be kept")
+      ->check(CLI::Range(std::int64_t{0}, std::int64_t{UINT32_MAX}))
+      ->capture_default_str();
+  return command->add_option("--verdict", options.verdict, "What is known about it")
+      ->check(CLI::IsMember(verdicts));
+}
+
+void addCategoryOption(CLI::App* command, Options& options) {
+  command->add_option("--category", options.categories, "A category; with =0, one that it is not of")
+      ->type_name("NAME[=0]")
+      ->expected(1)
+      ->take_all();
+}
+
+void addFileCommands(CLI::App& app, Options& options) {
+  const auto addSubjects = [&](CLI::App* command) {
+    command->add_option("SUBJECT", options.arguments, "Files, or SHA-256 hashes of 64 hexadecimal digits")
+        ->type_name("FILE|SHA256")
+        ->required();
+  };
+  CLI::App* add = app.add_subcommand("add", "Give files a verdict, in place of the one they have");
+  addSubjects(add);
+  addVerdictOptions(add, options)->required();
+  addSubjects(app.add_subcommand("remove", "Forget what is known about files"));
+  addSubjects(app.add_subcommand("show", "Show what is known about files"));
+  app.add_subcommand("count", "Show how many files have which verdict");
+}
+
+void addURLCommands(CLI::App& app, Options& options) {
+  const auto addSubjects = [&](CLI::App* command) {
+    return command->add_option("SUBJECT", options.arguments, "URLs, or hosts with all that are below them")
+        ->type_name("URL|HOST");
+  };
+  CLI::App* add =
+      app.add_subcommand("add-url", "Give URLs or hosts a verdict, in place of the one they have");
+  addSubjects(add)->required();
+  addVerdictOptions(add, options)->required();
+  addCategoryOption(add, options);
+  CLI::App* remove = app.add_subcommand("remove-url", "Forget what is known about URLs or hosts");
+  CLI::Option* subjects = addSubjects(remove);
+  CLI::Option* source =
+      remove->add_option("--source", options.source, "All that an import of this name brought")
+          ->type_name("NAME")
+          ->excludes(subjects);
+  remove->callback([subjects, source] {
+    if (subjects->empty() && source->empty()) throw CLI::RequiredError("SUBJECT or --source");
+  });
+  addSubjects(app.add_subcommand("show-url", "Show what is known about URLs or hosts, and from which record"))
+      ->required();
+  app.add_subcommand("count-url", "Show how many URLs and hosts have which verdict");
+}
+
+void addImportCommand(CLI::App& app, Options& options) {
+  CLI::App* import = app.add_subcommand("import-url", "Take verdicts about URLs or hosts from a list");
+  import->add_option("FILE", options.arguments, "The list; - reads standard input")
+      ->type_name("FILE")
+      ->required()
+      ->expected(1);
+  import
+      ->add_option("--format", options.format,
+                   "hosts: a block list as hosts(5); csv: with a line of column names")
+      ->required()
+      ->check(CLI::IsMember({"hosts", "csv"}));
+  import->add_option("--source", options.source, "A name for what is imported, to remove it by")
+      ->type_name("NAME")
+      ->default_str(qm::kVerdictSourceImport)
+      ->check([](const std::string& name) {
+        const bool isTaken = name == qm::kVerdictSourceManual || name == qm::kVerdictSourceAnalysis;
+  return isTaken || name.empty() ? "this name is not for imports" : std::string();
+});
+addVerdictOptions(import, options);
+addCategoryOption(import, options);
+}  // namespace
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  options.store = qm::hostPath(QMRNamespace::namespacedWithPath(qm::kVerdictStoreProductPath));
+  CLI::App app(
+      "Looks at and edits the verdict store of the Skyvault agent.\n\n"
+      "Exit status: 0 done, 1 something asked for is not in the store or a line of an import was skipped,\n"
+      "2 it could not be done.");
+  addStoreOptions(app, options);
+  addFileCommands(app, options);
+  addURLCommands(app, options);
+  addImportCommand(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kFailed;
+  }
+  const std::pair<const char*, int (*)(const Options&)> commands[] = {
+      {"add", addFiles},      {"remove", removeFiles},  {"show", showFiles},
+      {"count", countFiles},  {"add-url", addURLs},     {"remove-url", removeURLs},
+      {"show-url", showURLs}, {"count-url", countURLs}, {"import-url", importURLs}};
+  for (const auto& [name, run] : commands)
+    if (app.got_subcommand(name)) return run(options);
+  return kFailed;
+}

@@ -1,0 +1,48 @@
+// What the commands of qmverdicts share.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "companions/verdict_store.hpp"
+
+namespace qm::qmverdicts {
+
+enum ExitStatus : int { kDone = 0, kNotThere = 1, kFailed = 2 };
+
+struct Options {
+  std::string store;
+  std::vector<std::string> arguments;
+  std::string verdict;
+  std::string name;
+  unsigned prevalence = 0;
+  std::uint32_t ttl = kDefaultVerdictTTL;
+  std::vector<std::string> categories;
+  std::string source;
+  std::string format;
+};
+
+// Says it on standard error; kFailed.
+int report(const std::string& text);
+
+// Null when it was reported why.
+std::unique_ptr<VerdictStore> openStore(const Options& options, VerdictStore::Access access);
+
+// What the options say, as of now.
+StoredVerdict recordFrom(const Options& options, std::string source);
+// The same for URLs; nothing when it was reported what is wrong with the categories.
+std::optional<StoredURLVerdict> urlRecordFrom(const Options& options, std::string source);
+
+// One line: what the record is about, what it says, and the argument that asked for it where that is another
+// text.
+void print(const std::string& subject, const StoredVerdict& record, const std::string& further,
+           std::string_view argument);
+int printCounts(const std::optional<VerdictStore::Counts>& counts, const ErrorPtr& error);
+// The outcome of a removal.
+int printRemoved(const std::optional<std::size_t>& removed, const ErrorPtr& error);
+
+}  // namespace qm::qmverdicts
