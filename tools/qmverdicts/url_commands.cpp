@@ -1,5 +1,8 @@
 #include "tools/qmverdicts/url_commands.hpp"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -49,14 +52,20 @@ std::unique_ptr<ImportFormat> makeFormat(const Options& options) {
   return nullptr;
 }
 
+// What is there already is not kept waiting for more. The wait is poll's: ThreadSanitizer holds signals back
+// in a read.
+std::int64_t readStandardInput(char* buffer, std::size_t size) {
+  pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+  ssize_t count = -1;
+  do {
+    if (::poll(&input, 1, -1) > 0) count = ::read(STDIN_FILENO, buffer, size);
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
 // Empty when it was reported why.
 ImportRun::Source openSource(const std::string& path) {
-  if (path == "-")
-    return [](char* buffer, std::size_t size) -> std::int64_t {
-      errno = 0;
-      const std::size_t count = std::fread(buffer, 1, size, stdin);
-      return count == 0 && std::ferror(stdin) != 0 ? -1 : static_cast<std::int64_t>(count);
-    };
+  if (path == "-") return readStandardInput;
   OpenedFile file = openRegularFile(path, SymbolicLinks::follow);
   if (!file.descriptor) {
     report(path + ": " +
