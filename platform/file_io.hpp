@@ -16,7 +16,8 @@ namespace qm {
 struct FileStatus {
   std::int32_t device = 0;  // the device number, cut to 32 bits
   std::uint64_t inode = 0;
-  std::int64_t size = 0;  // bytes
+  std::int64_t size = 0;    // bytes
+  std::uint32_t owner = 0;  // user id
   // Seconds since 1970, fractions dropped. Where the file system keeps no creation time it is the earliest of
   // the others.
   std::int64_t created = 0;

@@ -2,7 +2,9 @@
 // data is eaten, no device is touched and no call waits for another program.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/file_descriptor.hpp"
@@ -39,6 +41,10 @@ struct OpenedFile {
 // Looks at the file without opening its content first, and opens it for reading only when it is a regular
 // one: what was looked at and what is opened are the same file, also when the path is changed in between.
 OpenedFile openRegularFile(const std::string& path, SymbolicLinks links);
+
+// All bytes of a regular file; symbolic links are followed. Nothing with errno set on failure: EFBIG when it is
+// larger than so many bytes, EISDIR or EINVAL when it is something else.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t largestSize);
 
 // The kind of what the path names; false with errno set when it cannot be reached.
 [[nodiscard]] bool fileKind(const std::string& path, SymbolicLinks links, FileKind& kind);

@@ -34,6 +34,7 @@ bool statAt(int folder, const char* path, int flags, FileStatus& status) {
   status.device = static_cast<std::int32_t>(makedev(facts.stx_dev_major, facts.stx_dev_minor));
   status.inode = facts.stx_ino;
   status.size = static_cast<std::int64_t>(facts.stx_size);
+  status.owner = facts.stx_uid;
   const bool hasBirthTime = (facts.stx_mask & STATX_BTIME) != 0;
   status.created = hasBirthTime ? facts.stx_btime.tv_sec : earliestKnownTime(facts);
   status.accessed = facts.stx_atime.tv_sec;

@@ -3,38 +3,12 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/file_io.hpp"
+#include "platform/regular_file.hpp"
 
 namespace qm {
 namespace {
 
 constexpr std::size_t kLargestFile = 1024 * 1024;  // bytes
-
-// The whole file; nothing with errno set.
-std::optional<std::string> readRegularFile(const std::string& path) {
-  const FileDescriptor file = openForReading(path.c_str());
-  FileStatus status;
-  if (!file || !statDescriptor(file.get(), status)) return std::nullopt;
-  if (!status.isRegularFile) {
-    errno = status.isDirectory ? EISDIR : EINVAL;
-    return std::nullopt;
-  }
-  std::string content(kLargestFile + 1, '\0');
-  std::size_t length = 0;
-  while (length < content.size()) {
-    const std::int64_t count = readAt(file.get(), content.data() + length, content.size() - length,
-                                      static_cast<std::int64_t>(length));
-    if (count < 0) return std::nullopt;
-    if (count == 0) break;
-    length += static_cast<std::size_t>(count);
-  }
-  if (length > kLargestFile) {
-    errno = EFBIG;
-    return std::nullopt;
-  }
-  content.resize(length);
-  return content;
-}
 
 }  // namespace
 
@@ -52,7 +26,7 @@ LogSettings LogSettingsFile::forCategory(std::string_view category) const {
 }
 
 LogSettingsFile::Outcome LogSettingsFile::read(ErrorPtr& error) {
-  std::optional<std::string> content = readRegularFile(path_);
+  std::optional<std::string> content = readRegularFile(path_, kLargestFile);
   const bool missing = !content && (errno == ENOENT || errno == ENOTDIR);
   if (!content && !missing) {
     error = makeFileReadError(errno, path_);

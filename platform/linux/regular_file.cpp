@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+#include "platform/file_io.hpp"
+
 namespace qm {
 namespace {
 
@@ -84,6 +86,29 @@ OpenedFile openRegularFile(const std::string& path, SymbolicLinks links) {
   }
   opened.size = status.st_size;
   return opened;
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t largestSize) {
+  const OpenedFile file = openRegularFile(path, SymbolicLinks::follow);
+  if (!file.descriptor) {
+    errno = file.errorNumber != 0 ? file.errorNumber : file.kind == FileKind::directory ? EISDIR : EINVAL;
+    return std::nullopt;
+  }
+  std::string content(largestSize + 1, '\0');
+  std::size_t length = 0;
+  while (length < content.size()) {
+    const std::int64_t count = readAt(file.descriptor.get(), content.data() + length, content.size() - length,
+                                      static_cast<std::int64_t>(length));
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    length += static_cast<std::size_t>(count);
+  }
+  if (length > largestSize) {
+    errno = EFBIG;
+    return std::nullopt;
+  }
+  content.resize(length);
+  return content;
 }
 
 bool fileKind(const std::string& path, SymbolicLinks links, FileKind& kind) {
