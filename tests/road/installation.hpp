@@ -19,6 +19,7 @@ class Installation {
   const fs::path product = root / "Library/Quillmarsh/qxmac";
   const fs::path daemonSocket = root / "run/quillmarsh/com.quillmarsh.qmreputationd";
   const fs::path agentSocket = root / "run/quillmarsh/com.quillmarsh.sp.skyvaultd";
+  const fs::path settingsSocket = root / "run/quillmarsh/com.quillmarsh.qmsettingsd";
 
   fs::path program(const std::string& name) const { return product / "bin" / name; }
   fs::path log(const std::string& name) const { return root / (name + ".log"); }
@@ -26,6 +27,7 @@ class Installation {
   // Starts the program, and waits until its service answers to a connection.
   Service startDaemon() const { return startService("qmreputationd", daemonSocket); }
   Service startAgent() const { return startService("skyvaultd", agentSocket); }
+  Service startSettingsDaemon() const { return startService("qmsettingsd", settingsSocket); }
 
   // Runs one of the installation's programs to its end, which must come with the status; what it printed.
   std::string run(const std::string& name, std::vector<std::string> arguments, int status = 0) const {

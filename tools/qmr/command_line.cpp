@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tools/qmr/exit_status.hpp"
+#include "tools/qmr/settings_command_line.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -61,6 +62,7 @@ class Parser {
     application_.require_subcommand(1);
     addCheck();
     addPing();
+    settings_.emplace(application_);
   }
 
   Command parse(int argumentCount, const char* const* arguments) {
@@ -71,6 +73,7 @@ class Parser {
     }
     if (downloaded_ && notDownloaded_)
       return EndAtOnce{"qmr: --downloaded and --not-downloaded exclude each other\n", true, kBadUsage};
+    if (settings_->parsed()) return settings();
     if (ping_->parsed())
       return PingOptions{std::chrono::seconds(pingTimeout_), std::chrono::seconds(pingWait_)};
     checkOptions_.timeout = std::chrono::seconds(checkTimeout_);
@@ -120,6 +123,13 @@ class Parser {
         ->option_text("SECONDS");
   }
 
+  Command settings() const {
+    std::string problem;
+    const std::optional<SettingsOptions> options = settings_->options(problem);
+    if (options) return *options;
+    return EndAtOnce{"qmr: settings: " + problem + "\n", true, kBadUsage};
+  }
+
   EndAtOnce end(const CLI::ParseError& error) {
     std::ostringstream output;
     std::ostringstream errors;
@@ -127,9 +137,10 @@ class Parser {
     return {failed ? "qmr: " + errors.str() : output.str(), failed, failed ? kBadUsage : kNothingBad};
   }
 
-  CLI::App application_{"Asks the reputation service about files.", "qmr"};
+  CLI::App application_{"Asks the reputation service about files, shows and changes settings.", "qmr"};
   CLI::App* check_ = nullptr;
   CLI::App* ping_ = nullptr;
+  std::optional<SettingsCommandLine> settings_;
   CLI::Option* follow_ = nullptr;
   CheckOptions checkOptions_;
   int followSeconds_ = kDefaultFollowSeconds;

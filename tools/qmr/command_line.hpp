@@ -8,6 +8,8 @@
 #include <variant>
 #include <vector>
 
+#include "tools/qmr/settings_options.hpp"
+
 namespace qm::qmr {
 
 struct CheckOptions {
@@ -35,7 +37,7 @@ struct EndAtOnce {
   int exitStatus = 0;
 };
 
-using Command = std::variant<CheckOptions, PingOptions, EndAtOnce>;
+using Command = std::variant<CheckOptions, PingOptions, SettingsOptions, EndAtOnce>;
 
 Command parseCommandLine(int argumentCount, const char* const* arguments);
 

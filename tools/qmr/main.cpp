@@ -7,6 +7,7 @@
 #include "tools/qmr/check_command.hpp"
 #include "tools/qmr/command_line.hpp"
 #include "tools/qmr/ping_command.hpp"
+#include "tools/qmr/settings_command.hpp"
 
 using namespace qm;
 using namespace qm::qmr;
@@ -17,6 +18,8 @@ int main(int argumentCount, char** arguments) {
     (end->isError ? std::cerr : std::cout) << end->text << std::flush;
     return end->exitStatus;
   }
+  if (const auto* settings = std::get_if<SettingsOptions>(&command))
+    return runSettingsCommand(*settings, std::cout, std::cerr);
   const std::string service = QMRNamespace::namespacedWithId(kReputationServiceName);
   if (auto* check = std::get_if<CheckOptions>(&command)) return runCheckCommand(std::move(*check), service);
   ReputationClientOptions options;

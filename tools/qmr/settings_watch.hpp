@@ -1,0 +1,40 @@
+// What has changed between two states of the settings, a line for each.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+
+#include "foundation/block.hpp"
+#include "foundation/value.hpp"
+
+namespace qm::qmr {
+
+// Any thread. The lines of one change come together.
+class SettingsChanges {
+ public:
+  // `closed` is called when the output cannot be written any more.
+  SettingsChanges(std::ostream& output, bool json, Block<void()> closed)
+      : output_(output), json_(json), closed_(std::move(closed)) {}
+
+  // The first call of each gives the state that changes are told against.
+  void setSettings(const Dictionary& user, const Dictionary& system);
+  void setAllowList(const Array& allowList);
+
+ private:
+  void compare(const char* table, const Dictionary& before, const Dictionary& after);
+  void flush();
+  void print(const char* table, const std::string& key, const Value& value);
+
+  std::ostream& output_;
+  const bool json_;
+  const Block<void()> closed_;
+  std::mutex mutex_;
+  std::optional<Dictionary> user_;
+  std::optional<Dictionary> system_;
+  std::optional<Array> allowList_;
+};
+
+}  // namespace qm::qmr
