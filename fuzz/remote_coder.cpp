@@ -11,55 +11,19 @@
 #include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_socket.hpp"
 #include "platform/remote_protocol.hpp"
+#include "tests/platform/xpc/remote_workshop.hpp"
 
 namespace {
 
 using namespace qm;
-
-class Specimen final : public Record {
- public:
-  explicit Specimen(Dictionary fields) : fields_(std::move(fields)) {}
-  static const RecordClass& codedClass() {
-    static const RecordClass its{
-        .name = "Specimen",
-        .fields = {{"valid", FieldCoding::boolean, {}},
-                   {"number", FieldCoding::integer, {}},
-                   {"things", FieldCoding::object, {{"NSDictionary"}, {"NSString"}, {"NSNumber"}}}},
-        .make = [](const Dictionary& fields) -> ObjectPtr {
-          return std::make_shared<const Specimen>(fields);
-        }};
-    return its;
-  }
-  const RecordClass& recordClass() const override { return codedClass(); }
-  Dictionary fields() const override { return fields_; }
-
- private:
-  const Dictionary fields_;
-};
-
-RemoteParameter anything() {
-  return {.classes = {{"NSString"},
-                      {"NSNumber"},
-                      {"NSData"},
-                      {"NSDate"},
-                      {"NSUUID"},
-                      {"NSNull"},
-                      {"NSArray"},
-                      {"NSDictionary"},
-                      {"NSError"},
-                      {"NSURL"},
-                      {"NSXPCListenerEndpoint"},
-                      {"NSFileHandle"},
-                      {"Specimen", &Specimen::codedClass()}},
-          .hasOwnContents = true};
-}
 
 // A parameter of the type, with every class allowed in it.
 template <class T>
 void checkAs(const XPCObject& coded) {
   RemoteParameter parameter = RemoteCoding<T>::parameter();
   if (parameter.type == RemoteType::object) {
-    parameter.classes = anything().classes;
+    parameter.classes = test::workshopClasses();
+    for (const char* name : {"NSData", "NSDate", "NSFileHandle"}) parameter.classes.push_back({name});
     parameter.hasOwnContents = true;
   }
   ErrorPtr error;
@@ -73,20 +37,13 @@ void checkAs(const XPCObject& coded) {
   if (!received || !(*remote::encodeArguments({parameter}, *received, nullptr) == *sentOn)) std::abort();
 }
 
+template <class... T>
+void checkAsEach(const XPCObject& arguments) {
+  (checkAs<T>(arguments), ...);
+}
 void check(const XPCObject& arguments) {
-  checkAs<bool>(arguments);
-  checkAs<std::int64_t>(arguments);
-  checkAs<std::uint64_t>(arguments);
-  checkAs<std::uint32_t>(arguments);
-  checkAs<double>(arguments);
-  checkAs<std::string>(arguments);
-  checkAs<Array>(arguments);
-  checkAs<Dictionary>(arguments);
-  checkAs<ErrorPtr>(arguments);
-  checkAs<XPCEndpoint>(arguments);
-  checkAs<std::optional<URL>>(arguments);
-  checkAs<std::shared_ptr<const Specimen>>(arguments);
-  checkAs<Value>(arguments);
+  checkAsEach<bool, std::int64_t, std::uint64_t, std::uint32_t, double, std::string, Array, Dictionary,
+              ErrorPtr, XPCEndpoint, std::optional<URL>, test::BadgePtr, Value>(arguments);
 }
 
 }  // namespace

@@ -1,32 +1,17 @@
 // The settings daemon's service over real connections: who may do what, subscriptions, pushed actions.
 #include "companions/settings_service.hpp"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <filesystem>
-#include <future>
-#include <thread>
-
 #include "companions/settings_administration.hpp"
 #include "companions/settings_error.hpp"
 #include "settings/remote_action_protocols.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 constexpr std::uint32_t kOwner = 4711;
 constexpr std::int64_t kSilent = -1;
 const std::string kEvents(RemoteProtocol<RemoteActionEventsProtocol>::name);
 const std::string kExecuted(RemoteProtocol<RemoteActionExecutedEventsProtocol>::name);
-
-template <class Condition>
-bool eventually(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-  return condition();
-}
 
 // A process that hears of remote actions, and finishes each with the result it was given.
 class Subscriber : public RemoteActionEventsProtocol, public RemoteActionExecutedEventsProtocol {
@@ -76,7 +61,7 @@ class Subscriber : public RemoteActionEventsProtocol, public RemoteActionExecute
   std::vector<Block<void(std::int64_t)>> kept_;
 };
 
-class ServedSettings : public testing::Test {
+class ServedSettings : public RecordedTest {
  protected:
   ServedSettings() {
     SettingsService::Options options;
@@ -98,44 +83,44 @@ class ServedSettings : public testing::Test {
     connection->setRemoteObjectInterface(remoteInterface<SettingsDaemonProtocol>());
     connection->resume();
     // Its user has been asked for when it is answered.
-    errorOf(connection, [](const RemoteProxy& proxy, auto) {
-      proxy.call<&qmsettingsdProtocol::getUserWhitelistWithReply>(Block<void(const Array&, bool)>());
-    });
+    connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
+        .call<&qmsettingsdProtocol::getUserWhitelistWithReply>(Block<void(const Array&, bool)>());
     return connection;
   }
-  // What the call's reply gives to `done`, or the error of the connection.
-  template <class Call>
-  static ErrorPtr errorOf(const std::shared_ptr<RemoteConnection>& connection, const Call& call) {
-    ErrorPtr result;
-    const Block<void(const ErrorPtr&)> done = [&](const ErrorPtr& error) { result = error; };
-    call(connection->synchronousRemoteObjectProxyWithErrorHandler(done), done);
-    return result;
+  // What the call's reply or the connection says; 0 for no error.
+  template <auto Method, class... Arguments>
+  static std::int64_t codeOf(const std::shared_ptr<RemoteConnection>& connection,
+                             const Arguments&... arguments) {
+    std::int64_t code = 0;
+    const Block<void(const ErrorPtr&)> done = [&](const ErrorPtr& error) {
+      if (error) code = error->code();
+    };
+    connection->synchronousRemoteObjectProxyWithErrorHandler(done).template call<Method>(arguments..., done);
+    return code;
   }
-  static std::int64_t codeOf(const ErrorPtr& error) { return error == nullptr ? 0 : error->code(); }
   static bool subscribe(const std::shared_ptr<RemoteConnection>& connection, const Subscriber& subscriber,
                         const std::string& protocol) {
     bool success = false;
     connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
         .call<&QMRSubscriptionProtocol::subscribeToChangesWithProtocol>(
-            protocol, subscriber.listener->endpoint(),
-            Block<void(bool)>([&](bool reply) { success = reply; }));
+            protocol, subscriber.listener->endpoint(), [&](bool reply) { success = reply; });
     return success;
   }
   static Dictionary systemSettings(const std::shared_ptr<RemoteConnection>& connection) {
     Dictionary settings;
     connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
         .call<&qmsettingsdProtocol::getSystemSettingsWithReply>(
-            Block<void(const Dictionary&, const ErrorPtr&)>(
-                [&](const Dictionary& reply, const ErrorPtr&) { settings = reply; }));
+            [&](const Dictionary& reply, const ErrorPtr&) { settings = reply; });
     return settings;
   }
-  static Array push(const std::shared_ptr<RemoteConnection>& connection) {
+  static Array push(const std::shared_ptr<RemoteConnection>& connection, ErrorPtr* failure = nullptr) {
     Array results;
     connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
-        .call<&SettingsAdministration::pushRemoteAction>(
-            "scan", Dictionary{{"k", 1}},
-            Block<void(const Array&, const ErrorPtr&)>(
-                [&](const Array& all, const ErrorPtr&) { results = all; }));
+        .call<&SettingsAdministration::pushRemoteAction>("scan", Dictionary{{"k", 1}},
+                                                         [&](const Array& all, const ErrorPtr& error) {
+                                                           results = all;
+                                                           if (failure) *failure = error;
+                                                         });
     return results;
   }
   // Of each subscriber its result code, or "error".
@@ -148,10 +133,9 @@ class ServedSettings : public testing::Test {
     return texts;
   }
 
-  const test::ScratchFolder scratch_;
-  const std::string file_ = scratch_.path("settings.toml");
+  const std::string file_ = folder.path("settings.toml");
   const std::shared_ptr<SettingsStore> store_ =
-      std::make_shared<SettingsStore>(file_, scratch_.path("state.toml"), nullptr);
+      std::make_shared<SettingsStore>(file_, folder.path("state.toml"), nullptr);
   const std::shared_ptr<RemoteListener> listener_ = RemoteListener::anonymousListener();
   std::shared_ptr<SettingsService> service_;
   std::atomic<bool> admits_ = true;
@@ -195,33 +179,18 @@ TEST_F(ServedSettings, OnlyRootAndTheOwnerAdminister) {
       {kOwner + 1, "user", {{"c", 1}}, Code::notAllowed},
   };
   for (const auto& [user, table, settings, code] : cases)
-    EXPECT_EQ(codeOf(errorOf(connect(user),
-                             [&](const RemoteProxy& proxy, auto done) {
-                               proxy.call<&SettingsAdministration::setSettings>(settings, table, done);
-                             })),
+    EXPECT_EQ(codeOf<&SettingsAdministration::setSettings>(connect(user), settings, table),
               static_cast<std::int64_t>(code))
         << user << table;
   const auto stranger = connect(kOwner + 1);
-  const auto isRefused = [&](const auto& call) {
-    EXPECT_EQ(codeOf(errorOf(stranger, call)), static_cast<std::int64_t>(Code::notAllowed));
-  };
-  isRefused([](const RemoteProxy& proxy, auto done) {
-    proxy.call<&SettingsAdministration::removeSettings>(Array{"a"}, "user", done);
-  });
-  isRefused([](const RemoteProxy& proxy, auto done) {
-    proxy.call<&SettingsAdministration::setAllowList>(Array{"x"}, done);
-  });
-  isRefused([](const RemoteProxy& proxy, auto done) {
-    proxy.call<&SettingsAdministration::pushRemoteAction>(
-        "scan", Dictionary(),
-        Block<void(const Array&, const ErrorPtr&)>(
-            [done](const Array&, const ErrorPtr& error) { done(error); }));
-  });
-  EXPECT_EQ(codeOf(errorOf(connect(0),
-                           [&](const RemoteProxy& proxy, auto done) {
-                             proxy.call<&SettingsAdministration::removeSettings>(Array{"a"}, "user", done);
-                           })),
-            0);
+  const auto notAllowed = static_cast<std::int64_t>(Code::notAllowed);
+  EXPECT_EQ(codeOf<&SettingsAdministration::removeSettings>(stranger, Array{"a"}, "user"), notAllowed);
+  EXPECT_EQ(codeOf<&SettingsAdministration::setAllowList>(stranger, Array{"x"}), notAllowed);
+  ErrorPtr refusal;
+  push(stranger, &refusal);
+  ASSERT_NE(refusal, nullptr);
+  EXPECT_EQ(refusal->code(), notAllowed);
+  EXPECT_EQ(codeOf<&SettingsAdministration::removeSettings>(connect(0), Array{"a"}, "user"), 0);
   const auto settings = store_->current();
   EXPECT_EQ(settings->user, (Dictionary{{"b", true}}));
   EXPECT_EQ(settings->system, (Dictionary{{"a", 1}}));
@@ -273,4 +242,3 @@ TEST_F(ServedSettings, APushReportsEachAnswerAndWaitsForNobodyForLong) {
 }
 
 }  // namespace
-}  // namespace qm

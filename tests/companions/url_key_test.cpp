@@ -1,10 +1,8 @@
 #include "companions/url_key.hpp"
 
-#include <gtest/gtest.h>
-
 #include "companions/url_categories.hpp"
+#include "support/testing.hpp"
 
-namespace qm {
 namespace {
 
 using Keys = std::vector<std::string>;
@@ -75,4 +73,3 @@ TEST(URLCategories, AreReadAsTheyAreWritten) {
 }
 
 }  // namespace
-}  // namespace qm

@@ -3,18 +3,9 @@
 // post|post-as-nobody|observe|observe-without-descriptors".
 #include "platform/notify.hpp"
 
-#include <gmock/gmock.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <filesystem>
-#include <future>
 #include <iostream>
-#include <mutex>
-#include <optional>
-#include <thread>
 
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/run_folder.hpp"
@@ -22,7 +13,6 @@
 #include "platform/system_log.hpp"
 #include "support/child_process.hpp"
 
-namespace qm {
 namespace {
 
 using namespace std::chrono_literals;
@@ -60,24 +50,21 @@ class Observer {
   }
   // Waits for a delivery that began after the last post had begun.
   bool isUpToDate() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 60s, [&] { return deliveries_ > 0 && seen_ == posts; });
+    while (const std::optional<int> seen = seen_.take())
+      if (*seen == posts) return true;
+    return false;
   }
 
  private:
   void delivered(int token) {
-    const std::lock_guard lock(mutex_);
     EXPECT_EQ(token, token_);
-    seen_ = posts;
     ++deliveries_;
-    changed_.notify_all();
+    seen_.put(posts);
   }
 
   const Queue queue_ = Queue::serial("observer");
   int token_ = kNotifyTokenInvalid;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int seen_ = 0;
+  Inbox<int> seen_;  // at each delivery, the posts that had begun
   std::atomic<int> deliveries_ = 0;
 };
 
@@ -113,7 +100,7 @@ TEST(Notify, ReachesEveryRegistrationInEveryProcess) {
   EXPECT_EQ(fs::status(kFile).permissions(), fs::perms(0644));
   Observer first;
   Observer other("self.test");
-  test::ChildProcess process({ownProgramPath(), "observe"});
+  ChildProcess process({ownProgramPath(), "observe"});
   EXPECT_EQ(process.readLine(), "status 0");
   passEvents();
   EXPECT_EQ(first.settle(), 0) << "of a post before the registration";
@@ -130,7 +117,7 @@ TEST(Notify, ReachesEveryRegistrationInEveryProcess) {
   EXPECT_TRUE(first.token() >= 0 && second->token() >= 0 && first.token() != second->token());
 
   ++posts;
-  EXPECT_EQ(test::runCommand({ownProgramPath(), "post"}).output, "status 0\n");
+  EXPECT_EQ(runCommand({ownProgramPath(), "post"}).output, "status 0\n");
   EXPECT_TRUE(first.isUpToDate() && second->isUpToDate());
   EXPECT_EQ(process.readLine(), "delivered");
   EXPECT_EQ(other.settle(), 0);
@@ -235,10 +222,10 @@ TEST(Notify, SaysWhatItCannotDo) {
   EXPECT_EQ(notifyRegisterDispatch(kName, &token, Queue(), [](int) {}), NotifyStatus::nullInput);
   post();
   fs::permissions(kFile, fs::perms(0444));
-  EXPECT_THAT(test::runCommand({ownProgramPath(), "post-as-nobody"}).output,
+  EXPECT_THAT(runCommand({ownProgramPath(), "post-as-nobody"}).output,
               testing::EndsWith("Permission denied\nstatus 7\n"));
 #if !defined(__SANITIZE_ADDRESS__)  // its checks need descriptors
-  EXPECT_THAT(test::runCommand({ownProgramPath(), "observe-without-descriptors"}).output,
+  EXPECT_THAT(runCommand({ownProgramPath(), "observe-without-descriptors"}).output,
               testing::EndsWith("Too many open files\nstatus 1000000\n"));
 #endif
 }
@@ -261,10 +248,9 @@ int runAsOtherProcess(const std::string& command) {
 }
 
 }  // namespace
-}  // namespace qm
 
 int main(int count, char** arguments) {
-  if (count == 2 && arguments[1][0] != '-') return qm::runAsOtherProcess(arguments[1]);
+  if (count == 2 && arguments[1][0] != '-') return runAsOtherProcess(arguments[1]);
   testing::InitGoogleTest(&count, arguments);
   return RUN_ALL_TESTS();
 }

@@ -71,7 +71,7 @@ class SkyvaultSubstitute final : public SVKSkyvaultServiceClientProtocol {
   Inbox<Call> calls;
 };
 
-class BasaltLookupTest : public testing::Test {
+class BasaltLookupTest : public RecordedTest {
  protected:
   std::shared_ptr<QMRFileReputationRequest> openFile() const {
     return makeRequest({.path = path_, .fileHandle = openHandle(path_)});
@@ -100,8 +100,7 @@ class BasaltLookupTest : public testing::Test {
     client_->take("metadata").answer({.options = kUploadRequested});
   }
 
-  const ScratchFolder folder_;
-  const std::string path_ = folder_.write("tool.sh", "content");
+  const std::string path_ = folder.write("tool.sh", "content");
   const std::shared_ptr<SkyvaultSubstitute> client_ = std::make_shared<SkyvaultSubstitute>();
   std::shared_ptr<QMRBasaltReputationLookup> lookup_ = std::make_shared<QMRBasaltReputationLookup>(client_);
   const ErrorPtr cloudError_ = makeError("cloud", 12, {{"k", "v"}});
@@ -145,26 +144,35 @@ TEST_F(BasaltLookupTest, AnUnknownFileIsAnalysedUploadedAndAnsweredAgain) {
   EXPECT_EQ(replies_.size(), 1u) << "the direct reply came once";
 }
 
-TEST_F(BasaltLookupTest, VerdictsMapToLevels) {
+TEST_F(BasaltLookupTest, VerdictsHaveTheirLevelAndAURLItsSafeScore) {
   const struct {
     const char* verdict;
     std::uint64_t options;
     ReputationLevel expected;
+    std::int64_t safe;
   } cases[] = {
-      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, level::trusted},
-      {SVKSkyvaultSafetyVerdictValueUndetected, 1, level::undetected},
-      {SVKSkyvaultSafetyVerdictValuePU, 1, level::suspicious},
-      {SVKSkyvaultSafetyVerdictValueUnwanted, 1, level::unwanted},
-      {SVKSkyvaultSafetyVerdictValueMalicious, 1, level::untrusted},
-      {SVKSkyvaultSafetyVerdictValueUnknown, 1, level::unknown},
-      {"Malicious", 1, level::unknown},
-      {SVKSkyvaultSafetyVerdictValueUndetected, kSageSuccess, level::unknown},
-      {SVKSkyvaultSafetyVerdictValueUndetected, ~kSageSuccess, level::undetected},
-      {SVKSkyvaultSafetyVerdictValueMalicious, kSageSuccess, level::untrusted},
+      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, level::trusted, 100},
+      {SVKSkyvaultSafetyVerdictValueUndetected, 1, level::undetected, 0},
+      {SVKSkyvaultSafetyVerdictValuePU, 1, level::suspicious, -20},
+      {SVKSkyvaultSafetyVerdictValueUnwanted, 1, level::unwanted, -80},
+      {SVKSkyvaultSafetyVerdictValueMalicious, 1, level::untrusted, -100},
+      {SVKSkyvaultSafetyVerdictValueUnknown, 1, level::unknown, 0},
+      {"Malicious", 1, level::unknown, 0},
+      {SVKSkyvaultSafetyVerdictValueUndetected, kSageSuccess, level::unknown, 0},
+      {SVKSkyvaultSafetyVerdictValueUndetected, ~kSageSuccess, level::undetected, 0},
+      {SVKSkyvaultSafetyVerdictValueMalicious, kSageSuccess, level::untrusted, -100},
   };
-  for (const auto& [verdict, options, expected] : cases)
-    EXPECT_EQ(lookup_->mapBasaltResponse(*Answer{verdict, options}.response()), expected)
-        << verdict << options;
+  for (const auto& [verdict, options, expected, safe] : cases) {
+    SCOPED_TRACE(verdict + std::to_string(options));
+    const Answer answer{verdict, options};
+    EXPECT_EQ(lookup_->mapBasaltResponse(*answer.response()), expected);
+    const auto result = askForURL("http://h/", [answer](const auto& call) { call.answer(answer); });
+    EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", safe}}}}));
+  }
+  const std::int64_t byLevel[] = {-100, 0, 100, -80, -20, -20, 0, 0, 100, 100};
+  for (std::size_t i = 0; i < std::size(byLevel); ++i)
+    EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(i), byLevel[i]) << i;
+  EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(~ReputationLevel{0}), 100);
   EXPECT_EQ(QMRBasaltReputationLookup::basaltResponseOptionsToString(~std::uint64_t{0}),
             "from server,SAGE throttled,SAGE failed,SAGE success,SAGE upload requested,SAGE uploaded,"
             "HIPS events requested");
@@ -197,7 +205,7 @@ TEST_F(BasaltLookupTest, LookupsOfOneUnknownFileShareOneAnalysis) {
   Replies first, second, other;
   ask(first);
   ask(second);
-  lookup_->reputationForFile(makeRequest({.path = folder_.write("other", "content")}), other.block());
+  lookup_->reputationForFile(makeRequest({.path = folder.write("other", "content")}), other.block());
   for (int i = 0; i < 3; ++i) client_->take("hash").answer({.prevalence = i});
   const auto analysis = client_->take("metadata");
   const auto otherAnalysis = client_->take("metadata");
@@ -234,7 +242,6 @@ TEST_F(BasaltLookupTest, UnderContentionEveryReplyIsCalledOnce) {
 }
 
 TEST_F(BasaltLookupTest, AnUploadThatFailsOrHasNoFileEndsInTheLog) {
-  const LogRecorder logs;
   lookup_->setDelayedResponseCallback(delayed_.block());
   const auto asked = openFile();
   askUntilUploadIsRequested(asked);
@@ -242,10 +249,10 @@ TEST_F(BasaltLookupTest, AnUploadThatFailsOrHasNoFileEndsInTheLog) {
   const auto first = client_->take("sample");
   client_->take("sample").completion(nullptr, nullptr);  // both run at once
   first.fail(cloudError_);
-  EXPECT_TRUE(logs.has(LogLevel::error, "SAGE upload failed: " + cloudError_->description()));
-  EXPECT_TRUE(logs.hasError("SAGE upload failed: Error Domain=com.quillmarsh."));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "SAGE upload failed: " + cloudError_->description()));
+  EXPECT_TRUE(recorder.hasError("SAGE upload failed: Error Domain=com.quillmarsh."));
   askUntilUploadIsRequested(makeRequest({.path = path_}));
-  EXPECT_TRUE(logs.has(LogLevel::standard, "Nil file handle, not doing SAGE upload"));
+  EXPECT_TRUE(recorder.has(LogLevel::standard, "Nil file handle, not doing SAGE upload"));
   EXPECT_EQ(delayed_.size(), 0u);
   EXPECT_EQ(client_->calls.size(), 0u) << "none is tried again";
 }
@@ -276,7 +283,6 @@ TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterw
 }
 
 TEST_F(BasaltLookupTest, AURLIsAskedAboutWithTheBaseMetadataAndItsAnswerIsScored) {
-  const LogRecorder logs;
   const std::string url = "https://bank.example/login";
   EXPECT_EQ(askForURL(url,
                       [](const auto& call) {
@@ -301,40 +307,13 @@ TEST_F(BasaltLookupTest, AURLIsAskedAboutWithTheBaseMetadataAndItsAnswerIsScored
   EXPECT_EQ(result->categories(), (Dictionary{{"cats", scores}})) << result->description();
   EXPECT_EQ(result->ttl(), 7200u);
   EXPECT_EQ(result->error(), nullptr);
-  EXPECT_TRUE(logs.has(LogLevel::debug,
-                       "Performing URL lookup for " + url + " with timeout 30 using <SkyvaultSubstitute>"));
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Reputation lookup for URL " + url +
-                                            " succeeded with scan result known_clean and categories \n"
-                                            "(\n    \"financial: yes\",\n    \"gambling: no\"\n)"));
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Sending back the result for URL " + url + " with categories \n" +
-                                            description(scores)));
-}
-
-TEST_F(BasaltLookupTest, AURLsVerdictAndLevelHaveTheirSafeScore) {
-  const struct {
-    const char* verdict;
-    std::uint64_t options;
-    std::int64_t safe;
-  } cases[] = {
-      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, 100},
-      {SVKSkyvaultSafetyVerdictValueUndetected, 1, 0},
-      {SVKSkyvaultSafetyVerdictValuePU, 1, -20},
-      {SVKSkyvaultSafetyVerdictValueUnwanted, 1, -80},
-      {SVKSkyvaultSafetyVerdictValueMalicious, 1, -100},
-      {SVKSkyvaultSafetyVerdictValueUnknown, 1, 0},
-      {"phishing", 1, 0},
-      {SVKSkyvaultSafetyVerdictValueUndetected, 16, 0},
-  };
-  for (const auto& [verdict, options, safe] : cases) {
-    const auto result = askForURL("http://h/", [verdict = verdict, options = options](const auto& call) {
-      call.answer({verdict, options});
-    });
-    EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", safe}}}})) << verdict;
-  }
-  const std::int64_t byLevel[] = {-100, 0, 100, -80, -20, -20, 0, 0, 100, 100};
-  for (std::size_t i = 0; i < std::size(byLevel); ++i)
-    EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(i), byLevel[i]) << i;
-  EXPECT_EQ(QMRBasaltReputationLookup::safeScoreForReputationLevel(~ReputationLevel{0}), 100);
+  EXPECT_TRUE(recorder.has(
+      LogLevel::debug, "Performing URL lookup for " + url + " with timeout 30 using <SkyvaultSubstitute>"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, "Reputation lookup for URL " + url +
+                                                " succeeded with scan result known_clean and categories \n"
+                                                "(\n    \"financial: yes\",\n    \"gambling: no\"\n)"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, "Sending back the result for URL " + url + " with categories \n" +
+                                                description(scores)));
 }
 
 TEST_F(BasaltLookupTest, CategoriesGetTheirProductNameTheLastOfANameAndTheVerdictWin) {
@@ -376,25 +355,19 @@ TEST_F(BasaltLookupTest, AURLsTimeOutIsSignedSecondsKeptTo32BitsOfMilliseconds) 
 }
 
 TEST_F(BasaltLookupTest, EveryFailureOfAURLLookupIsAnsweredWithTheUnknownRating) {
-  const LogRecorder logs;
   const auto unexpected = [](const auto&) { ADD_FAILURE() << "the client was called"; };
   const auto failWith = [](const ErrorPtr& error) {
     return [error](const SkyvaultSubstitute::Call& call) { call.fail(error); };
   };
   const auto expectFailed = [&](const auto& result, std::int64_t code, const std::string& message) {
-    EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", 0}}}}));
-    EXPECT_EQ(result->ttl(), 0u);
-    ASSERT_NE(result->error(), nullptr);
-    EXPECT_EQ(result->error()->domain(), QMRReputationLookup::kErrorDomain);
-    EXPECT_EQ(result->error()->code(), code);
-    EXPECT_EQ(result->error()->localizedDescription(), message);
+    expectUnrated(*result, QMRReputationLookup::kErrorDomain, code, message);
   };
   expectFailed(askForURL("", unexpected), 0, "Invalid URL passed");
   expectFailed(askForURL("http://h/a b", unexpected), 0, "Invalid URL passed");
-  EXPECT_TRUE(logs.has(LogLevel::error, "Invalid URL () passed. Not performing reputation lookup"));
-  EXPECT_TRUE(logs.has(LogLevel::error, "Invalid URL ((null)) passed. Not performing reputation lookup"));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "Invalid URL () passed. Not performing reputation lookup"));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "Invalid URL ((null)) passed. Not performing reputation lookup"));
   expectFailed(askForURL("http://h/", failWith(cloudError_)), 12, cloudError_->description());
-  EXPECT_TRUE(logs.has(
+  EXPECT_TRUE(recorder.has(
       LogLevel::error,
       "Error occurred when performing reputation lookup for URL http://h/: " + cloudError_->description()));
   EXPECT_NE(askForURL("http://h/", failWith(nullptr))->error(), nullptr) << "nothing at all is a failure";

@@ -7,6 +7,7 @@
 #include "platform/file_handle.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
 #include "reputation/QMRFileReputationResult.hpp"
+#include "reputation/QMRURLReputationResult.hpp"
 #include "support/testing.hpp"
 
 namespace qm::test {
@@ -74,6 +75,17 @@ inline void expectAnswer(const Reply& reply, ReputationLevel verdict, unsigned p
 // The answer to a failure: the error as it is, and a result of level 6 without anything.
 inline void expectFailure(const Reply& reply, const ErrorPtr& error) {
   expectAnswer(reply, reputation_level::error, 0, 0, std::nullopt, error);
+}
+
+// The answer about a URL that could not be rated.
+inline void expectUnrated(const QMRURLReputationResult& rating, std::string_view domain, std::int64_t code,
+                          const std::string& message) {
+  EXPECT_EQ(rating.categories(), (Dictionary{{"cats", Dictionary{{"safe", 0}}}}));
+  EXPECT_EQ(rating.ttl(), 0u);
+  ASSERT_NE(rating.error(), nullptr);
+  EXPECT_EQ(rating.error()->domain(), domain);
+  EXPECT_EQ(rating.error()->code(), code);
+  EXPECT_EQ(rating.error()->localizedDescription(), message);
 }
 
 }  // namespace qm::test

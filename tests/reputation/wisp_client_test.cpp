@@ -1,88 +1,70 @@
 #include "reputation/backends/QMRWispClient.hpp"
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <future>
-#include <limits>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "reputation/backends/QMRWispInfectionInfoObjC.hpp"
-#include "support/inbox.hpp"
-#include "support/log_recorder.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
-using qm::Array;
-using qm::Dictionary;
-using qm::ErrorPtr;
-using qm::ObjectPtr;
-using qm::Value;
-using qm::test::Inbox;
-
-qm::URL url(const char* text) {
-  return qm::URL::create(text).value();
+URL url(const char* text) {
+  return URL::create(text).value();
 }
 Value urlValue(const char* text) {
-  return std::make_shared<const qm::URLObject>(url(text));
+  return std::make_shared<const URLObject>(url(text));
 }
 
 struct Call {
   std::string selector;
   Array arguments;
-  qm::RemoteExport::Reply reply;
+  RemoteExport::Reply reply;
 };
 
 // Stands in for the daemon below its types: it hands out the calls as they came and may answer anything.
 class RawDaemon {
  public:
-  RawDaemon(const qm::RemoteInterface& interface, const std::vector<std::string>& selectors) {
-    std::map<std::string, qm::RemoteExport::Handler, std::less<>> handlers;
+  RawDaemon(const RemoteInterface& interface, const std::vector<std::string>& selectors) {
+    std::map<std::string, RemoteExport::Handler, std::less<>> handlers;
     for (const std::string& selector : selectors)
       handlers.emplace(selector, [calls = calls_, selector](const Array& arguments, const auto& reply) {
         calls->put({selector, arguments, reply});
       });
     listener_->setDelegate(
-        [exported = qm::RemoteExport(interface, std::move(handlers))](const auto&, const auto& connection) {
+        [exported = RemoteExport(interface, std::move(handlers))](const auto&, const auto& connection) {
           connection->setExport(exported);
           connection->resume();
           return true;
         });
     listener_->resume();
   }
-  qm::XPCEndpoint endpoint() const { return listener_->endpoint(); }
+  XPCEndpoint endpoint() const { return listener_->endpoint(); }
   std::size_t pendingCalls() const { return calls_->size(); }
   Call next() { return calls_->take().value_or(Call{}); }
 
  private:
   const std::shared_ptr<Inbox<Call>> calls_ = std::make_shared<Inbox<Call>>();
-  const std::shared_ptr<qm::RemoteListener> listener_ = qm::RemoteListener::anonymousListener();
+  const std::shared_ptr<RemoteListener> listener_ = RemoteListener::anonymousListener();
 };
 
 template <class... Methods>
-std::vector<std::string> selectorsOf(qm::RemoteMethods<Methods...>) {
+std::vector<std::string> selectorsOf(RemoteMethods<Methods...>) {
   return {std::string(Methods::selector)...};
 }
 
-qm::RemoteInterface wispInterface() {
-  qm::RemoteInterface interface = qm::remoteInterface<QMRWispProtocol>();
+RemoteInterface wispInterface() {
+  RemoteInterface interface = remoteInterface<QMRWispProtocol>();
   allowWispSettingValues(interface);
   return interface;
 }
 
 // A record of any class name and content, as a broken or hostile daemon could send it.
-class ForgedRecord final : public qm::Record {
+class ForgedRecord final : public Record {
  public:
   ForgedRecord(std::string name, Dictionary fields)
       : class_{.name = std::move(name), .fields = {}, .make = nullptr}, fields_(std::move(fields)) {}
-  const qm::RecordClass& recordClass() const override { return class_; }
+  const RecordClass& recordClass() const override { return class_; }
   Dictionary fields() const override { return fields_; }
 
  private:
-  const qm::RecordClass class_;
+  const RecordClass class_;
   const Dictionary fields_;
 };
 
@@ -110,7 +92,7 @@ TEST(WispRecordsTest, EveryRecordKeepsItsKeysOnTheWay) {
   for (const char* key : {"porterUrl", "wpcoreMacosPath", "sensorMacosPath", "sensorMacosDbPath",
                           "tallowClientMacosPath", "lintelMacosPath", "gantry2Path", "binPath"})
     configuration.emplace(key, urlValue(key));
-  const std::pair<const qm::RecordClass&, Dictionary> cases[] = {
+  const std::pair<const RecordClass&, Dictionary> cases[] = {
       {QMRWispQvsResponseObjC::codedClass(),
        fieldsOf("safetyVerdict", 4, "ttl", large, "safetyFinal", true, "prevalence", 255, "detectionName",
                 "Trojan", "categories", categories)},
@@ -126,13 +108,13 @@ TEST(WispRecordsTest, EveryRecordKeepsItsKeysOnTheWay) {
       {QMRWispConfigurationObjC::codedClass(), configuration},
       {QMRWispConfigurationObjC::codedClass(), fieldsOf("porterNamespace", 0)},
   };
-  qm::CodedClasses classes;
+  CodedClasses classes;
   for (const auto& [its, fields] : cases) classes.push_back({its.name, &its});
-  const std::vector<qm::RemoteParameter> parameters{{.classes = classes, .hasOwnContents = true}};
-  const qm::RemoteInterface interface("Echo",
-                                      {{.selector = "echo:", .arguments = parameters, .reply = parameters}});
+  const std::vector<RemoteParameter> parameters{{.classes = classes, .hasOwnContents = true}};
+  const RemoteInterface interface("Echo",
+                                  {{.selector = "echo:", .arguments = parameters, .reply = parameters}});
   RawDaemon daemon(interface, {"echo:"});
-  const auto connection = qm::RemoteConnection::createWithListenerEndpoint(daemon.endpoint());
+  const auto connection = RemoteConnection::createWithListenerEndpoint(daemon.endpoint());
   connection->setRemoteObjectInterface(interface);
   connection->resume();
   const auto replies = std::make_shared<Inbox<Array>>();
@@ -142,7 +124,7 @@ TEST(WispRecordsTest, EveryRecordKeepsItsKeysOnTheWay) {
         "echo:", {forged(its.name, fields)}, [replies](const Array& values) { replies->put(values); });
     const Call call = daemon.next();
     ASSERT_EQ(call.arguments.size(), 1U);
-    const auto made = std::dynamic_pointer_cast<const qm::Record>(*call.arguments[0].as<ObjectPtr>());
+    const auto made = std::dynamic_pointer_cast<const Record>(*call.arguments[0].as<ObjectPtr>());
     EXPECT_EQ(Value(made->fields()), Value(fields));
     call.reply(call.arguments);
     EXPECT_EQ(replies->take(), call.arguments);
@@ -158,7 +140,7 @@ class WispClientTest : public testing::Test {
                                            [errors = errors](const ErrorPtr& error) { errors->put(error); });
   }
 
-  RawDaemon daemon{wispInterface(), selectorsOf(qm::RemoteProtocol<QMRWispProtocol>::Methods())};
+  RawDaemon daemon{wispInterface(), selectorsOf(RemoteProtocol<QMRWispProtocol>::Methods())};
   const std::shared_ptr<Inbox<ErrorPtr>> errors = std::make_shared<Inbox<ErrorPtr>>();
   const std::shared_ptr<Inbox<Array>> replies = std::make_shared<Inbox<Array>>();
   // Callbacks of the calls, which put their arguments into the inbox.
@@ -182,9 +164,9 @@ TEST_F(WispClientTest, EachCallReachesTheDaemonAndItsAnswerTheCaller) {
     EXPECT_GE(replies->size(), selector.find("Sync:") == std::string::npos ? 0U : 1U) << "not yet answered";
     EXPECT_EQ(replies->take(), reply);
   };
-  const qm::URL link = url("http://h/");
-  const Value linkValue = urlValue("http://h/"), failure = qm::makeError("daemon", 7), success;
-  const Dictionary metadata{{"file_size", 12}, {"file_info", Dictionary{{"a", qm::Data("b", 1)}}}};
+  const URL link = url("http://h/");
+  const Value linkValue = urlValue("http://h/"), failure = makeError("daemon", 7), success;
+  const Dictionary metadata{{"file_size", 12}, {"file_info", Dictionary{{"a", Data("b", 1)}}}};
   const Dictionary setting{{"list", linkValue}};
   const auto configuration = std::make_shared<const QMRWispConfigurationObjC>();
   const ObjectPtr qvs = std::make_shared<const QMRWispQvsResponseObjC>();
@@ -216,7 +198,7 @@ TEST_F(WispClientTest, EachCallReachesTheDaemonAndItsAnswerTheCaller) {
 
   client->fileScan({"/x"}, 1, std::make_shared<const QMRWispFileScanParametersObjC>(), 60, keepResponse);
   EXPECT_EQ(replies->take(), (Array{std::make_shared<const QMRWispScanCompleteSummaryObjC>(),
-                                    qm::makeError("com.quillmarsh.qmr-wisp-client.error", 3328)}));
+                                    makeError("com.quillmarsh.qmr-wisp-client.error", 3328)}));
   EXPECT_EQ(daemon.pendingCalls(), 0U) << "a file scan is answered without the daemon";
   const auto idle = makeClient(daemon.endpoint());
   idle->fileScan({}, 0, nullptr, 0, nullptr);
@@ -230,7 +212,7 @@ TEST_F(WispClientTest, AnswersWithForeignContentAreRefused) {
     daemon.next().reply({forged("QMRWispQvsResponseObjC", fields), Value()});
   };
   // Values of categories of a foreign class, and fields of another than their own.
-  const Dictionary foreign[] = {fieldsOf("categories", Dictionary{{"a", Dictionary{{"value", qm::Data()}}}}),
+  const Dictionary foreign[] = {fieldsOf("categories", Dictionary{{"a", Dictionary{{"value", Data()}}}}),
                                 fieldsOf("categories", Dictionary{{"a", Array{true}}}),
                                 fieldsOf("categories", Dictionary{{"a", Value()}}),
                                 fieldsOf("categories", Dictionary{{"a", urlValue("http://h/")}}),
@@ -242,11 +224,11 @@ TEST_F(WispClientTest, AnswersWithForeignContentAreRefused) {
     ask(fields);
     const ErrorPtr error = errors->take().value_or(nullptr);
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->code(), static_cast<std::int64_t>(qm::RemoteErrorCode::replyInvalid));
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(RemoteErrorCode::replyInvalid));
   }
   EXPECT_EQ(replies->size(), 0U);
   // A field of a later version, more bits than the property has, the other form of an integer.
-  ask(fieldsOf("later", qm::Data(), "prevalence", 300, "ttl", std::uint64_t{1} << 63U));
+  ask(fieldsOf("later", Data(), "prevalence", 300, "ttl", std::uint64_t{1} << 63U));
   const Array reply = replies->take().value();
   const auto response = std::dynamic_pointer_cast<const QMRWispQvsResponseObjC>(*reply.at(0).as<ObjectPtr>());
   ASSERT_NE(response, nullptr);
@@ -256,8 +238,8 @@ TEST_F(WispClientTest, AnswersWithForeignContentAreRefused) {
 }
 
 TEST_F(WispClientTest, ADaemonThatCannotBeReachedIsAnErrorOfTheClientOrOfTheSynchronousCall) {
-  const qm::test::LogRecorder logs;
-  const auto invalid = static_cast<std::int64_t>(qm::RemoteErrorCode::invalid);
+  const LogRecorder logs;
+  const auto invalid = static_cast<std::int64_t>(RemoteErrorCode::invalid);
   const auto client = makeClient();
   EXPECT_EQ(client->xpcMachServiceName(), "com.quillmarsh.wisp.qmwpcored");
   for (const auto& call : std::vector<std::function<void()>>{
@@ -267,7 +249,7 @@ TEST_F(WispClientTest, ADaemonThatCannotBeReachedIsAnErrorOfTheClientOrOfTheSync
     const ErrorPtr error = errors->take().value_or(nullptr);
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->code(), invalid);
-    EXPECT_TRUE(logs.has(qm::LogLevel::error, "XPC error: " + error->description()));
+    EXPECT_TRUE(logs.has(LogLevel::error, "XPC error: " + error->description()));
   }
   EXPECT_EQ(replies->size(), 0U);
 

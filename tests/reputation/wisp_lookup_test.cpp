@@ -1,28 +1,11 @@
 #include "reputation/backends/QMRWispReputationLookup.hpp"
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <optional>
-#include <utility>
-#include <vector>
-
 #include "reputation/backends/QMRWispClient.hpp"
 #include "reputation/reputation_support.hpp"
 #include "settings/settings_keys.hpp"
-#include "support/inbox.hpp"
-#include "support/log_recorder.hpp"
 
 namespace {
 
-using qm::Dictionary;
-using qm::ErrorPtr;
-using qm::LogLevel;
-using qm::test::expectAnswer;
-using qm::test::Inbox;
-using qm::test::makeRequest;
-using qm::test::Replies;
-using qm::test::Reply;
 using namespace std::chrono_literals;
 namespace level = qm::reputation_level;
 
@@ -50,26 +33,26 @@ class WispSubstitute final : public QMRWispProtocol {
   };
   Inbox<Call> calls;
 
-  void qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout, QvsScanCallback callback) override {
+  void qvsScan(const std::optional<URL>& url, std::uint32_t timeout, QvsScanCallback callback) override {
     calls.put({url.value().absoluteString(), timeout, {}, std::move(callback), nullptr});
   }
-  void cloudScan(const std::optional<qm::URL>& url, const Dictionary& metadata, std::uint32_t timeout,
+  void cloudScan(const std::optional<URL>& url, const Dictionary& metadata, std::uint32_t timeout,
                  CloudScanCallback callback) override {
     calls.put({url.value().absoluteString(), timeout, metadata, nullptr, std::move(callback)});
   }
   std::string description() const override { return "<WispSubstitute>"; }
 
   // Not of the backend's.
-  void fileScan(const qm::Array&, std::uint64_t, const std::shared_ptr<const QMRWispFileScanParametersObjC>&,
+  void fileScan(const Array&, std::uint64_t, const std::shared_ptr<const QMRWispFileScanParametersObjC>&,
                 std::uint32_t, FileScanCallback) override {}
   void getConfiguration(ConfigurationCallback) override {}
   void setConfiguration(const std::shared_ptr<const QMRWispConfigurationObjC>&, ErrorCallback) override {}
   void clearCache(ErrorCallback) override {}
   void getSettingValue(std::int64_t, SettingValueResponse) override {}
-  void setSettingValue(const qm::Value&, std::int64_t, ErrorCallback) override {}
-  void notifyChannelUpdate(std::uint64_t, const std::optional<qm::URL>&, ErrorCallback) override {}
+  void setSettingValue(const Value&, std::int64_t, ErrorCallback) override {}
+  void notifyChannelUpdate(std::uint64_t, const std::optional<URL>&, ErrorCallback) override {}
   void getSettingValueSync(std::int64_t, SettingValueResponse) override {}
-  void notifyChannelUpdateSync(std::uint64_t, const std::optional<qm::URL>&, ErrorCallback) override {}
+  void notifyChannelUpdateSync(std::uint64_t, const std::optional<URL>&, ErrorCallback) override {}
 };
 
 class SettingsSubstitute final : public QMRSettingsClientProtocol {
@@ -82,7 +65,7 @@ class SettingsSubstitute final : public QMRSettingsClientProtocol {
   }
   void updateWispError(const ErrorPtr& error) override { reports.put(error); }
 
-  qm::Property<Dictionary> settings;
+  Property<Dictionary> settings;
   std::vector<SettingsReply> fetches;
   std::vector<SettingsUpdateCallback> observers;
   Inbox<ErrorPtr> reports;
@@ -91,17 +74,17 @@ class SettingsSubstitute final : public QMRSettingsClientProtocol {
 struct Delayed {
   std::string queue;
   std::chrono::nanoseconds delay{0};
-  qm::Block<void()> work;
+  Block<void()> work;
 };
 
-class WispLookupTest : public testing::Test {
+class WispLookupTest : public RecordedTest {
  protected:
   WispLookupTest() { settings->settings.set({{kWispConfigState, 2}}); }
 
   QMRWispReputationLookup::Timing timing() {
     return {.now = [this] { return now; },
             .after =
-                [this](const qm::Queue& queue, std::chrono::nanoseconds delay, qm::Block<void()> work) {
+                [this](const Queue& queue, std::chrono::nanoseconds delay, Block<void()> work) {
                   delayed.put({queue.label(), delay, std::move(work)});
                 }};
   }
@@ -125,7 +108,7 @@ class WispLookupTest : public testing::Test {
   const std::shared_ptr<WispSubstitute> wisp = std::make_shared<WispSubstitute>();
   const std::shared_ptr<SettingsSubstitute> settings = std::make_shared<SettingsSubstitute>();
   std::shared_ptr<QMRWispReputationLookup> lookup = QMRWispReputationLookup::create(wisp, settings, timing());
-  const ErrorPtr daemonError = qm::makeError("daemon", 12, {{"k", "v"}});
+  const ErrorPtr daemonError = makeError("daemon", 12, {{"k", "v"}});
   Replies replies;
   Inbox<std::shared_ptr<const QMRURLReputationResult>> ratings;
 };
@@ -133,7 +116,7 @@ class WispLookupTest : public testing::Test {
 struct Meaning {
   std::uint64_t code;
   std::optional<std::string> description;
-  qm::ReputationLevel level;
+  ReputationLevel level;
   std::int64_t safe;
 };
 const std::vector<Meaning> scanResults{
@@ -168,7 +151,6 @@ TEST_F(WispLookupTest, VerdictsAndResultsHaveTheirLevelsAndClearTheErrorState) {
 }
 
 TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
-  const qm::test::LogRecorder logs;
   for (const Dictionary& notConfigured :
        {Dictionary(), Dictionary{{kWispConfigState, 1}}, Dictionary{{kWispConfigState, "2"}}}) {
     settings->settings.set(notConfigured);
@@ -176,7 +158,7 @@ TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
     expectAnswer(nextReply(), level::unknown, 0, 0);
   }
   const std::string text = "Wisp is not yet available, not performing cloudScan (config state - ";
-  EXPECT_TRUE(logs.has(LogLevel::debug, text + "(null))") && logs.has(LogLevel::debug, text + "1)"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, text + "(null))") && recorder.has(LogLevel::debug, text + "1)"));
   lookup->reputationForFile(makeRequest(), nullptr);
   EXPECT_EQ(wisp->calls.size(), 0U);
   settings->settings.set({{kWispConfigState, 2U}});
@@ -188,19 +170,19 @@ TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
 }
 
 TEST_F(WispLookupTest, ItIsReadyWithTheFirstSettingsAndObservedWeakly) {
-  const qm::test::LogRecorder logs;
   settings->fetches.at(0)({}, daemonError);
-  EXPECT_TRUE(logs.has(LogLevel::error, "Error fetching system settings: " + daemonError->description()));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "Error fetching system settings: " + daemonError->description()));
   EXPECT_FALSE(lookup->isReady());
   settings->observers.at(0)({}, {{kWispConfigState, 1}});
   EXPECT_TRUE(lookup->isReady());
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Settings update: Wisp config state = 1 => wisp available = no"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, "Settings update: Wisp config state = 1 => wisp available = no"));
 
   lookup = QMRWispReputationLookup::create(wisp, settings, timing());
   EXPECT_EQ(settings->observers.size(), 1U) << "the first one is gone";
   settings->fetches.at(1)({{kWispConfigState, 2}}, nullptr);
   EXPECT_TRUE(lookup->isReady());
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Settings update: Wisp config state = 2 => wisp available = yes"));
+  EXPECT_TRUE(
+      recorder.has(LogLevel::debug, "Settings update: Wisp config state = 2 => wisp available = yes"));
 
   const auto observer = settings->observers.at(0);
   scan(false);
@@ -215,7 +197,6 @@ TEST_F(WispLookupTest, ItIsReadyWithTheFirstSettingsAndObservedWeakly) {
 }
 
 TEST_F(WispLookupTest, AnUnknownFileIsScannedAgainAfterAsLongAsTheAnswerTook) {
-  const qm::test::LogRecorder logs;
   scan(true);
   nextCall().answer(5);
   expectAnswer(nextReply(), level::unknown, 9, 60, "Trojan.X");
@@ -225,21 +206,21 @@ TEST_F(WispLookupTest, AnUnknownFileIsScannedAgainAfterAsLongAsTheAnswerTook) {
   call.answer(5);
   expectAnswer(nextReply(), level::unknown, 9, 60, "Trojan.X");
   EXPECT_TRUE(
-      logs.has(LogLevel::debug,
-               "WP response: qvsScan result after 1.25 seconds: 5, ttl: 60, infection name: Trojan.X, "
-               "categories: (null), prevalence: 9, error: (null)"));
+      recorder.has(LogLevel::debug,
+                   "WP response: qvsScan result after 1.25 seconds: 5, ttl: 60, infection name: Trojan.X, "
+                   "categories: (null), prevalence: 9, error: (null)"));
   const std::string text = "QVS returned SafetyVerdictUnknown for " + makeRequest()->path();
-  EXPECT_EQ(logs.count(LogLevel::info, text + ". Will send the response back"), 1U);
-  EXPECT_EQ(logs.count(LogLevel::info, text + ", will perform background cloudScan"), 1U);
-  EXPECT_EQ(logs.count(LogLevel::debug, "Performing background cloud scan after 1.25 seconds"), 1U);
+  EXPECT_EQ(recorder.count(LogLevel::info, text + ". Will send the response back"), 1U);
+  EXPECT_EQ(recorder.count(LogLevel::info, text + ", will perform background cloudScan"), 1U);
+  EXPECT_EQ(recorder.count(LogLevel::debug, "Performing background cloud scan after 1.25 seconds"), 1U);
 
   const Delayed followUp = takeDelayed(1250ms);
   EXPECT_EQ(followUp.queue, "com.quillmarsh.background-cloudscan");
   followUp.work();
   nextCall().answer(1);
   EXPECT_TRUE(
-      logs.has(LogLevel::info, "Cloud scan of " + makeRequest()->path() +
-                                   " returned verdict 0 infection name Worm.Y TTL 120 prevalence 200"));
+      recorder.has(LogLevel::info, "Cloud scan of " + makeRequest()->path() +
+                                       " returned verdict 0 infection name Worm.Y TTL 120 prevalence 200"));
   EXPECT_EQ(replies.size(), 0U);
   EXPECT_EQ(settings->reports.size(), 3U);
 }
@@ -308,7 +289,7 @@ TEST_F(WispLookupTest, ADaemonThatCannotBeReachedIsReportedWithItsCause) {
   const auto reply = nextReply();
   ASSERT_NE(reply.error, nullptr);
   expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
-  EXPECT_EQ(reply.error->domain(), qm::kCocoaErrorDomain);
+  EXPECT_EQ(reply.error->domain(), kCocoaErrorDomain);
   EXPECT_EQ(settings->reports.take(), reply.error);
   EXPECT_EQ(settings->reports.size(), 0U) << "once";
 }
@@ -346,13 +327,7 @@ TEST_F(WispLookupTest, URLsAreRatedByTheirCategoriesAndVerdict) {
 
 TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
   const auto expectFailed = [this](std::int64_t code, const std::string& text) {
-    const auto rating = ratings.take().value();
-    ASSERT_NE(rating->error(), nullptr);
-    EXPECT_EQ(rating->error()->domain(), "com.quillmarsh.QMRWispReputationLookup");
-    EXPECT_EQ(rating->error()->code(), code);
-    EXPECT_EQ(rating->error()->localizedDescription(), text);
-    EXPECT_EQ(rating->ttl(), 0U);
-    EXPECT_EQ(rating->categories(), (Dictionary{{"cats", Dictionary{{"safe", 0}}}}));
+    expectUnrated(*ratings.take().value(), "com.quillmarsh.QMRWispReputationLookup", code, text);
   };
   rate("http://h/a b");
   expectFailed(0, "Invalid URL passed");

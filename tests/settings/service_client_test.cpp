@@ -1,19 +1,9 @@
 #include "settings/QMRServiceClient.hpp"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "foundation/internal_inconsistency.hpp"
 #include "scripted_service.hpp"
 #include "settings/QMRSubscriptionProtocol.hpp"
-#include "support/log_recorder.hpp"
+#include "support/testing.hpp"
 
 class Notices {
  public:
@@ -23,29 +13,27 @@ class Notices {
 template <>
 struct qm::RemoteProtocol<Notices> {
   static constexpr std::string_view name = "Notices";
-  using Methods = qm::RemoteMethods<qm::RemoteMethod<"noticed:", &Notices::noticed>>;
+  using Methods = RemoteMethods<RemoteMethod<"noticed:", &Notices::noticed>>;
 };
 
 namespace {
 
-using qm::LogLevel;
-using qm::test::Inbox;
 using std::chrono::seconds;
 
 struct Request {
   std::string protocolName;
-  qm::XPCEndpoint endpoint;
-  qm::Block<void(bool)> reply;  // null: the subscription ends
+  XPCEndpoint endpoint;
+  Block<void(bool)> reply;  // null: the subscription ends
 };
 
 class Subscriptions final : public QMRSubscriptionProtocol {
  public:
-  void subscribeToChangesWithProtocol(const std::string& protocolName, const qm::XPCEndpoint& endpoint,
-                                      qm::Block<void(bool)> reply) override {
+  void subscribeToChangesWithProtocol(const std::string& protocolName, const XPCEndpoint& endpoint,
+                                      Block<void(bool)> reply) override {
     if (saysYes) return reply(true);
     requests.put({protocolName, endpoint, std::move(reply)});
   }
-  void unsubscribeEndpoint(const qm::XPCEndpoint& endpoint, const std::string& protocolName) override {
+  void unsubscribeEndpoint(const XPCEndpoint& endpoint, const std::string& protocolName) override {
     if (!saysYes) requests.put({protocolName, endpoint, nullptr});
   }
   Inbox<Request> requests;
@@ -54,7 +42,7 @@ class Subscriptions final : public QMRSubscriptionProtocol {
 
 struct Scheduled {
   seconds delay;
-  qm::Block<void()> work;
+  Block<void()> work;
 };
 
 // Time and the end of the process are the test's.
@@ -68,20 +56,18 @@ class TestedClient final : public QMRServiceClient, public Notices {
   Inbox<int> exits;
 
  protected:
-  qm::RemoteExport exportForProtocol(const std::string& protocolName) override {
+  RemoteExport exportForProtocol(const std::string& protocolName) override {
     if (protocolName == "Unknown") return {};
-    return qm::remoteExport<Notices>(std::static_pointer_cast<TestedClient>(shared_from_this()));
+    return remoteExport<Notices>(std::static_pointer_cast<TestedClient>(shared_from_this()));
   }
-  void reconnectAfter(seconds delay, qm::Block<void()> work) override {
-    scheduled.put({delay, std::move(work)});
-  }
+  void reconnectAfter(seconds delay, Block<void()> work) override { scheduled.put({delay, std::move(work)}); }
   void terminateProcessWithCode(int code) override { exits.put(code); }
 };
 
-class ServiceClientTest : public testing::Test {
+class ServiceClientTest : public RecordedTest {
  protected:
   std::shared_ptr<TestedClient> makeClient() const {
-    return std::make_shared<TestedClient>(service.endpoint(), qm::remoteInterface<QMRSubscriptionProtocol>());
+    return std::make_shared<TestedClient>(service.endpoint(), remoteInterface<QMRSubscriptionProtocol>());
   }
   Request nextRequest() const { return *subscriptions->requests.take(); }
   // Replies come in order: once this one has, those that were given before have been dealt with.
@@ -96,14 +82,18 @@ class ServiceClientTest : public testing::Test {
     nextRequest().reply(true);
     waitForReplies(protocolName);
   }
+  void callBack(const XPCEndpoint& endpoint) const {
+    const auto back = connectTo<Notices>(endpoint);
+    back->remoteObjectProxyWithErrorHandler(nullptr).call<&Notices::noticed>("news");
+    EXPECT_EQ(client->notices.take(), "news");
+  }
 
   const std::shared_ptr<Subscriptions> subscriptions = std::make_shared<Subscriptions>();
-  qm::test::ScriptedService<QMRSubscriptionProtocol> service{subscriptions};
+  ScriptedService<QMRSubscriptionProtocol> service{subscriptions};
   std::shared_ptr<TestedClient> client = makeClient();
 };
 
 TEST_F(ServiceClientTest, TheServiceCallsBackWhatWasSubscribedToOnce) {
-  const qm::test::LogRecorder logs;
   EXPECT_FALSE(client->isConnected());
   const auto setups = std::make_shared<Inbox<bool>>();
   for (int i = 0; i < 2; ++i)
@@ -115,21 +105,20 @@ TEST_F(ServiceClientTest, TheServiceCallsBackWhatWasSubscribedToOnce) {
   request.reply(true);
   waitForReplies("Notices");
   EXPECT_EQ(subscriptions->requests.size(), 0U) << "a second request was sent";
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Initial subscription to protocol Notices succeeded."));
-  EXPECT_TRUE(logs.has(LogLevel::debug, "Flagging annonymous listtener for protocol Notices as alive: 1"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, "Initial subscription to protocol Notices succeeded."));
+  EXPECT_TRUE(
+      recorder.has(LogLevel::debug, "Flagging annonymous listtener for protocol Notices as alive: 1"));
 
-  const auto back = qm::test::connectTo<Notices>(request.endpoint);
-  back->remoteObjectProxyWithErrorHandler(nullptr).call<&Notices::noticed>("news");
-  EXPECT_EQ(client->notices.take(), "news");
+  callBack(request.endpoint);
   EXPECT_EQ(setups->size(), 1U);
 
   client->subscribeToUpdateWithProtocol("Unknown");
-  const auto refused = qm::RemoteConnection::createWithListenerEndpoint(nextRequest().endpoint);
+  const auto refused = RemoteConnection::createWithListenerEndpoint(nextRequest().endpoint);
   const auto refusals = std::make_shared<Inbox<bool>>();
   refused->setInvalidationHandler([refusals] { refusals->put(true); });
   refused->resume();
   EXPECT_EQ(refusals->take(), true);
-  EXPECT_TRUE(logs.has(LogLevel::error, "Error: could not resolve protocol Unknown"));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "Error: could not resolve protocol Unknown"));
 
   EXPECT_TRUE(client->unsubscribeProtocol("Notices"));
   EXPECT_FALSE(client->unsubscribeProtocol("Notices"));
@@ -182,10 +171,10 @@ TEST_F(ServiceClientTest, ASuccessLeadsToTheNextProtocolAndAFailureWaitsForTheNe
 
 TEST_F(ServiceClientTest, ABreakRunsTheHookFirstAndEndsTheProcessWhenToldTo) {
   const std::string name = "com.example.service-client-test." + std::to_string(::getpid());
-  qm::test::ScriptedService<QMRSubscriptionProtocol> named(subscriptions, name);
+  ScriptedService<QMRSubscriptionProtocol> named(subscriptions, name);
   for (const bool isNamed : {false, true}) {
     for (const bool terminates : {false, true}) {
-      client = isNamed ? std::make_shared<TestedClient>(name, qm::remoteInterface<QMRSubscriptionProtocol>())
+      client = isNamed ? std::make_shared<TestedClient>(name, remoteInterface<QMRSubscriptionProtocol>())
                        : makeClient();
       const auto story = std::make_shared<Inbox<std::string>>();
       client->setReconnectionHandler([story] { story->put("connected"); });
@@ -214,10 +203,10 @@ TEST_F(ServiceClientTest, AReplacedConnectionDoesNotTouchItsSuccessor) {
   subscribe("Notices");
   const auto hooks = std::make_shared<Inbox<bool>>();
   client->setInvalidationHandler([hooks] { hooks->put(true); });
-  const std::shared_ptr<qm::RemoteConnection> replaced = client->connection();
+  const std::shared_ptr<RemoteConnection> replaced = client->connection();
   client->trySubscribe();
   client->scheduled.take();
-  const std::shared_ptr<qm::RemoteConnection> successor = client->connection();
+  const std::shared_ptr<RemoteConnection> successor = client->connection();
   // Both handlers go once the last of them has run.
   const auto gone = std::make_shared<Inbox<bool>>();
   replaced->setInterruptionHandler(
@@ -230,15 +219,9 @@ TEST_F(ServiceClientTest, AReplacedConnectionDoesNotTouchItsSuccessor) {
 }
 
 TEST_F(ServiceClientTest, TheServiceMayCallBackWhileAConnectionIsMade) {
-  const qm::test::LogRecorder logs;  // with the lines about the subscription that ended meanwhile
   client->subscribeToUpdateWithProtocol("Once", [watched = std::weak_ptr(client)](const auto&) {
     EXPECT_TRUE(watched.lock()->unsubscribeProtocol("Once"));
   });
-  const auto callBack = [this](const qm::XPCEndpoint& endpoint) {
-    const auto back = qm::test::connectTo<Notices>(endpoint);
-    back->remoteObjectProxyWithErrorHandler(nullptr).call<&Notices::noticed>("news");
-    EXPECT_EQ(client->notices.take(), "news");
-  };
   const Request once = nextRequest();
   callBack(once.endpoint);
   EXPECT_FALSE(nextRequest().reply) << "the setup of a call-back ended its own subscription";
@@ -266,12 +249,12 @@ TEST_F(ServiceClientTest, ItsEndUnsubscribesAlsoOnItsOwnConnectionsQueue) {
   client = makeClient();
   client->shutdown();
   EXPECT_EQ(client->connection(), nullptr);
-  client->proxy().call<&QMRSubscriptionProtocol::unsubscribeEndpoint>(qm::XPCEndpoint(), "nobody");
+  client->proxy().call<&QMRSubscriptionProtocol::unsubscribeEndpoint>(XPCEndpoint(), "nobody");
   EXPECT_TRUE(client->subscribeToUpdateWithProtocol("Notices"));
   EXPECT_EQ(subscriptions->requests.size(), 0U);
   const auto nowhere =
-      std::make_shared<TestedClient>(qm::XPCEndpoint(), qm::remoteInterface<QMRSubscriptionProtocol>());
-  EXPECT_THROW(nowhere->connection(), qm::InternalInconsistencyException);
+      std::make_shared<TestedClient>(XPCEndpoint(), remoteInterface<QMRSubscriptionProtocol>());
+  EXPECT_THROW(nowhere->connection(), InternalInconsistencyException);
 }
 
 TEST_F(ServiceClientTest, ThreadsMayUseItWhileItsConnectionsBreak) {

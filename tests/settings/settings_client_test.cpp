@@ -2,38 +2,25 @@
 // folder and the customization of an installation in the build folder.
 #include "settings/QMRSettingsClient.hpp"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "platform/system_root.hpp"
 #include "scripted_service.hpp"
 #include "settings/qmsettingsdProtocol.hpp"
 #include "settings/settings_keys.hpp"
-#include "support/log_recorder.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
-using qm::LogLevel;
-using qm::test::Inbox;
-
-qm::Dictionary version(std::int64_t number) {
+Dictionary version(std::int64_t number) {
   return {{"version", number}};
 }
-std::int64_t versionOf(const qm::Dictionary& settings) {
-  const qm::Value* number = qm::find(settings, "version");
+std::int64_t versionOf(const Dictionary& settings) {
+  const Value* number = find(settings, "version");
   return number == nullptr ? 0 : number->integerValue();
 }
 
 struct Subscription {
   std::string protocolName;
-  qm::XPCEndpoint endpoint;
+  XPCEndpoint endpoint;
 };
 
 // All that it has is one number: the version of everything, which is how often it was changed.
@@ -44,8 +31,8 @@ class Settings final : public qmsettingsdProtocol {
   void getUserAndSystemSettingsWithReply(QMRSettingsClient::UserAndSystemSettingsReply reply) override {
     fetches.put("settings");
     if (answers == Answers::never) return;
-    qm::Dictionary settings = version(current);
-    if (answers == Answers::withAForeignClass) settings["id"] = qm::UUID();
+    Dictionary settings = version(current);
+    if (answers == Answers::withAForeignClass) settings["id"] = UUID();
     for (int i = answers == Answers::twice ? 0 : 1; i < 2; ++i) reply(settings, settings, error.get());
   }
   void getUserSettingsWithReply(QMRSettingsClient::SettingsReply reply) override {
@@ -54,35 +41,35 @@ class Settings final : public qmsettingsdProtocol {
   void getSystemSettingsWithReply(QMRSettingsClient::SettingsReply reply) override {
     reply(version(current), error.get());
   }
-  void getUserWhitelistWithReply(qm::Block<void(const qm::Array&, bool)> reply) override {
+  void getUserWhitelistWithReply(Block<void(const Array&, bool)> reply) override {
     fetches.put("whitelist");
     reply({current.load()}, hasWhitelist);
   }
   void updateWispConfigurationState(std::int64_t state) override {
     reports.put("config " + std::to_string(state));
   }
-  void updateWispError(const qm::ErrorPtr& its) override {
+  void updateWispError(const ErrorPtr& its) override {
     reports.put("error " + (its ? std::to_string(its->code()) : "none"));
   }
   void setWispErrorState(std::int64_t state) override { reports.put("state " + std::to_string(state)); }
   void setTCCAccessGranted(bool granted) override { reports.put(granted ? "granted" : "denied"); }
-  void subscribeToChangesWithProtocol(const std::string& protocolName, const qm::XPCEndpoint& endpoint,
-                                      qm::Block<void(bool)> reply) override {
+  void subscribeToChangesWithProtocol(const std::string& protocolName, const XPCEndpoint& endpoint,
+                                      Block<void(bool)> reply) override {
     subscriptions.put({protocolName, endpoint});
     reply(true);
   }
-  void unsubscribeEndpoint(const qm::XPCEndpoint&, const std::string&) override {}
+  void unsubscribeEndpoint(const XPCEndpoint&, const std::string&) override {}
 
   std::atomic<Answers> answers = Answers::once;
   std::atomic<std::int64_t> current = 1;
-  qm::Property<qm::ErrorPtr> error;
+  Property<ErrorPtr> error;
   std::atomic<bool> hasWhitelist = true;
   Inbox<std::string> fetches;
   Inbox<std::string> reports;
   Inbox<Subscription> subscriptions;
 };
 
-class SettingsClientTest : public testing::Test {
+class SettingsClientTest : public RecordedTest {
  protected:
   // Runs the client's start and returns what it says.
   bool start() const {
@@ -93,36 +80,35 @@ class SettingsClientTest : public testing::Test {
   // Waits for what the daemon was told before: notifications, fetches and their replies come in order.
   void settle() const {
     const auto refreshed = std::make_shared<Inbox<bool>>();
-    client->addWhitelistUpdateCallback([refreshed](const qm::Array&) { refreshed->put(true); });
-    qm::notifyPost(kWhitelistUpdatedNotification);
+    client->addWhitelistUpdateCallback([refreshed](const Array&) { refreshed->put(true); });
+    notifyPost(kWhitelistUpdatedNotification);
     refreshed->take();
   }
   template <class Reply>
   static std::int64_t answer(const Reply& get) {
     const auto answered = std::make_shared<Inbox<std::int64_t>>();
-    get([answered](const qm::Dictionary& its, const qm::ErrorPtr&) { answered->put(versionOf(its)); });
+    get([answered](const Dictionary& its, const ErrorPtr&) { answered->put(versionOf(its)); });
     return answered->take().value_or(-1);
   }
 
   const std::shared_ptr<Settings> settings = std::make_shared<Settings>();
-  const qm::test::ScriptedService<qmsettingsdProtocol> service{
-      settings, {}, [](qm::RemoteInterface& interface) {
+  const ScriptedService<qmsettingsdProtocol> service{
+      settings, {}, [](RemoteInterface& interface) {
         for (const std::size_t argument : {0U, 1U})
           interface.setClasses({{"NSDictionary"}, {"NSString"}, {"NSNumber"}, {"NSUUID"}},
                                "getUserAndSystemSettingsWithReply:", argument, true);
       }};
   const std::shared_ptr<QMRSettingsClient> client =
-      QMRSettingsClient::create(qm::test::connectTo<qmsettingsdProtocol>(service.endpoint()));
+      QMRSettingsClient::create(connectTo<qmsettingsdProtocol>(service.endpoint()));
 };
 
 TEST_F(SettingsClientTest, OnlyAFetchThatSucceedsReplacesTheCopiesAndTheFirstCallsNobody) {
-  const qm::test::LogRecorder logs;
   std::atomic<int> calls = 0;
   client->addSettingsUpdateCallback([&calls](const auto&, const auto&) { ++calls; });
   client->addWhitelistUpdateCallback([&calls](const auto&) { ++calls; });
-  const qm::ErrorPtr failure = qm::makeError("domain", 7);
+  const ErrorPtr failure = makeError("domain", 7);
   const struct {
-    qm::ErrorPtr error;
+    ErrorPtr error;
     bool hasWhitelist;
     std::int64_t settings;  // the version that is kept
     std::int64_t whitelist;
@@ -133,25 +119,25 @@ TEST_F(SettingsClientTest, OnlyAFetchThatSucceedsReplacesTheCopiesAndTheFirstCal
     EXPECT_EQ(start(), !c.error && c.hasWhitelist);
     EXPECT_EQ(versionOf(client->userSettings()), c.settings);
     EXPECT_EQ(versionOf(client->systemSettings()), c.settings);
-    EXPECT_EQ(client->whitelist(), c.whitelist == 0 ? qm::Array() : qm::Array{c.whitelist});
+    EXPECT_EQ(client->whitelist(), c.whitelist == 0 ? Array() : Array{c.whitelist});
     ++settings->current;
   }
   EXPECT_TRUE(
-      logs.has(LogLevel::error, "Error receiving user and system settings: " + failure->description()));
+      recorder.has(LogLevel::error, "Error receiving user and system settings: " + failure->description()));
 
   while (settings->fetches.size() > 0) settings->fetches.take();
   settings->error.set(failure);
   settings->hasWhitelist = false;
-  qm::notifyPost(kSettingsUpdatedNotification);
-  qm::notifyPost(kWhitelistUpdatedNotification);
+  notifyPost(kSettingsUpdatedNotification);
+  notifyPost(kWhitelistUpdatedNotification);
   EXPECT_EQ(settings->fetches.take(), "settings");
   EXPECT_EQ(settings->fetches.take(), "whitelist");
   EXPECT_EQ(answer([this](auto reply) { client->getUserSettingsWithReply(reply); }), 5);
   EXPECT_EQ(answer([this](auto reply) { client->getSystemSettingsWithReply(reply); }), 5);
-  EXPECT_TRUE(logs.has(LogLevel::error, "Error fetching settings: " + failure->description()));
+  EXPECT_TRUE(recorder.has(LogLevel::error, "Error fetching settings: " + failure->description()));
   EXPECT_EQ(calls, 0);
   EXPECT_EQ(versionOf(client->systemSettings()), 4);
-  EXPECT_EQ(client->whitelist(), qm::Array{4});
+  EXPECT_EQ(client->whitelist(), Array{4});
 }
 
 TEST_F(SettingsClientTest, CallbacksAreKnownByIdentityAndMayChangeTheirListWhileTheyRun) {
@@ -172,7 +158,7 @@ TEST_F(SettingsClientTest, CallbacksAreKnownByIdentityAndMayChangeTheirListWhile
   client->addSettingsUpdateCallback(third);
   client->removeSettingsUpdateCallback(make("third"));  // equal, but another block
   client->removeSettingsUpdateCallback(nullptr);
-  qm::notifyPost(kSettingsUpdatedNotification);
+  notifyPost(kSettingsUpdatedNotification);
   settle();
   EXPECT_EQ(calls, (std::vector<std::string>{"first", "third"}));
   EXPECT_EQ(settings->fetches.size(), 2U) << "registered more than once";
@@ -193,7 +179,7 @@ TEST_F(SettingsClientTest, ABurstOfNotificationsEndsWithTheLastValues) {
       });
   for (std::int64_t i = 1; i <= kLast; ++i) {
     settings->current = i;
-    qm::notifyPost(kSettingsUpdatedNotification);
+    notifyPost(kSettingsUpdatedNotification);
   }
   std::int64_t last = 0;
   while (last < kLast) {
@@ -205,7 +191,6 @@ TEST_F(SettingsClientTest, ABurstOfNotificationsEndsWithTheLastValues) {
 }
 
 TEST_F(SettingsClientTest, AnswersThatAreNoneAreLogged) {
-  const qm::test::LogRecorder logs;
   const std::string xpcError = "-[QMRSettingsClient settingsdProxy]_block_invoke: XPC error: ";
   std::atomic<int> replies = 0;
   const auto count = [&replies](const auto&, const auto&, const auto&) { ++replies; };
@@ -223,7 +208,7 @@ TEST_F(SettingsClientTest, AnswersThatAreNoneAreLogged) {
     client->startListeners();
     EXPECT_EQ(answer([this](auto reply) { client->getUserSettingsWithReply(reply); }), 2);
     EXPECT_TRUE(
-        logs.hasContaining(LogLevel::error, xpcError + "Error Domain=NSCocoaErrorDomain Code=" + code));
+        recorder.hasContaining(LogLevel::error, xpcError + "Error Domain=NSCocoaErrorDomain Code=" + code));
   }
   EXPECT_EQ(replies, 1);
   EXPECT_EQ(versionOf(client->userSettings()), 1);
@@ -231,24 +216,23 @@ TEST_F(SettingsClientTest, AnswersThatAreNoneAreLogged) {
 
 TEST_F(SettingsClientTest, ReportsGoOneWayAndErrorsOfTheConnectionAreLogged) {
   client->updateWispConfigurationState(-2);
-  client->updateWispError(qm::makeError("domain", 7));
+  client->updateWispError(makeError("domain", 7));
   client->updateWispError(nullptr);
   client->setWispErrorState(INT64_MAX);
   client->setTCCAccessGranted(true);
   for (const char* report : {"config -2", "error 7", "error none", "state 9223372036854775807", "granted"})
     EXPECT_EQ(settings->reports.take(), report);
-  const qm::test::LogRecorder logs;
   client->shutdown();
   client->updateWispError(nullptr);
   client->updateWispConfigurationState(1);
   client->setWispErrorState(1);
   answer([this](auto reply) {
-    client->settingsdProxy([reply](const qm::ErrorPtr& error) { reply({}, error); })
+    client->settingsdProxy([reply](const ErrorPtr& error) { reply({}, error); })
         .template call<&qmsettingsdProtocol::setWispErrorState>(1);
   });
   for (const char* method : {"updateWispError:", "updateWispConfigurationState:", "setWispErrorState:"})
-    EXPECT_TRUE(logs.hasContaining(LogLevel::error,
-                                   std::string(method) + "]_block_invoke: XPC error: Error Domain="));
+    EXPECT_TRUE(recorder.hasContaining(LogLevel::error,
+                                       std::string(method) + "]_block_invoke: XPC error: Error Domain="));
 }
 
 TEST_F(SettingsClientTest, RemoteActionsReachTheirHandlersInOrder) {
@@ -256,12 +240,12 @@ TEST_F(SettingsClientTest, RemoteActionsReachTheirHandlersInOrder) {
   const Subscription completions = *settings->subscriptions.take();
   EXPECT_EQ(pushes.protocolName + " " + completions.protocolName,
             "RemoteActionEventsProtocol RemoteActionExecutedEventsProtocol");
-  const auto pusher = qm::test::connectTo<RemoteActionEventsProtocol>(pushes.endpoint);
+  const auto pusher = connectTo<RemoteActionEventsProtocol>(pushes.endpoint);
   const auto push = [&pusher](const char* name) {
     const auto results = std::make_shared<Inbox<std::int64_t>>();
     pusher->remoteObjectProxyWithErrorHandler(nullptr)
         .call<&RemoteActionEventsProtocol::remoteActionWasPushedWithName>(
-            name, qm::XPCEndpoint(), qm::Dictionary{{"data", 5}},
+            name, XPCEndpoint(), Dictionary{{"data", 5}},
             [results](std::int64_t result) { results->put(result); });
     return results->take();
   };
@@ -270,10 +254,10 @@ TEST_F(SettingsClientTest, RemoteActionsReachTheirHandlersInOrder) {
   const QMRSettingsClient::RemoteActionHandler first = [story](const auto&, const auto&, const auto&) {
     story->put("first");
   };
-  const QMRSettingsClient::RemoteActionHandler second = [story](const auto&, const qm::Dictionary& data,
+  const QMRSettingsClient::RemoteActionHandler second = [story](const auto&, const Dictionary& data,
                                                                 const auto& finish) {
     story->put("second");
-    finish(qm::find(data, "data")->integerValue());
+    finish(find(data, "data")->integerValue());
   };
   for (const auto& handler : {first, second}) client->subscribeForRemoteActionWithName("scan", handler);
   EXPECT_EQ(push("scan"), 5);
@@ -285,7 +269,7 @@ TEST_F(SettingsClientTest, RemoteActionsReachTheirHandlersInOrder) {
     story->put("done " + std::to_string(result));
   };
   client->subscribeForRemoteActionExecutedWithName("scan", done);
-  const auto teller = qm::test::connectTo<RemoteActionExecutedEventsProtocol>(completions.endpoint);
+  const auto teller = connectTo<RemoteActionExecutedEventsProtocol>(completions.endpoint);
   for (const char* name : {"update", "scan"})
     teller->remoteObjectProxyWithErrorHandler(nullptr)
         .call<&RemoteActionExecutedEventsProtocol::remoteActionWasExecutedWithName>(name, 6);
@@ -293,35 +277,34 @@ TEST_F(SettingsClientTest, RemoteActionsReachTheirHandlersInOrder) {
 }
 
 TEST_F(SettingsClientTest, ItsLastReferenceMayGoWhileItWaitsAndOnItsConnectionsQueue) {
-  const qm::test::LogRecorder logs;
   const auto ends = std::make_shared<Inbox<bool>>();
   for (const auto answers : {Settings::Answers::once, Settings::Answers::never}) {
     for (const bool isHeldByItsReply : {true, false}) {
       settings->answers = answers;
-      auto owned = QMRSettingsClient::create(qm::test::connectTo<qmsettingsdProtocol>(service.endpoint()));
+      auto owned = QMRSettingsClient::create(connectTo<qmsettingsdProtocol>(service.endpoint()));
       const std::shared_ptr<void> end(nullptr, [ends](void*) { ends->put(true); });
       owned->addSettingsUpdateCallback([end](const auto&, const auto&) {});
       owned->startListenersWithReply([holder = isHeldByItsReply ? owned : nullptr](bool) {});
     }
   }
   ends->waitFor(4);
-  EXPECT_TRUE(logs.has(LogLevel::debug, "QMRSettingsClient dealloc"));
+  EXPECT_TRUE(recorder.has(LogLevel::debug, "QMRSettingsClient dealloc"));
 }
 
 TEST_F(SettingsClientTest, ATaskIsDismissedWhenTheUserSettingsListIt) {
-  const qm::Value dismissed = qm::Array{"other", "task"};
-  const qm::Value others = qm::Array{"TASK", 1, qm::Array{"task"}};
-  for (const qm::Value& tasks : {qm::Value(), qm::Value("task"), others, dismissed}) {
+  const Value dismissed = Array{"other", "task"};
+  const Value others = Array{"TASK", 1, Array{"task"}};
+  for (const Value& tasks : {Value(), Value("task"), others, dismissed}) {
     client->handleNotificationForUserSettings({{kUserSettingsKeyDismissedTasks, tasks}}, {});
     EXPECT_EQ(client->isTaskPermanentlyDismissed("task"), tasks == dismissed) << tasks.description();
   }
 }
 
 TEST(NamedSettingsClientTest, ItFindsTheDaemonAndSubscribesUnlessTheOperatorManagesTheProduct) {
-  const std::filesystem::path parameters = qm::hostPath("/Library/Quillmarsh/qxmac/config/parameters");
+  const std::filesystem::path parameters = hostPath("/Library/Quillmarsh/qxmac/config/parameters");
   std::filesystem::create_directories(parameters.parent_path());
   const auto settings = std::make_shared<Settings>();
-  const qm::test::ScriptedService<qmsettingsdProtocol> service(settings, kSettingsServiceName);
+  const ScriptedService<qmsettingsdProtocol> service(settings, kSettingsServiceName);
   for (const bool isManaged : {true, false}) {
     std::ofstream(parameters) << "PRODUCT=" << (isManaged ? "mdr" : "orchard") << "\n";
     const std::shared_ptr<QMRSettingsClient> client = QMRSettingsClient::createNonPrivilegedClient();
@@ -329,9 +312,9 @@ TEST(NamedSettingsClientTest, ItFindsTheDaemonAndSubscribesUnlessTheOperatorMana
     client->updateWispError(nullptr);
     EXPECT_EQ(settings->reports.take(), "error none");
     EXPECT_EQ(settings->subscriptions.size(), isManaged ? 0U : 2U);
-    const qm::RemoteInterface interface = client->xpcConnection()->remoteObjectInterface();
+    const RemoteInterface interface = client->xpcConnection()->remoteObjectInterface();
     std::string classes;
-    for (const qm::CodedClass& its : interface.method("getTidal2URLsWithCallback:")->reply->at(1).classes)
+    for (const CodedClass& its : interface.method("getTidal2URLsWithCallback:")->reply->at(1).classes)
       classes.append(its.name).append(" ");
     EXPECT_EQ(classes, "NSArray QMRTidal2URL ");
   }

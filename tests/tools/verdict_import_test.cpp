@@ -1,14 +1,7 @@
 // Imports of verdicts about URLs: what lines say, what becomes of the store, and the program around it.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
-#include <unistd.h>
-
-#include <sstream>
 
 #include "support/child_process.hpp"
-#include "support/scratch_folder.hpp"
 #include "tools/qmverdicts/import_run.hpp"
 
 namespace qm::qmverdicts {
@@ -80,7 +73,7 @@ TEST(VerdictImport, ValuesAreFoundByTheirColumnAndTheRestIsTheDefault) {
 }
 
 TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   const std::string path = folder.path("verdicts.sqlite");
   const auto store =
       VerdictStore::open(path, VerdictStore::Access::readWrite, nullptr, std::chrono::milliseconds(1));
@@ -126,10 +119,10 @@ TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
 }
 
 TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRecordAnswers) {
-  const test::ScratchFolder folder;
+  const ScratchFolder folder;
   const auto qmverdicts = [&](int status, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {QM_QMVERDICTS, "--store", folder.path("s.sqlite")});
-    const test::CommandResult result = test::runCommand(arguments);
+    const CommandResult result = runCommand(arguments);
     EXPECT_EQ(result.exitStatus, status) << result.output;
     return result.output;
   };
@@ -153,11 +146,11 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
   EXPECT_EQ(qmverdicts(1, {"remove-url", "http://evil.example/other"}), "0 removed\n");
 
   // An import that waits for more lines ends at Ctrl-C with a true summary.
-  test::ChildProcess running({QM_QMVERDICTS, "--store", folder.path("s.sqlite"), "import-url", "--format",
-                              "csv", "--verdict", "pu", "-"},
-                             true);
+  ChildProcess running({QM_QMVERDICTS, "--store", folder.path("s.sqlite"), "import-url", "--format", "csv",
+                        "--verdict", "pu", "-"},
+                       true);
   while (!testing::Value(
-      test::runCommand({"grep", "SigCgt", "/proc/" + std::to_string(running.pid()) + "/status"}).output,
+      runCommand({"grep", "SigCgt", "/proc/" + std::to_string(running.pid()) + "/status"}).output,
       testing::MatchesRegex(".*[2367abef]\n"))) {  // until it handles SIGINT
   }
   ::kill(running.pid(), SIGINT);

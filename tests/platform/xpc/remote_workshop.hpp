@@ -82,21 +82,20 @@ struct qm::RemoteProtocol<qm::test::Workshop> {
 
 namespace qm::test {
 
+// What the workshop takes and gives as objects.
+inline CodedClasses workshopClasses() {
+  CodedClasses classes = {{"Badge", &Badge::codedClass()}};
+  for (const char* name : {"NSDictionary", "NSArray", "NSString", "NSNumber", "NSUUID", "NSNull", "NSError",
+                           "NSURL", "NSXPCListenerEndpoint"})
+    classes.push_back({name});
+  return classes;
+}
+
 inline RemoteInterface workshopInterface() {
   RemoteInterface interface = remoteInterface<Workshop>();
-  const CodedClasses classes = {{"NSDictionary"},
-                                {"NSArray"},
-                                {"NSString"},
-                                {"NSNumber"},
-                                {"NSUUID"},
-                                {"NSNull"},
-                                {"NSError"},
-                                {"NSURL"},
-                                {"NSXPCListenerEndpoint"},
-                                {"Badge", &Badge::codedClass()}};
-  interface.setClasses(classes, "everything:reply:", 11, false);
-  interface.setClasses(classes, "everything:reply:", 11, true);
-  interface.setClasses(classes, "echo:reply:", 0, false);
+  for (const bool ofReply : {false, true})
+    interface.setClasses(workshopClasses(), "everything:reply:", 11, ofReply);
+  interface.setClasses(workshopClasses(), "echo:reply:", 0, false);
   interface.setClasses({{"NSXPCListenerEndpoint"}}, "echo:reply:", 0, true);
   return interface;
 }
