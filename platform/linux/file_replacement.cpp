@@ -62,9 +62,11 @@ class Draft {
     if (original == nullptr) return ::fchmod(file_.get(), kModeOfNewFile) == 0 && ::fsync(file_.get()) == 0;
     struct stat own {};
     if (::fstat(file_.get(), &own) != 0) return false;
+    // The mode while the file is still ours: that of somebody else's file takes one more capability.
+    if (::fchmod(file_.get(), original->st_mode & 0777) != 0) return false;
     const bool sameOwner = own.st_uid == original->st_uid && own.st_gid == original->st_gid;
     if (!sameOwner && ::fchown(file_.get(), original->st_uid, original->st_gid) != 0) return false;
-    return ::fchmod(file_.get(), original->st_mode & 07777) == 0 && ::fsync(file_.get()) == 0;
+    return ::fsync(file_.get()) == 0;
   }
 
  private:
