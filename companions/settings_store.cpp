@@ -93,7 +93,9 @@ bool SettingsStore::reload(bool settled) {
     std::optional<std::string> content;
     ErrorPtr error;
     std::optional<SettingsDocument> document = read(content, &error);
-    if (!document && !settled) return true;
+    // Who saves a file may take the old one away first, or begin with an empty one.
+    const bool isBeingSaved = !document || document->text().empty();
+    if (isBeingSaved && !settled) return true;
     if (!document) {
       refuse(error);
       return false;

@@ -61,7 +61,8 @@ class SettingsStore {
   // one step. What cannot be written stands in the log and stays in force until the daemon ends.
   void writeState();
 
-  // Reads the file again. With `settled` it is complained about.
+  // Reads the file again. Without `settled` one that is broken, empty or missing changes nothing yet: true, it
+  // may be on its way.
   bool reload(bool settled);
 
  private:

@@ -212,6 +212,9 @@ TEST_F(FollowedSettings, AHandEditBetweenReadingAndWritingIsNotLost) {
   person.join();
   store.reload(true);
   EXPECT_EQ(systemOf(store), (Dictionary{{"hand", 200}}));
+  folder.write("settings.toml", "");
+  EXPECT_TRUE(store.reload(false)) << "it is just being saved";
+  EXPECT_EQ(systemOf(store), (Dictionary{{"hand", 200}}));
   EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 1) << "no draft is left";
 }
 
