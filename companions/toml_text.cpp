@@ -98,6 +98,10 @@ std::optional<std::size_t> firstIllFormed(std::string_view text) {
   return 0;
 }
 
+std::string tooDeepProblem() {
+  return "more than " + std::to_string(kDeepestTomlNesting) + " levels inside each other";
+}
+
 std::optional<Value> dateFromToml(const toml::date_time& time) {
   using namespace std::chrono;
   constexpr int kFirstYear = 1678;  // what nanoseconds in 64 bits can hold
@@ -183,24 +187,51 @@ std::string textOf(const Node& node) {
   return stream.str();
 }
 
-std::optional<Value> arrayFromToml(const toml::array& nodes, ErrorPtr* error) {
+// The node, with so many arrays and tables around it.
+std::optional<Value> valueInside(std::size_t depth, const toml::node& node, ErrorPtr* error);
+
+std::optional<Value> arrayFromToml(std::size_t depth, const toml::array& nodes, ErrorPtr* error) {
   Array array;
   for (const toml::node& node : nodes) {
-    std::optional<Value> value = valueFromToml(node, error);
+    std::optional<Value> value = valueInside(depth + 1, node, error);
     if (!value) return std::nullopt;
     array.push_back(std::move(*value));
   }
   return array;
 }
 
-std::optional<Value> dictionaryFromToml(const toml::table& nodes, ErrorPtr* error) {
+std::optional<Value> dictionaryFromToml(std::size_t depth, const toml::table& nodes, ErrorPtr* error) {
   Dictionary dictionary;
   for (const auto& [key, node] : nodes) {
-    std::optional<Value> value = valueFromToml(node, error);
+    std::optional<Value> value = valueInside(depth + 1, node, error);
     if (!value) return std::nullopt;
     dictionary.emplace(key.str(), std::move(*value));
   }
   return dictionary;
+}
+
+std::optional<Value> valueInside(std::size_t depth, const toml::node& node, ErrorPtr* error) {
+  const auto refuse = [&](std::string_view problem) {
+    setError(error, makeTomlError(node.source().begin, problem));
+    return std::nullopt;
+  };
+  // Headers and dotted keys make levels that no bracket shows.
+  if ((node.is_table() || node.is_array()) && depth > kDeepestTomlNesting) return refuse(tooDeepProblem());
+  if (const toml::table* table = node.as_table()) return dictionaryFromToml(depth, *table, error);
+  if (const toml::array* array = node.as_array()) return arrayFromToml(depth, *array, error);
+  if (const auto* number = node.as_integer()) return Value(number->get());
+  if (const auto* flag = node.as_boolean()) return Value(flag->get());
+  if (const auto* text = node.as_string()) {
+    if (text->get().find('\0') != std::string::npos) return refuse("a text may not hold the character NUL");
+    return Value(text->get());
+  }
+  if (const auto* number = node.as_floating_point()) {
+    if (!std::isfinite(number->get())) return refuse("a number must be finite");
+    return Value(number->get());
+  }
+  if (const auto* time = node.as_date_time())
+    if (std::optional<Value> date = dateFromToml(time->get())) return date;
+  return refuse("a date must have a time and an offset, and lie between 1678 and 2261");
 }
 
 }  // namespace
@@ -220,8 +251,7 @@ std::optional<toml::table> parseToml(std::string_view text, ErrorPtr* error) {
   if (text.size() > kLargestTomlText)
     return refuse(kLargestTomlText, "the file is larger than " + std::to_string(kLargestTomlText) + " bytes");
   if (const auto offset = firstIllFormed(text)) return refuse(*offset, "the line is not UTF-8 text");
-  if (const auto offset = NestingScan(text).tooDeep())
-    return refuse(*offset, "more than " + std::to_string(kDeepestTomlNesting) + " levels inside each other");
+  if (const auto offset = NestingScan(text).tooDeep()) return refuse(*offset, tooDeepProblem());
   try {
     return toml::parse(text);
   } catch (const toml::parse_error& problem) {
@@ -231,25 +261,7 @@ std::optional<toml::table> parseToml(std::string_view text, ErrorPtr* error) {
 }
 
 std::optional<Value> valueFromToml(const toml::node& node, ErrorPtr* error) {
-  const auto refuse = [&](std::string_view problem) {
-    setError(error, makeTomlError(node.source().begin, problem));
-    return std::nullopt;
-  };
-  if (const toml::table* table = node.as_table()) return dictionaryFromToml(*table, error);
-  if (const toml::array* array = node.as_array()) return arrayFromToml(*array, error);
-  if (const auto* number = node.as_integer()) return Value(number->get());
-  if (const auto* flag = node.as_boolean()) return Value(flag->get());
-  if (const auto* text = node.as_string()) {
-    if (text->get().find('\0') != std::string::npos) return refuse("a text may not hold the character NUL");
-    return Value(text->get());
-  }
-  if (const auto* number = node.as_floating_point()) {
-    if (!std::isfinite(number->get())) return refuse("a number must be finite");
-    return Value(number->get());
-  }
-  if (const auto* time = node.as_date_time())
-    if (std::optional<Value> date = dateFromToml(time->get())) return date;
-  return refuse("a date must have a time and an offset, and lie between 1678 and 2261");
+  return valueInside(0, node, error);
 }
 
 std::optional<std::string> tomlLiteral(const Value& value) {

@@ -25,7 +25,7 @@ std::optional<toml::table> parseToml(std::string_view text, ErrorPtr* error);
 ErrorPtr makeTomlError(const toml::source_position& place, std::string_view problem);
 
 // Nothing with SettingsError::broken for what has no counterpart: dates and times without an offset, numbers
-// that are not finite, texts with a NUL.
+// that are not finite, texts with a NUL, and more than the levels above inside the node.
 std::optional<Value> valueFromToml(const toml::node& node, ErrorPtr* error);
 
 // The value as it can stand behind "=", on one line if it is short; nothing for one that TOML cannot hold

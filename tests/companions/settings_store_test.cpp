@@ -36,6 +36,7 @@ TEST(SettingsDocument, SaysWhereAFileIsBroken) {
       {"[user]\n# \"\nx = " + std::string(100000, '['), "line 3, column 21: "},
       {"[user]\nx = \"\"\"a\\\"\"\"\"\n" + std::string(100000, 'a') + repeated(".a", 50000) + " = 1",
        "line 3, column "},
+      {"[user.a.a.a.a.a.a.a.a]\nb.b.b.b.b.b.b.b.b.b = 1\n", "line 2, column "},
       {"allow-list = [" + repeated("'a',", 17000) + "]", "line 1, column 1: "},
       {std::string(kMostSettingsValues * 16 + 1, '#'), "line 1, column 262145: "},
   };
