@@ -32,7 +32,7 @@ RemoteInterface interfaceNamed(const std::string& protocolName) {
 }  // namespace
 
 struct RemoteActionSubscribers::Subscription {
-  std::uint64_t peer = 0;
+  std::int32_t process = 0;  // that asked for it
   std::string protocolName;
   XPCEndpoint endpoint;
   std::shared_ptr<RemoteConnection> connection;
@@ -86,7 +86,7 @@ std::shared_ptr<RemoteActionSubscribers> RemoteActionSubscribers::create(Limits 
   return std::shared_ptr<RemoteActionSubscribers>(new RemoteActionSubscribers(limits));
 }
 
-bool RemoteActionSubscribers::subscribe(std::uint64_t peer, const std::string& protocolName,
+bool RemoteActionSubscribers::subscribe(std::int32_t process, const std::string& protocolName,
                                         const XPCEndpoint& endpoint) {
   const RemoteInterface interface = interfaceNamed(protocolName);
   if (!interface || !endpoint) {
@@ -97,15 +97,15 @@ bool RemoteActionSubscribers::subscribe(std::uint64_t peer, const std::string& p
   std::shared_ptr<Subscription> added;
   {
     const std::lock_guard lock(mutex_);
-    std::size_t ofPeer = 0;
+    std::size_t ofProcess = 0;
     auto found = subscriptions_.end();
     for (auto entry = subscriptions_.begin(); entry != subscriptions_.end(); ++entry) {
       const Subscription& other = *entry->second;
       if (other.protocolName == protocolName && other.endpoint == endpoint) found = entry;
-      ofPeer += other.peer == peer ? 1 : 0;
+      ofProcess += other.process == process ? 1 : 0;
     }
     const bool isFull =
-        subscriptions_.size() >= limits_.subscriptions || ofPeer >= limits_.subscriptionsOfOnePeer;
+        subscriptions_.size() >= limits_.subscriptions || ofProcess >= limits_.subscriptionsOfOneProcess;
     if (found == subscriptions_.end() && isFull) {
       QM_LOG_ERROR(log(), "A subscription to %{public}@ is refused: there are too many", protocolName);
       return false;
@@ -116,7 +116,7 @@ bool RemoteActionSubscribers::subscribe(std::uint64_t peer, const std::string& p
     }
     const std::uint64_t number = ++lastNumber_;
     added = connect(number, endpoint);
-    added->peer = peer;
+    added->process = process;
     added->protocolName = protocolName;
     added->connection->setRemoteObjectInterface(interface);
     subscriptions_.emplace(number, added);

@@ -23,7 +23,7 @@ class RemoteActionSubscribers : public std::enable_shared_from_this<RemoteAction
  public:
   struct Limits {
     std::size_t subscriptions = 1024;
-    std::size_t subscriptionsOfOnePeer = 16;
+    std::size_t subscriptionsOfOneProcess = 16;
     std::size_t unansweredActions = 16;  // of one subscriber; it gets no further ones until it answers
     std::size_t runningPushes = 16;
     std::chrono::milliseconds answerTime{5000};
@@ -31,10 +31,10 @@ class RemoteActionSubscribers : public std::enable_shared_from_this<RemoteAction
 
   static std::shared_ptr<RemoteActionSubscribers> create(Limits limits);
 
-  // Connects to the endpoint. The peer is the number of whoever asks. False for a protocol that nothing is
+  // Connects to the endpoint. The process is the one that asks. False for a protocol that nothing is
   // ever called of, an endpoint that is null, and past a limit. Asked again, it takes the place of the
   // subscription that is there. It ends when the connection does.
-  bool subscribe(std::uint64_t peer, const std::string& protocolName, const XPCEndpoint& endpoint);
+  bool subscribe(std::int32_t process, const std::string& protocolName, const XPCEndpoint& endpoint);
   void unsubscribe(const std::string& protocolName, const XPCEndpoint& endpoint);
   std::size_t count(const std::string& protocolName) const;
 

@@ -1,5 +1,6 @@
 #include "companions/settings_service.hpp"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -34,12 +35,12 @@ std::optional<SettingsTable> tableNamed(const std::string& text) {
 // connection ends.
 class SettingsService::Peer final : public SettingsDaemonProtocol {
  public:
-  Peer(std::shared_ptr<SettingsService> service, std::uint64_t number, std::uint32_t user)
-      : service_(std::move(service)), number_(number), user_(user) {}
+  Peer(std::shared_ptr<SettingsService> service, std::int32_t process, std::uint32_t user)
+      : service_(std::move(service)), process_(process), user_(user) {}
 
   void subscribeToChangesWithProtocol(const std::string& protocolName, const XPCEndpoint& endpoint,
                                       Block<void(bool success)> reply) override {
-    reply(service_->subscribers_->subscribe(number_, protocolName, endpoint));
+    reply(service_->subscribers_->subscribe(process_, protocolName, endpoint));
   }
   void unsubscribeEndpoint(const XPCEndpoint& endpoint, const std::string& protocolName) override {
     service_->subscribers_->unsubscribe(protocolName, endpoint);
@@ -145,7 +146,7 @@ class SettingsService::Peer final : public SettingsDaemonProtocol {
   }
 
   const std::shared_ptr<SettingsService> service_;
-  const std::uint64_t number_;
+  const std::int32_t process_;
   const std::uint32_t user_;
 };
 
@@ -191,21 +192,32 @@ void SettingsService::decide(const std::shared_ptr<RemoteConnection>& connection
   {
     const std::lock_guard lock(mutex_);
     --undecided_;
-    if (isAdmitted) {
-      const std::uint64_t number = ++lastNumber_;
-      peer = std::make_shared<Peer>(shared_from_this(), number, options_.userOf(*connection));
-      peers_.emplace(number, Entry{connection, peer});
-      connection->setInvalidationHandler([weak = weak_from_this(), number] {
-        if (const auto self = weak.lock()) self->remove(number);
-      });
-    }
+    if (isAdmitted) peer = add(connection);
   }
-  if (!isAdmitted) {
-    QM_LOG_ERROR(log(), "Process %{public}d is not admitted", connection->processIdentifier());
+  if (peer == nullptr) {
+    QM_LOG_ERROR(log(), "Process %{public}d is not admitted%{public}@", connection->processIdentifier(),
+                 std::string(isAdmitted ? ": it has too many connections" : ""));
     return connection->invalidate();
   }
   connection->setExport(remoteExport<SettingsDaemonProtocol>(peer));
   connection->resume();
+}
+
+std::shared_ptr<SettingsService::Peer> SettingsService::add(
+    const std::shared_ptr<RemoteConnection>& connection) {
+  const std::int32_t process = connection->processIdentifier();
+  const auto isOfProcess = [process](const auto& entry) {
+    return entry.second.connection->processIdentifier() == process;
+  };
+  const auto connections = std::count_if(peers_.begin(), peers_.end(), isOfProcess);
+  if (static_cast<std::size_t>(connections) >= options_.connectionsOfOneProcess) return nullptr;
+  const std::uint64_t number = ++lastNumber_;
+  const auto peer = std::make_shared<Peer>(shared_from_this(), process, options_.userOf(*connection));
+  peers_.emplace(number, Entry{connection, peer});
+  connection->setInvalidationHandler([weak = weak_from_this(), number] {
+    if (const auto self = weak.lock()) self->remove(number);
+  });
+  return peer;
 }
 
 void SettingsService::remove(std::uint64_t number) {

@@ -27,7 +27,8 @@ class SettingsService : public std::enable_shared_from_this<SettingsService> {
     };
     std::uint32_t owner = 0;  // who may administer besides uid 0
     RemoteActionSubscribers::Limits subscribers{};
-    std::size_t undecidedPeers = 64;   // being checked; more are refused
+    std::size_t undecidedPeers = 64;  // being checked; more are refused
+    std::size_t connectionsOfOneProcess = 64;
     std::size_t waitingChanges = 256;  // of the settings file; more are refused
   };
 
@@ -49,6 +50,8 @@ class SettingsService : public std::enable_shared_from_this<SettingsService> {
 
   bool accept(const std::shared_ptr<RemoteConnection>& connection);
   void decide(const std::shared_ptr<RemoteConnection>& connection);
+  // With mutex_ held. Null when its process has as many connections as it may.
+  std::shared_ptr<Peer> add(const std::shared_ptr<RemoteConnection>& connection);
   void remove(std::uint64_t number);
   // Keeps what is reported, and has it written down.
   void keep(const Dictionary& changes);

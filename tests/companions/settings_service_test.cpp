@@ -68,8 +68,9 @@ class ServedSettings : public RecordedTest {
     options.admission = [this](const RemoteConnection&) { return admits_.load(); };
     options.userOf = [this](const RemoteConnection&) { return user_.load(); };
     options.owner = kOwner;
+    options.connectionsOfOneProcess = 16;
     options.subscribers.answerTime = std::chrono::milliseconds(300);
-    options.subscribers.subscriptionsOfOnePeer = 4;
+    options.subscribers.subscriptionsOfOneProcess = 4;
     options.subscribers.unansweredActions = 1;
     service_ = SettingsService::create(store_, options);
     service_->serve(listener_);
@@ -220,8 +221,24 @@ TEST_F(ServedSettings, OneSubscriptionForAnEndpointAndProtocolUntilItsConnection
   std::vector<std::shared_ptr<Subscriber>> many;
   for (int i = 0; i < 5; ++i) {
     many.push_back(Subscriber::create(3));
-    EXPECT_EQ(subscribe(peer, *many.back(), kEvents), i < 4);
+    EXPECT_EQ(subscribe(i % 2 == 0 ? peer : again, *many.back(), kEvents), i < 4) << "of a process";
   }
+}
+
+TEST_F(ServedSettings, OneProcessGetsOnlySoManyConnections) {
+  std::vector<std::shared_ptr<RemoteConnection>> crowd;
+  for (int i = 0; i < 17; ++i) crowd.push_back(connect());
+  const auto isServed = [](const auto& connection) {
+    bool isAnswered = false;
+    connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
+        .template call<&qmsettingsdProtocol::getUserWhitelistWithReply>(
+            [&](const Array&, bool) { isAnswered = true; });
+    return isAnswered;
+  };
+  EXPECT_TRUE(isServed(crowd[15]));
+  EXPECT_FALSE(isServed(crowd[16]));
+  crowd.clear();
+  EXPECT_TRUE(eventually([&] { return isServed(connect()); }));
 }
 
 TEST_F(ServedSettings, APushReportsEachAnswerAndWaitsForNobodyForLong) {
