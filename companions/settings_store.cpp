@@ -196,13 +196,13 @@ void SettingsStore::writeState() {
     if (std::exchange(isStateTold_, true)) return;
     state = state_;
   }
+  tell({.settings = true, .allowList = false});  // it is in force; nobody need wait for the disk
   FileReplacement outcome = FileReplacement::changedMeanwhile;
   for (int i = 0; i < kEditAttempts && outcome == FileReplacement::changedMeanwhile; ++i)
     outcome = replaceFile(statePath_, readText(statePath_), stateText(state));
   if (outcome != FileReplacement::done)
     QM_LOG_ERROR(log(), "The state is not written down: %{public}@",
                  makeErrnoError(SettingsError::notWritten, "cannot be written", statePath_));
-  tell({.settings = true, .allowList = false});
 }
 
 // A state that cannot be read is as good as none: it comes anew with the next error.

@@ -57,7 +57,7 @@ class SettingsStore {
   // removes one. True when that changed something: then writeState is to be called, on a thread that may wait
   // for the disk.
   [[nodiscard]] bool keep(const Dictionary& changes);
-  // Writes the state down and tells the observer about it; whatever has come together in the meantime goes in
+  // Tells the observer about the state and writes it down; whatever has come together in the meantime goes in
   // one step. What cannot be written stands in the log and stays in force until the daemon ends.
   void writeState();
 
