@@ -165,8 +165,7 @@ class SettingsCommand {
       std::string problem;
       const auto settings = daemon_.fetch(*client, problem);
       if (!settings) return failed(problem);
-      changes->setSettings(settings->user, settings->system);
-      changes->setAllowList(settings->allowList);
+      changes->begin(settings->user, settings->system, settings->allowList);
       const auto gone = [&errors = errors_, isGone] {
         if (!isGone->exchange(true))
           errors << "qmr: settings: the settings daemon is gone, waiting for it to come back\n" << std::flush;

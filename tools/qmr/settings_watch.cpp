@@ -7,6 +7,13 @@
 
 namespace qm::qmr {
 
+void SettingsChanges::begin(const Dictionary& user, const Dictionary& system, const Array& allowList) {
+  const std::lock_guard lock(mutex_);
+  if (!user_) user_ = user;
+  if (!system_) system_ = system;
+  if (!allowList_) allowList_ = allowList;
+}
+
 void SettingsChanges::setSettings(const Dictionary& user, const Dictionary& system) {
   const std::lock_guard lock(mutex_);
   if (user_) compare("user", *user_, user);

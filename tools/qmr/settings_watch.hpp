@@ -19,7 +19,8 @@ class SettingsChanges {
   SettingsChanges(std::ostream& output, bool json, Block<void()> closed)
       : output_(output), json_(json), closed_(std::move(closed)) {}
 
-  // The first call of each gives the state that changes are told against.
+  // The state that changes are told against; what a change has brought already is newer and stays.
+  void begin(const Dictionary& user, const Dictionary& system, const Array& allowList);
   void setSettings(const Dictionary& user, const Dictionary& system);
   void setAllowList(const Array& allowList);
 
