@@ -14,8 +14,6 @@ namespace qm {
 
 namespace {
 
-constexpr std::int64_t kHasNoHandler = 3;  // the result code
-
 Log& log() {
   static Log& log = Log::create(kQMRLogSubsystem, "qmsettingsd");
   return log;
@@ -209,7 +207,7 @@ void RemoteActionSubscribers::send(const std::shared_ptr<Subscription>& subscrip
         --subscription->unanswered;
         push->add(*subscription, result, "result");
         const auto self = weak.lock();
-        if (self != nullptr && result != kHasNoHandler) self->announce(name, result);
+        if (self != nullptr && result != kRemoteActionHasNoHandler) self->announce(name, result);
       }));
 }
 

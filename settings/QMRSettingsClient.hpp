@@ -42,9 +42,6 @@ class QMRSettingsClient : public QMRServiceClient,
                      const qm::Block<void(std::int64_t result)>& finishCallback)>;
   using RemoteActionExecutedHandler = qm::Block<void(std::int64_t completionResult)>;
 
-  // The result code of a pushed action that nobody here handles.
-  static constexpr std::int64_t kRemoteActionHasNoHandler = 3;
-
   // A client of the settings daemon, or of the service behind a ready connection. Connects at once, to
   // subscribe to remote actions, except in the operator's managed variant of the product. Never null.
   static std::shared_ptr<QMRSettingsClient> create();

@@ -10,6 +10,9 @@
 #include "foundation/value.hpp"
 #include "platform/remote_protocol.hpp"
 
+// The result code of an action that nobody in the process handles.
+inline constexpr std::int64_t kRemoteActionHasNoHandler = 3;
+
 class RemoteActionEventsProtocol {
  public:
   virtual ~RemoteActionEventsProtocol() = default;

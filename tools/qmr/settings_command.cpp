@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/interruption.hpp"
+#include "settings/remote_action_protocols.hpp"
 #include "tools/qmr/display_text.hpp"
 #include "tools/qmr/exit_status.hpp"
 #include "tools/qmr/settings_daemon.hpp"
@@ -17,8 +18,6 @@
 
 namespace qm::qmr {
 namespace {
-
-constexpr std::int64_t kHasNoHandler = 3;
 
 // What a watch waits for; may come more than once.
 class End {
@@ -202,7 +201,7 @@ class SettingsCommand {
     const std::int64_t* code = find<std::int64_t>(row, "result");
     if (options_.json) {
       output_ << jsonText(row) << '\n';
-      return code != nullptr && *code != kHasNoHandler;
+      return code != nullptr && *code != kRemoteActionHasNoHandler;
     }
     const std::int64_t* process = find<std::int64_t>(row, "process");
     output_ << "process " << (process == nullptr ? 0 : *process) << ": ";
@@ -211,8 +210,8 @@ class SettingsCommand {
       output_ << "error: " << displayText(error == nullptr ? "" : *error) << '\n';
       return false;
     }
-    output_ << "result " << *code << (*code == kHasNoHandler ? " (no handler)" : "") << '\n';
-    return *code != kHasNoHandler;
+    output_ << "result " << *code << (*code == kRemoteActionHasNoHandler ? " (no handler)" : "") << '\n';
+    return *code != kRemoteActionHasNoHandler;
   }
 
   const SettingsOptions& options_;
