@@ -85,6 +85,8 @@ bool holds(const std::string& path, const std::string& content) {
 
 FileReplacement put(const Draft& draft, const std::string& target) {
   if (rename(draft.path(), target, RENAME_NOREPLACE)) return FileReplacement::done;
+  // A file system that has no such rename; the draft's own name goes with the draft.
+  if (errno == EINVAL && ::link(draft.path().c_str(), target.c_str()) == 0) return FileReplacement::done;
   return errno == EEXIST ? FileReplacement::changedMeanwhile : FileReplacement::failed;
 }
 
@@ -103,6 +105,11 @@ FileReplacement exchange(Draft& draft, const std::string& target, const std::str
   return rename(draft.path(), target, 0) ? FileReplacement::done : FileReplacement::failed;
 }
 
+bool isLink(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 bool syncFolder(const std::string& folder) {
   const FileDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return descriptor && ::fsync(descriptor.get()) == 0;
@@ -117,6 +124,10 @@ FileReplacement replaceFile(const std::string& path, const std::optional<std::st
   const bool exists = ::stat(target.c_str(), &original) == 0;
   if (!exists && errno != ENOENT) return FileReplacement::failed;
   if (exists != expected.has_value()) return FileReplacement::changedMeanwhile;
+  if (!exists && isLink(target)) {
+    errno = ENOENT;
+    return FileReplacement::failed;
+  }
   Draft draft(target);
   if (!draft.write(content, exists ? &original : nullptr)) return FileReplacement::failed;
   const FileReplacement outcome = exists ? exchange(draft, target, *expected) : put(draft, target);

@@ -202,6 +202,9 @@ TEST_F(FollowedSettings, AHandEditBetweenReadingAndWritingIsNotLost) {
   folder.write("settings.toml", "[system]\na = 2 # by hand\n");
   EXPECT_EQ(replaceFile(file_, mine, "[system]\na = 3\n"), FileReplacement::changedMeanwhile);
   EXPECT_EQ(replaceFile(file_, std::nullopt, ""), FileReplacement::changedMeanwhile);
+  fs::create_symlink("nowhere", state_);
+  EXPECT_EQ(replaceFile(state_, std::nullopt, ""), FileReplacement::failed);
+  fs::remove(state_);
   EXPECT_EQ(contentOf(file_), "[system]\na = 2 # by hand\n");
   // A person who replaces the file all the time while the daemon changes another setting.
   SettingsStore store(file_, state_, nullptr);
