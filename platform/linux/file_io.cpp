@@ -44,7 +44,6 @@ bool statAt(int folder, const char* path, int flags, FileStatus& status) {
   return true;
 }
 
-// Whether both paths lead to the same file now.
 // The program in the link has no name left. From what the kernel knows by itself: the file system may be one
 // that does not answer.
 bool isDeletedProgram(const char* link) {
