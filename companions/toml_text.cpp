@@ -77,13 +77,16 @@ class NestingScan {
   std::size_t dots_ = 0;
 };
 
+bool isCharacterStart(char c) {
+  return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+}
+
 // Line and column, counted from 1, in characters as editors do.
 toml::source_position placeOf(std::string_view text, std::size_t offset) {
   const std::string_view before = text.substr(0, offset);
   const auto line = std::count(before.begin(), before.end(), '\n') + 1;
   const std::string_view last = before.substr(before.rfind('\n') + 1);
-  const auto isStart = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; };
-  const auto column = std::count_if(last.begin(), last.end(), isStart) + 1;
+  const auto column = std::count_if(last.begin(), last.end(), isCharacterStart) + 1;
   return {static_cast<toml::source_index>(line), static_cast<toml::source_index>(column)};
 }
 
@@ -286,18 +289,17 @@ std::string tomlKey(std::string_view key) {
 
 TomlPlaces::TomlPlaces(std::string_view text) : text_(text) {
   lines_.push_back(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0);
-  for (std::size_t i = 0; i < text.size(); ++i)
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (isCharacterStart(text[i])) characters_.push_back(i);
     if (text[i] == '\n') lines_.push_back(i + 1);
+  }
 }
 
 std::size_t TomlPlaces::offset(const toml::source_position& place) const {
   if (place.line == 0 || place.line > lines_.size()) return text_.size();
-  std::size_t offset = lines_[place.line - 1];
-  for (toml::source_index column = 1; column < place.column && offset < text_.size(); ++column) {
-    ++offset;
-    while (offset < text_.size() && (static_cast<unsigned char>(text_[offset]) & 0xc0) == 0x80) ++offset;
-  }
-  return offset;
+  const auto first = std::lower_bound(characters_.begin(), characters_.end(), lines_[place.line - 1]);
+  const std::ptrdiff_t column = place.column == 0 ? 0 : std::ptrdiff_t{place.column} - 1;
+  return column < characters_.end() - first ? first[column] : text_.size();
 }
 
 std::size_t TomlPlaces::lineStart(std::size_t offset) const {

@@ -48,6 +48,7 @@ class TomlPlaces {
  private:
   const std::string_view text_;
   std::vector<std::size_t> lines_;
+  std::vector<std::size_t> characters_;  // of each the first byte: a line may be the whole text
 };
 
 }  // namespace qm
