@@ -153,10 +153,7 @@ bool QMRReputationLookup::handleCloudErrorResponse(const qm::ErrorPtr& error, co
                                                    const qm::URLReputationCompletion& callback) const {
   if (!error) return false;
   QM_LOG_ERROR(log_, "Error occurred when performing reputation lookup for URL %@: %{public}@", url, error);
-  if (callback) {
-    callback(std::make_shared<QMRURLReputationResult>(
-        kUnknownRating(), std::uint64_t{0}, lookupErrorWithCode(error->code(), error->description())));
-  }
+  answerUnrated(lookupErrorWithCode(error->code(), error->description()), callback);
   return true;
 }
 
@@ -165,11 +162,13 @@ std::optional<qm::URL> QMRReputationLookup::validateURL(const std::string& url,
   const std::optional<qm::URL> parsed = qm::URL::create(url);
   if (!url.empty() && parsed) return parsed;
   QM_LOG_ERROR(log_, "Invalid URL (%@) passed. Not performing reputation lookup", parsed);
-  if (callback) {
-    callback(std::make_shared<QMRURLReputationResult>(kUnknownRating(), std::uint64_t{0},
-                                                      lookupErrorWithCode(0, "Invalid URL passed")));
-  }
+  answerUnrated(lookupErrorWithCode(0, "Invalid URL passed"), callback);
   return std::nullopt;
+}
+
+void QMRReputationLookup::answerUnrated(const qm::ErrorPtr& error,
+                                        const qm::URLReputationCompletion& callback) {
+  if (callback) callback(std::make_shared<QMRURLReputationResult>(kUnknownRating(), std::uint64_t{0}, error));
 }
 
 void QMRReputationLookup::reputationForURL(const std::string&, std::uint32_t,

@@ -115,6 +115,8 @@ class QMRReputationLookup : public QMRReputationProtocol,
 
  protected:
   qm::Log& log() const { return log_; }
+  // The end of a URL lookup that failed; the callback may be null.
+  static void answerUnrated(const qm::ErrorPtr& error, const qm::URLReputationCompletion& callback);
   void setIsReady(bool ready) { isReady_.set(ready); }
 
  private:
