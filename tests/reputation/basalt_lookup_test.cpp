@@ -92,6 +92,17 @@ class BasaltLookupTest : public RecordedTest {
     EXPECT_EQ(results.size(), 1u) << url;
     return results.at(0);
   }
+  // What was logged after the first `skipped` lines: these, all on one level.
+  void expectLines(std::size_t skipped, LogLevel expected, const std::vector<std::string>& messages) const {
+    std::vector<std::string> said;
+    const std::vector<LogLine> lines = recorder.lines();
+    for (std::size_t i = skipped; i < lines.size(); ++i) {
+      EXPECT_EQ(lines[i].category, "QMRBasaltReputationLookup");
+      EXPECT_EQ(lines[i].level, expected) << lines[i].message;
+      said.push_back(lines[i].message);
+    }
+    EXPECT_EQ(said, messages);
+  }
   void ask(Replies& replies) { lookup_->reputationForFile(openFile(), replies.block()); }
   // Leads a lookup to the point where the cloud asks for the sample.
   void askUntilUploadIsRequested(const std::shared_ptr<QMRFileReputationRequest>& request) {
@@ -150,22 +161,35 @@ TEST_F(BasaltLookupTest, VerdictsHaveTheirLevelAndAURLItsSafeScore) {
     std::uint64_t options;
     ReputationLevel expected;
     std::int64_t safe;
+    const char* line;
   } cases[] = {
-      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, level::trusted, 100},
-      {SVKSkyvaultSafetyVerdictValueUndetected, 1, level::undetected, 0},
-      {SVKSkyvaultSafetyVerdictValuePU, 1, level::suspicious, -20},
-      {SVKSkyvaultSafetyVerdictValueUnwanted, 1, level::unwanted, -80},
-      {SVKSkyvaultSafetyVerdictValueMalicious, 1, level::untrusted, -100},
-      {SVKSkyvaultSafetyVerdictValueUnknown, 1, level::unknown, 0},
-      {"Malicious", 1, level::unknown, 0},
-      {SVKSkyvaultSafetyVerdictValueUndetected, kSageSuccess, level::unknown, 0},
-      {SVKSkyvaultSafetyVerdictValueUndetected, ~kSageSuccess, level::undetected, 0},
-      {SVKSkyvaultSafetyVerdictValueMalicious, kSageSuccess, level::untrusted, -100},
+      {SVKSkyvaultSafetyVerdictValueKnownClean, 1, level::trusted, 100,
+       "Basalt safety verdict known_clean mapped to 2 (flags: from server)"},
+      {SVKSkyvaultSafetyVerdictValueUndetected, 2, level::undetected, 0,
+       "Basalt safety verdict undetected mapped to 7 (flags: SAGE throttled)"},
+      {SVKSkyvaultSafetyVerdictValuePU, 0, level::suspicious, -20,
+       "Basalt safety verdict pu mapped to 4 (flags: )"},
+      {SVKSkyvaultSafetyVerdictValueUnwanted, 4 | 8, level::unwanted, -80,
+       "Basalt safety verdict unwanted mapped to 3 (flags: SAGE failed)"},
+      {SVKSkyvaultSafetyVerdictValueMalicious, kSageSuccess, level::untrusted, -100,
+       "Basalt safety verdict malicious mapped to 0 (flags: SAGE success)"},
+      {SVKSkyvaultSafetyVerdictValueUnknown, kFromServer | 8 | kUploadRequested, level::unknown, 0,
+       "Basalt safety verdict unknown mapped to 1 (flags: from server,SAGE upload requested)"},
+      {"Malicious", 1, level::unknown, 0,
+       "Basalt safety verdict Malicious not found in map, falling back to unknown (1)"},
+      {SVKSkyvaultSafetyVerdictValueUndetected, ~std::uint64_t{0}, level::unknown, 0,
+       "SAGE returned undetected, mapping to unknown"},
+      {SVKSkyvaultSafetyVerdictValueUndetected, ~kSageSuccess, level::undetected, 0,
+       "Basalt safety verdict undetected mapped to 7 (flags: from server,SAGE throttled,SAGE failed,SAGE "
+       "upload requested,SAGE uploaded,HIPS events requested)"},
   };
-  for (const auto& [verdict, options, expected, safe] : cases) {
-    SCOPED_TRACE(verdict + std::to_string(options));
-    const Answer answer{verdict, options};
+  // Prevalence is of files: it makes no URL safe.
+  lookup_->setPrevalenceThresholdCallback([] { return 0; });
+  for (const auto& [verdict, options, expected, safe, line] : cases) {
+    SCOPED_TRACE(line);
+    const Answer answer{.verdict = verdict, .options = options, .prevalence = 255};
     EXPECT_EQ(lookup_->mapBasaltResponse(*answer.response()), expected);
+    EXPECT_EQ(recorder.count(LogLevel::debug, line), 1u);
     const auto result = askForURL("http://h/", [answer](const auto& call) { call.answer(answer); });
     EXPECT_EQ(result->categories(), (Dictionary{{"cats", Dictionary{{"safe", safe}}}}));
   }
@@ -292,6 +316,7 @@ TEST_F(BasaltLookupTest, AURLIsAskedAboutWithTheBaseMetadataAndItsAnswerIsScored
                 ->ttl(),
             60u);
   lookup_->addBaseMetadataValue("browser", "context");
+  const std::size_t before = recorder.lines().size();
   const auto result = askForURL(
       url,
       [](const auto& call) {
@@ -299,21 +324,23 @@ TEST_F(BasaltLookupTest, AURLIsAskedAboutWithTheBaseMetadataAndItsAnswerIsScored
         EXPECT_EQ(call.metadata, (Dictionary{{"context", "browser"}}));
         EXPECT_EQ(call.timeout, 30000ms);
         call.answer({.verdict = SVKSkyvaultSafetyVerdictValueKnownClean,
-                     .ttl = 7200,
+                     .ttl = ~std::uint64_t{0},
                      .categories = {{"financial", true}, {"gambling", false}}});
       },
       30);
   const Dictionary scores{{"banking", 100}, {"gambling", 0}, {"safe", 100}};
-  EXPECT_EQ(result->categories(), (Dictionary{{"cats", scores}})) << result->description();
-  EXPECT_EQ(result->ttl(), 7200u);
+  EXPECT_EQ(result->categories(), (Dictionary{{"cats", scores}}));
+  EXPECT_EQ(result->ttl(), ~std::uint64_t{0});
   EXPECT_EQ(result->error(), nullptr);
-  EXPECT_TRUE(recorder.has(
-      LogLevel::debug, "Performing URL lookup for " + url + " with timeout 30 using <SkyvaultSubstitute>"));
-  EXPECT_TRUE(recorder.has(LogLevel::debug, "Reputation lookup for URL " + url +
-                                                " succeeded with scan result known_clean and categories \n"
-                                                "(\n    \"financial: yes\",\n    \"gambling: no\"\n)"));
-  EXPECT_TRUE(recorder.has(LogLevel::debug, "Sending back the result for URL " + url + " with categories \n" +
-                                                description(scores)));
+  EXPECT_EQ(result->description(), "Categories: " + description(result->categories()) +
+                                       ", ttl: 18446744073709551615, error: (null)");
+  expectLines(before, LogLevel::debug,
+              {"Performing URL lookup for " + url + " with timeout 30 using <SkyvaultSubstitute>",
+               "Reputation lookup for URL " + url +
+                   " succeeded with scan result known_clean and categories \n"
+                   "(\n    \"financial: yes\",\n    \"gambling: no\"\n)",
+               "Basalt safety verdict known_clean mapped to 2 (flags: from server)",
+               "Sending back the result for URL " + url + " with categories \n" + description(scores)});
 }
 
 TEST_F(BasaltLookupTest, CategoriesGetTheirProductNameTheLastOfANameAndTheVerdictWin) {
@@ -355,22 +382,35 @@ TEST_F(BasaltLookupTest, AURLsTimeOutIsSignedSecondsKeptTo32BitsOfMilliseconds) 
 }
 
 TEST_F(BasaltLookupTest, EveryFailureOfAURLLookupIsAnsweredWithTheUnknownRating) {
-  const auto unexpected = [](const auto&) { ADD_FAILURE() << "the client was called"; };
-  const auto failWith = [](const ErrorPtr& error) {
-    return [error](const SkyvaultSubstitute::Call& call) { call.fail(error); };
+  const std::string lost =
+      lookup_->lookupErrorWithCode(0, "The Skyvault client gave no answer")->description();
+  const std::string failed = "Error occurred when performing reputation lookup for URL http://h/: ";
+  const struct {
+    std::string url;
+    bool isAsked;
+    ErrorPtr error;  // the client's
+    std::int64_t code;
+    std::string message, line;
+  } cases[] = {
+      {"", false, nullptr, 0, "Invalid URL passed",
+       "Invalid URL () passed. Not performing reputation lookup"},
+      {"http://h/a b", false, nullptr, 0, "Invalid URL passed",
+       "Invalid URL ((null)) passed. Not performing reputation lookup"},
+      {"http://h/", true, cloudError_, 12, cloudError_->description(), failed + cloudError_->description()},
+      {"http://h/", true, nullptr, 0, lost, failed + lost},  // neither an answer nor an error
   };
-  const auto expectFailed = [&](const auto& result, std::int64_t code, const std::string& message) {
-    expectUnrated(*result, QMRReputationLookup::kErrorDomain, code, message);
-  };
-  expectFailed(askForURL("", unexpected), 0, "Invalid URL passed");
-  expectFailed(askForURL("http://h/a b", unexpected), 0, "Invalid URL passed");
-  EXPECT_TRUE(recorder.has(LogLevel::error, "Invalid URL () passed. Not performing reputation lookup"));
-  EXPECT_TRUE(recorder.has(LogLevel::error, "Invalid URL ((null)) passed. Not performing reputation lookup"));
-  expectFailed(askForURL("http://h/", failWith(cloudError_)), 12, cloudError_->description());
-  EXPECT_TRUE(recorder.has(
-      LogLevel::error,
-      "Error occurred when performing reputation lookup for URL http://h/: " + cloudError_->description()));
-  EXPECT_NE(askForURL("http://h/", failWith(nullptr))->error(), nullptr) << "nothing at all is a failure";
+  for (const auto& expected : cases) {
+    const std::size_t before = recorder.lines().size();
+    bool isAsked = false;
+    const auto result = askForURL(expected.url, [&](const auto& call) {
+      isAsked = true;
+      call.fail(expected.error);
+    });
+    EXPECT_EQ(isAsked, expected.isAsked) << expected.url;
+    expectUnrated(*result, QMRReputationLookup::kErrorDomain, expected.code, expected.message);
+    // The line before it is the one about the question, which only a URL gets.
+    expectLines(before + (isAsked ? 1 : 0), LogLevel::error, {expected.line});
+  }
   for (const auto& client : {std::shared_ptr<SkyvaultSubstitute>(), client_}) {
     lookup_->setSkyvaultClient(client);
     for (const char* url : {"", "http://h/"}) lookup_->reputationForURL(url, 1, nullptr);
@@ -379,7 +419,7 @@ TEST_F(BasaltLookupTest, EveryFailureOfAURLLookupIsAnsweredWithTheUnknownRating)
   lookup_->reputationForURL("http://h/", 1, nullptr);
   client_->take("url").answer({});
   lookup_->setSkyvaultClient(nullptr);
-  EXPECT_NE(askForURL("http://h/", unexpected)->error(), nullptr);
+  EXPECT_NE(askForURL("http://h/", [](const auto&) {})->error(), nullptr) << "there is no client";
 }
 
 }  // namespace
