@@ -1,5 +1,6 @@
 #include "reputation/QMRReputationLookup.hpp"
 
+#include "foundation/internal_inconsistency.hpp"
 #include "reputation/reputation_support.hpp"
 
 namespace {
@@ -57,6 +58,17 @@ TEST_F(ReputationLookupTest, TheFileDecidesWhichScanIsMade) {
     else
       expectAnswer(replies.only(), 5, 1, 2);
   }
+  lookup_->scan = "none";
+  lookup_->setLookupEnabledCallback([] { return false; });
+  lookup_->reputationForFile(makeRequest(), replies_.block());
+  expectAnswer(replies_.only(), reputation_level::unknown, 0, 0);
+  EXPECT_EQ(lookup_->scan, "none") << "lookups are switched off";
+}
+
+TEST_F(ReputationLookupTest, ABackendThatDoesNotAnswerURLsIsAMistakeOfTheProgram) {
+  EXPECT_THAT(
+      [this] { lookup_->reputationForURL("http://h/", 1, nullptr); },
+      testing::ThrowsMessage<InternalInconsistencyException>("This method must be overridden by subclass"));
 }
 
 TEST_F(ReputationLookupTest, TheRequestsMetadataIsEnriched) {
