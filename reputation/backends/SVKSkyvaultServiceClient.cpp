@@ -137,7 +137,7 @@ class SVKSkyvaultServiceClient::Connection : public std::enable_shared_from_this
 
   XPCConnection current() {
     const std::lock_guard lock(mutex_);
-    if (current_ || isClosed_) return current_;
+    if (current_) return current_;
     current_ = make_();
     // The agent sends nothing by itself: all events are the connection's.
     current_.setEventHandler([weak = weak_from_this(), mine = current_](const XPCObject& event) {
@@ -155,9 +155,8 @@ class SVKSkyvaultServiceClient::Connection : public std::enable_shared_from_this
     if (current_ == ended) current_ = {};
   }
 
-  void close() {
+  void cancel() {
     const std::lock_guard lock(mutex_);
-    isClosed_ = true;
     if (current_) current_.cancel();
   }
 
@@ -165,7 +164,6 @@ class SVKSkyvaultServiceClient::Connection : public std::enable_shared_from_this
   const ConnectionMaker make_;
   std::mutex mutex_;
   XPCConnection current_;
-  bool isClosed_ = false;
 };
 
 std::shared_ptr<SVKSkyvaultServiceClient> SVKSkyvaultServiceClient::create(
@@ -184,7 +182,7 @@ SVKSkyvaultServiceClient::SVKSkyvaultServiceClient(ConnectionMaker makeConnectio
       connection_(std::make_shared<Connection>(std::move(makeConnection))) {}
 
 SVKSkyvaultServiceClient::~SVKSkyvaultServiceClient() {
-  connection_->close();
+  connection_->cancel();
 }
 
 void SVKSkyvaultServiceClient::queryReputationForFileHash(const std::string& sha256Hex,
