@@ -51,7 +51,33 @@ Answer askForHash(SVKSkyvaultServiceClient& client, std::chrono::milliseconds ti
   return completions->waitForOne();
 }
 
-TEST(SkyvaultClient, CarriesItsArgumentsAndBringsTheAnswerBack) {
+TEST(SkyvaultClient, AsksWithWhatItIsGivenAndNothingElse) {
+  Agent agent;
+  const auto client = clientOf(agent);
+  const Dictionary metadata{{"context", "browser"}};
+  const URL url = *URL::create("http://h/?a=%20#b");
+  const std::vector<std::string> wanted{"adult", "games"};
+  Completions done;
+  const std::pair<std::function<void()>, Dictionary> cases[] = {
+      {[&] { client->queryReputationForFileHash("0f", kLong, done.make()); },
+       {{kRequestKey, kRequestHash}, {kSHA256Key, "0f"}}},
+      {[&] { client->analyzeMetadata(metadata, kLong, done.make()); },
+       {{kRequestKey, kRequestMetadata}, {kMetadataKey, metadata}}},
+      {[&] { client->queryReputationForURL(url, {}, {}, kLong, done.make()); },
+       {{kRequestKey, kRequestURL}, {kURLKey, "http://h/?a=%20#b"}}},
+      {[&] { client->queryReputationForURL(url, wanted, metadata, kLong, done.make()); },
+       {{kRequestKey, kRequestURL},
+        {kURLKey, "http://h/?a=%20#b"},
+        {kCategoriesWantedKey, Array{"adult", "games"}},
+        {kMetadataKey, metadata}}},
+  };
+  for (const auto& [ask, expected] : cases) {
+    ask();
+    EXPECT_EQ(valueFromXPCObject(agent.nextRequest()), Value(expected)) << description(expected);
+  }
+}
+
+TEST(SkyvaultClient, CarriesASampleAndBringsTheAnswerBack) {
   Agent agent;
   const auto client = clientOf(agent);
   const Dictionary metadata{{"file_size", std::uint64_t{3}}, {"file_info", Dictionary{{"created", -1}}}};
@@ -115,28 +141,38 @@ TEST(SkyvaultClient, WhateverHappensToACallItCompletesOnceAndTheNextOneIsServed)
   EXPECT_EQ(last->waitForOne().code(), ErrorCode::connectionLost) << "the client is gone";
 }
 
-TEST(SkyvaultClient, AnAnswerOfWrongTypesIsAnErrorThatNamesTheKey) {
-  XPCArray noDictionary = XPCArray::create();
-  noDictionary.append(XPCObject::string("shopping"));
-  const std::vector<std::pair<const char*, XPCObject>> cases = {
+TEST(SkyvaultClient, AnAnswerThatIsNoneIsAnErrorThatSaysWhy) {
+  const auto listOf = [](Dictionary category) { return xpcObjectFromValue(Array{std::move(category)}); };
+  const struct {
+    const char* key;
+    XPCObject value;
+    ErrorCode code = ErrorCode::malformedResponse;
+    std::string text = "The Skyvault agent's answer has no valid “" + std::string(key) + "”.";
+  } cases[] = {
       {kVerdictKey, {}},
       {kVerdictKey, XPCObject::int64(1)},
       {kOptionsKey, XPCObject::int64(1)},
       {kTTLKey, XPCObject::int64(-1)},
       {kPrevalenceKey, XPCObject::real(1)},
       {kInfectionNameKey, XPCObject::data("x", 1)},
-      {kCategoriesKey, noDictionary},
+      {kCategoriesKey, XPCObject::string("adult")},
+      {kCategoriesKey, xpcObjectFromValue(Array{"adult"})},
+      {kCategoriesKey, listOf({{kCategoryValueKey, true}})},
+      {kCategoriesKey, listOf({{kCategoryNameKey, "adult"}, {kCategoryValueKey, 1}})},
       {kErrorCodeKey, XPCObject::string("4")},
+      {kErrorCodeKey, XPCObject::int64(4), ErrorCode::invalidRequest, "The Skyvault agent reports an error."},
   };
-  for (const auto& [key, value] : cases) {
-    const Agent agent([key = key, value = value](const XPCDictionary& request) {
+  for (const auto& expected : cases) {
+    const Agent agent([&expected](const XPCDictionary& request) {
       XPCDictionary answer = soundAnswer(request);
-      answer.setValue(key, value);
+      answer.setValue(expected.key, expected.value);
       reply(answer);
     });
     const Answer answer = askForHash(*clientOf(agent));
-    EXPECT_EQ(answer.code(), ErrorCode::malformedResponse);
-    EXPECT_THAT(answer.error->localizedDescription(), testing::HasSubstr(key));
+    ASSERT_NE(answer.error, nullptr) << expected.text;
+    EXPECT_EQ(answer.error->domain(), kErrorDomain);
+    EXPECT_EQ(answer.code(), expected.code) << expected.text;
+    EXPECT_EQ(answer.error->localizedDescription(), expected.text);
   }
 }
 
