@@ -7,7 +7,6 @@
 #include "filefacts/QMRHashProvider.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
 #include "reputation/backends/QMRWispClient.hpp"
-#include "reputation/backends/awaited_answer.hpp"
 #include "settings/settings_keys.hpp"
 
 namespace level = qm::reputation_level;
@@ -90,7 +89,7 @@ std::shared_ptr<QMRWispReputationLookup> QMRWispReputationLookup::create(Setting
   const auto client = std::make_shared<QMRWispClient>(nullptr);
   auto lookup = create(client, std::move(settingsClient));
   client->setErrorCallback([weak = std::weak_ptr(lookup)](const qm::ErrorPtr& error) {
-    if (const auto self = weak.lock()) self->connectionFailed(error);
+    if (const auto self = weak.lock()) self->reportErrorToProduct(error);
   });
   return lookup;
 }
@@ -158,16 +157,6 @@ void QMRWispReputationLookup::reportErrorToProduct(const qm::ErrorPtr& error) co
   settingsClient_->updateWispError(error);
 }
 
-void QMRWispReputationLookup::connectionFailed(const qm::ErrorPtr& error) {
-  connectionError_.set(error);
-  reportErrorToProduct(error);
-}
-
-// An error of the connection was reported when it came.
-void QMRWispReputationLookup::reportFailedCall(const qm::ErrorPtr& error) const {
-  if (error != connectionError_.get()) reportErrorToProduct(error);
-}
-
 bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
                                                       const qm::FileReputationCompletion& reply) const {
   const qm::Dictionary settings = settingsClient_->systemSettings();
@@ -183,19 +172,17 @@ bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
 // --- Calls to the daemon ---
 
 template <class Response>
-QMRWispReputationLookup::Completion<Response> QMRWispReputationLookup::answeredOnce(
+QMRWispReputationLookup::Completion<Response> QMRWispReputationLookup::withDeadline(
     std::uint32_t timeout, Completion<Response> completion) {
-  using Answer = qm::AwaitedAnswer<Response>;
-  const auto awaited = std::make_shared<Answer>(std::move(completion), [self = self()] {
-    const qm::ErrorPtr error = self->connectionError_.get();
-    return error ? error : noAnswerError();
+  const auto pending = std::make_shared<qm::Property<Completion<Response>>>(std::move(completion));
+  timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace, [weak = std::weak_ptr(pending)] {
+    const auto late = weak.lock();
+    const auto callback = late ? late->exchange(nullptr) : nullptr;
+    if (callback) callback(nullptr, noAnswerError());
   });
-  timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace,
-                [weak = std::weak_ptr<Answer>(awaited)] {
-                  if (const auto late = weak.lock()) late->give(nullptr, noAnswerError());
-                });
-  return [awaited](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
-    awaited->give(response, error || response ? error : noAnswerError());
+  return [pending](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
+    const auto callback = pending->exchange(nullptr);
+    if (callback) callback(response, error || response ? error : noAnswerError());
   };
 }
 
@@ -215,7 +202,7 @@ void QMRWispReputationLookup::qvsScanForFile(const Request& request, bool skipCl
   const auto start = timing_.now();
   QM_LOG_DEBUG(log(), "Will do qvsScan of %@ (SHA1: %@)", url, hash);
   wisp_->qvsScan(url, kFileTimeout,
-                 answeredOnce<QMRWispQvsResponseObjC>(
+                 withDeadline<QMRWispQvsResponseObjC>(
                      kFileTimeout, [self = self(), request, skipCloudScan, reply, start](
                                        const QvsResponse& response, const qm::ErrorPtr& error) {
                        self->finishQvsScan(request, skipCloudScan, reply, self->timing_.now() - start,
@@ -235,7 +222,7 @@ void QMRWispReputationLookup::finishQvsScan(const Request& request, bool skipClo
                inSeconds(elapsed), its.safetyVerdict, its.ttl, its.detectionName, its.categories,
                its.prevalence, error);
   if (error) {
-    reportFailedCall(error);
+    reportErrorToProduct(error);
     QM_LOG_ERROR(log(), "Error performing Wisp qvsScan call: %{public}@", error);
     answerFailure(*request, error, reply);
     if (!skipCloudScan) scheduleBackgroundCloudScan(request, kDelayAfterFailure);
@@ -272,7 +259,7 @@ void QMRWispReputationLookup::cloudScanForFile(const Request& request,
   const qm::Dictionary metadata = request->metadata();
   QM_LOG_DEBUG(log(), "Performing cloud scan of %@ with metadata %@", url, metadata);
   wisp_->cloudScan(url, metadata, kFileTimeout,
-                   answeredOnce<QMRWispCloudScanResponseObjC>(
+                   withDeadline<QMRWispCloudScanResponseObjC>(
                        kFileTimeout, [self = self(), request, reply, start](const CloudScanResponse& response,
                                                                             const qm::ErrorPtr& error) {
                          self->finishCloudScan(request, reply, self->timing_.now() - start, response, error);
@@ -293,7 +280,7 @@ void QMRWispReputationLookup::finishCloudScan(const Request& request,
                inSeconds(elapsed), its.result, its.ttl, its.infectionName, its.categories, error);
   if (error) {
     QM_LOG_ERROR(log(), "Error performing Wisp cloudScan call: %{public}@", error);
-    reportFailedCall(error);
+    reportErrorToProduct(error);
     answerFailure(*request, error, reply);
     return;
   }
@@ -328,7 +315,7 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
   }
   if (useCloudScanForURLLookup()) {
     wisp_->cloudScan(validated, baseMetadata().value_or(qm::Dictionary()), timeout,
-                     answeredOnce<QMRWispCloudScanResponseObjC>(
+                     withDeadline<QMRWispCloudScanResponseObjC>(
                          timeout, [self = self(), validated, callback](const CloudScanResponse& response,
                                                                        const qm::ErrorPtr& error) {
                            self->reportOutcomeOfURLLookup(error);
@@ -337,7 +324,7 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
     return;
   }
   wisp_->qvsScan(validated, timeout,
-                 answeredOnce<QMRWispQvsResponseObjC>(
+                 withDeadline<QMRWispQvsResponseObjC>(
                      timeout, [self = self(), validated, callback](const QvsResponse& response,
                                                                    const qm::ErrorPtr& error) {
                        self->reportOutcomeOfURLLookup(error);
@@ -346,7 +333,7 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
 }
 
 void QMRWispReputationLookup::reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const {
-  if (error) return reportFailedCall(error);
+  if (error) return reportErrorToProduct(error);
   settingsClient_->updateWispError(nullptr);
 }
 

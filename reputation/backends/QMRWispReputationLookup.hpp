@@ -16,8 +16,10 @@
 #include "reputation/backends/QMRWispProtocol.hpp"
 #include "settings/QMRSettingsClientProtocol.hpp"
 
-// Replies are called on whatever queue the Wisp client answers on. Every lookup is answered: a daemon that
-// cannot be reached, or gives no answer within the time-out and a second, is an error like one of its own.
+// Replies are called on whatever queue the Wisp client answers on. A daemon that gives no answer within the
+// time-out and a second is an error like one of its own. Of a lookup whose connection breaks, or cannot be
+// made, the reply is not called but released at once, with all that the lookup holds; the error goes to the
+// settings alone.
 class QMRWispReputationLookup final : public QMRReputationLookup {
  public:
   using Wisp = std::shared_ptr<QMRWispProtocol>;
@@ -102,12 +104,11 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   template <class Response>
   using Completion =
       qm::Block<void(const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error)>;
-  // The completion for one call of the daemon: called once in any case, with a response or an error.
+  // What one call of the daemon answers to. The completion is called once at most, with a response or an
+  // error: the daemon's or, when that takes too long, one made here. Released uncalled, this releases the
+  // completion.
   template <class Response>
-  Completion<Response> answeredOnce(std::uint32_t timeout, Completion<Response> completion);
-  // Of the client's connection, for calls that it does not answer then.
-  void connectionFailed(const qm::ErrorPtr& error);
-  void reportFailedCall(const qm::ErrorPtr& error) const;
+  Completion<Response> withDeadline(std::uint32_t timeout, Completion<Response> completion);
   void reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const;
 
   void finishQvsScan(const Request& request, bool skipCloudScan, const qm::FileReputationCompletion& reply,
@@ -126,5 +127,4 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   const Wisp wisp_;
   const SettingsClient settingsClient_;
   qm::Property<QMRSettingsClientProtocol::SettingsUpdateCallback> settingsUpdateCallback_;
-  qm::Property<qm::ErrorPtr> connectionError_;  // the last one
 };
