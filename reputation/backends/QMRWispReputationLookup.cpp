@@ -172,9 +172,9 @@ bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
 // --- Calls to the daemon ---
 
 template <class Response>
-QMRWispReputationLookup::Completion<Response> QMRWispReputationLookup::withDeadline(
-    std::uint32_t timeout, Completion<Response> completion) {
-  const auto pending = std::make_shared<qm::Property<Completion<Response>>>(std::move(completion));
+QMRWispReputationLookup::ScanCallback<Response> QMRWispReputationLookup::withDeadline(
+    std::uint32_t timeout, ScanCallback<Response> completion) {
+  const auto pending = std::make_shared<qm::Property<ScanCallback<Response>>>(std::move(completion));
   timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace, [weak = std::weak_ptr(pending)] {
     const auto late = weak.lock();
     const auto callback = late ? late->exchange(nullptr) : nullptr;
@@ -184,6 +184,17 @@ QMRWispReputationLookup::Completion<Response> QMRWispReputationLookup::withDeadl
     const auto callback = pending->exchange(nullptr);
     if (callback) callback(response, error || response ? error : noAnswerError());
   };
+}
+
+void QMRWispReputationLookup::qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout,
+                                      QMRWispProtocol::QvsScanCallback completion) {
+  wisp_->qvsScan(url, timeout, withDeadline(timeout, std::move(completion)));
+}
+
+void QMRWispReputationLookup::cloudScan(const qm::URL& url, const qm::Dictionary& metadata,
+                                        std::uint32_t timeout,
+                                        QMRWispProtocol::CloudScanCallback completion) {
+  wisp_->cloudScan(url, metadata, timeout, withDeadline(timeout, std::move(completion)));
 }
 
 // --- Files ---
@@ -201,13 +212,11 @@ void QMRWispReputationLookup::qvsScanForFile(const Request& request, bool skipCl
   const std::optional<qm::URL> url = qm::URL::create("data://" + hash);
   const auto start = timing_.now();
   QM_LOG_DEBUG(log(), "Will do qvsScan of %@ (SHA1: %@)", url, hash);
-  wisp_->qvsScan(url, kFileTimeout,
-                 withDeadline<QMRWispQvsResponseObjC>(
-                     kFileTimeout, [self = self(), request, skipCloudScan, reply, start](
-                                       const QvsResponse& response, const qm::ErrorPtr& error) {
-                       self->finishQvsScan(request, skipCloudScan, reply, self->timing_.now() - start,
-                                           response, error);
-                     }));
+  qvsScan(url, kFileTimeout,
+          [self = self(), request, skipCloudScan, reply, start](const QvsResponse& response,
+                                                                const qm::ErrorPtr& error) {
+            self->finishQvsScan(request, skipCloudScan, reply, self->timing_.now() - start, response, error);
+          });
 }
 
 void QMRWispReputationLookup::finishQvsScan(const Request& request, bool skipCloudScan,
@@ -258,12 +267,11 @@ void QMRWispReputationLookup::cloudScanForFile(const Request& request,
   const auto start = timing_.now();
   const qm::Dictionary metadata = request->metadata();
   QM_LOG_DEBUG(log(), "Performing cloud scan of %@ with metadata %@", url, metadata);
-  wisp_->cloudScan(url, metadata, kFileTimeout,
-                   withDeadline<QMRWispCloudScanResponseObjC>(
-                       kFileTimeout, [self = self(), request, reply, start](const CloudScanResponse& response,
-                                                                            const qm::ErrorPtr& error) {
-                         self->finishCloudScan(request, reply, self->timing_.now() - start, response, error);
-                       }));
+  cloudScan(
+      url, metadata, kFileTimeout,
+      [self = self(), request, reply, start](const CloudScanResponse& response, const qm::ErrorPtr& error) {
+        self->finishCloudScan(request, reply, self->timing_.now() - start, response, error);
+      });
 }
 
 void QMRWispReputationLookup::finishCloudScan(const Request& request,
@@ -314,22 +322,19 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
         kUnknownRating(), std::uint64_t{0}, lookupErrorWithCode(kNotAvailable, "Wisp is not available")));
   }
   if (useCloudScanForURLLookup()) {
-    wisp_->cloudScan(validated, baseMetadata().value_or(qm::Dictionary()), timeout,
-                     withDeadline<QMRWispCloudScanResponseObjC>(
-                         timeout, [self = self(), validated, callback](const CloudScanResponse& response,
-                                                                       const qm::ErrorPtr& error) {
-                           self->reportOutcomeOfURLLookup(error);
-                           self->handleWispCloudScanResponse(response, *validated, error, callback);
-                         }));
+    cloudScan(
+        *validated, baseMetadata().value_or(qm::Dictionary()), timeout,
+        [self = self(), validated, callback](const CloudScanResponse& response, const qm::ErrorPtr& error) {
+          self->reportOutcomeOfURLLookup(error);
+          self->handleWispCloudScanResponse(response, *validated, error, callback);
+        });
     return;
   }
-  wisp_->qvsScan(validated, timeout,
-                 withDeadline<QMRWispQvsResponseObjC>(
-                     timeout, [self = self(), validated, callback](const QvsResponse& response,
-                                                                   const qm::ErrorPtr& error) {
-                       self->reportOutcomeOfURLLookup(error);
-                       self->handleWispQvsScanResponse(response, *validated, error, callback);
-                     }));
+  qvsScan(*validated, timeout,
+          [self = self(), validated, callback](const QvsResponse& response, const qm::ErrorPtr& error) {
+            self->reportOutcomeOfURLLookup(error);
+            self->handleWispQvsScanResponse(response, *validated, error, callback);
+          });
 }
 
 void QMRWispReputationLookup::reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const {

@@ -73,8 +73,8 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   // daemon's. The time-out, in seconds, is passed on as it is.
   void reputationForURL(const std::string& url, std::uint32_t timeout,
                         const qm::URLReputationCompletion& callback) override;
-  // One answer of the daemon about a URL becomes a result for the callback. The first is false when there is
-  // no error.
+  // One answer of the daemon about a URL, which is an error or a response, becomes a result for the callback.
+  // The first is false when there is no error.
   bool handleWispErrorResponse(const qm::ErrorPtr& error, const qm::URL& url,
                                const qm::URLReputationCompletion& callback) const;
   void handleWispCloudScanResponse(const CloudScanResponse& response, const qm::URL& url,
@@ -101,14 +101,17 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   void addObservers();
   void removeObservers();
 
+  // A scan by the daemon. The completion is called once at most, with a response or an error: the daemon's
+  // or, when that takes too long, one made here. When the client releases its callback, so is the completion.
+  void qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout,
+               QMRWispProtocol::QvsScanCallback completion);
+  void cloudScan(const qm::URL& url, const qm::Dictionary& metadata, std::uint32_t timeout,
+                 QMRWispProtocol::CloudScanCallback completion);
   template <class Response>
-  using Completion =
+  using ScanCallback =
       qm::Block<void(const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error)>;
-  // What one call of the daemon answers to. The completion is called once at most, with a response or an
-  // error: the daemon's or, when that takes too long, one made here. Released uncalled, this releases the
-  // completion.
   template <class Response>
-  Completion<Response> withDeadline(std::uint32_t timeout, Completion<Response> completion);
+  ScanCallback<Response> withDeadline(std::uint32_t timeout, ScanCallback<Response> completion);
   void reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const;
 
   void finishQvsScan(const Request& request, bool skipCloudScan, const qm::FileReputationCompletion& reply,
