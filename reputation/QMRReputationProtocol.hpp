@@ -22,8 +22,8 @@ class QMRReputationProtocol {
 
   virtual ~QMRReputationProtocol() = default;
 
-  // Calls the reply once, now or later. The request's metadata is replaced on the way. A null reply is
-  // allowed.
+  // Calls the reply once, now or later, or releases it uncalled when the backend's connection broke: whoever
+  // waits must learn of that. The request's metadata is replaced on the way. A null reply is allowed.
   virtual void reputationForFile(const std::shared_ptr<QMRFileReputationRequest>& request,
                                  const qm::FileReputationCompletion& reply) = 0;
   // The time-out is in seconds.

@@ -92,6 +92,27 @@ TEST_F(Road, TheNextConnectionHasTheBackendThatIsChosenThen) {
               testing::HasSubstr("Error instantiating Basalt reputation provider!"));
 }
 
+TEST_F(Road, ARequestWhoseBackendCannotBeReachedIsLetGoOf) {
+  const fs::path parameters = installation_.product / "config/parameters";
+  fs::rename(parameters, parameters.native() + ".away");
+  const auto settings = installation_.startSettingsDaemon();
+  installation_.run("qmr", {"settings", "set", "wisp-config-state", "2"});
+  daemon_->end(SIGTERM);
+  daemon_ = installation_.startDaemon();
+  // No Wisp core daemon is installed. Until the daemon has the settings, it answers.
+  const fs::path script = freshScript();
+  const std::vector<std::string> check{installation_.program("qmr"), "check", script};
+  CommandResult result;
+  EXPECT_TRUE(eventually([&] { return (result = runCommand(check)).exitStatus != 0; }));
+  EXPECT_EQ(result.exitStatus, 2);
+  EXPECT_THAT(result.output, testing::HasSubstr("the service dropped the request without an answer"));
+  EXPECT_TRUE(eventually([&] { return openDescriptors(daemon_->pid(), script) == 0; }));
+  const std::vector<std::string> errorState{installation_.program("qmr"), "settings", "get",
+                                            "wisp-error-state"};
+  EXPECT_TRUE(eventually([&] { return runCommand(errorState).output == "4099\n"; }));
+  fs::rename(parameters.native() + ".away", parameters);
+}
+
 TEST_F(Road, OnlyAFailedHashKeepsItsDescriptor) {
   const ReputationPeer peer;
   const fs::path script = freshScript();
