@@ -24,10 +24,6 @@ Log& log() {
   return log;
 }
 
-std::int64_t currentSeconds() {
-  return Date::now().nanosecondsSince1970 / 1'000'000'000;
-}
-
 // What comes from an analysis is marked as such also when it comes from the store: its "undetected" is no
 // all-clear.
 SVKSkyvaultResponse responseFor(const StoredVerdict& known) {
@@ -41,10 +37,6 @@ SVKSkyvaultResponse responseFor(const StoredVerdict& known) {
 
 bool isWanted(const SVKSkyvaultCategory& category, const std::optional<std::vector<std::string>>& wanted) {
   return !wanted || std::find(wanted->begin(), wanted->end(), category.name) != wanted->end();
-}
-
-bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
-  return known.source == kVerdictSourceAnalysis && known.verdict == SVKSkyvaultSafetyVerdictValueUndetected;
 }
 
 enum class ReadOutcome : std::uint8_t { whole, failed, changed };
@@ -66,11 +58,7 @@ ReadOutcome readWhole(int descriptor, const ReadBuffer& buffer, std::size_t size
 }  // namespace
 
 SkyvaultAnswers::SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions options)
-    : options_([&] {
-        if (options.now == nullptr) options.now = currentSeconds;
-        return std::move(options);
-      }()),
-      store_(std::move(storePath)) {}
+    : options_(std::move(options)), store_(std::move(storePath)) {}
 
 SVKSkyvaultResponse SkyvaultAnswers::unknown(std::uint64_t options, std::uint32_t ttl) const {
   SVKSkyvaultResponse response;
@@ -104,12 +92,7 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
                                   const std::optional<StoredVerdict>& known) const {
-  if (options_.rules == nullptr || options_.rules->count() == 0) return false;
-  if (known) {
-    if (!isFromAnalysisThatFoundNothing(*known)) return false;
-    const std::int64_t age = options_.now() - known->added;
-    if (age >= 0 && age < known->ttl) return false;
-  }
+  if (!options_.canExamine() || (known && isInForce(options_, *known))) return false;
   const Value* size = find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
@@ -170,19 +153,13 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   }
   if (options_.rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   ErrorPtr error;
-  const std::optional<SampleFinding> finding =
-      options_.rules->scan(bytes, length, options_.scanLimit, &error);
-  if (error != nullptr) {
+  const std::optional<StoredVerdict> found =
+      qm::analyzeSample(options_, bytes, length, options_.scanLimit, &error);
+  if (!found) {
     QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
     return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   }
-  StoredVerdict found;
-  found.verdict = finding ? finding->verdict : SVKSkyvaultSafetyVerdictValueUndetected;
-  if (finding) found.infectionName = finding->infectionName;
-  found.ttl = finding ? options_.detectedTTL : options_.undetectedTTL;
-  found.source = kVerdictSourceAnalysis;
-  found.added = options_.now();
-  SVKSkyvaultResponse response = responseFor(store_.remember(hash, found));
+  SVKSkyvaultResponse response = responseFor(store_.remember(hash, sha1(bytes, length), *found));
   response.options |= kOptionSageUploaded;
   return response;
 }

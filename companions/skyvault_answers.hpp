@@ -11,26 +11,18 @@
 #include <vector>
 
 #include "companions/live_verdict_store.hpp"
-#include "companions/sample_rules.hpp"
+#include "companions/sample_analysis.hpp"
 #include "foundation/error.hpp"
 #include "foundation/value.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 
-struct SkyvaultAnswersOptions {
-  // Null or without a rule: no sample is asked for.
-  std::shared_ptr<const SampleRules> rules;
-  // Bytes. A sample is held in memory as a whole while it is examined.
-  std::uint64_t maximumSampleSize = 64 << 20;
+// No sample is asked for when nothing can be examined.
+struct SkyvaultAnswersOptions : SampleAnalysisOptions {
   std::chrono::seconds scanLimit{60};
-  // How long an asker may keep "unknown", and how long an analysis that found nothing counts: seconds.
+  // How long an asker may keep "unknown": seconds.
   std::uint32_t unknownTTL = 600;
-  std::uint32_t undetectedTTL = 86400;
-  // How long an asker may keep what an analysis found.
-  std::uint32_t detectedTTL = 604800;
-  // Seconds since 1970; for tests.
-  std::int64_t (*now)() = nullptr;
 };
 
 // Any thread.

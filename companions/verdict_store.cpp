@@ -26,6 +26,12 @@ constexpr const char* kAddSQL = "INSERT OR REPLACE INTO sha256_verdicts VALUES (
 constexpr const char* kRemoveSQL = "DELETE FROM sha256_verdicts WHERE sha256 = ?1";
 constexpr const char* kCountSQL = "SELECT verdict, count(*) FROM sha256_verdicts GROUP BY verdict";
 
+constexpr const char* kFindSHA1SQL =
+    "SELECT verdict, infection_name, prevalence, ttl, source, added FROM sha1_verdicts WHERE sha1 = ?1";
+constexpr const char* kAddSHA1SQL =
+    "INSERT OR REPLACE INTO sha1_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+constexpr const char* kRemoveSHA1SQL = "DELETE FROM sha1_verdicts WHERE sha1 = ?1";
+
 constexpr const char* kFindURLSQL =
     "SELECT verdict, infection_name, prevalence, ttl, source, added, categories FROM url_verdicts WHERE key "
     "= ?1";
@@ -55,7 +61,8 @@ bool checkRecord(const StoredVerdict& record, ErrorPtr* error) {
   return false;
 }
 
-bool checkEntry(const VerdictStore::Entry& entry, ErrorPtr* error) {
+template <class Hash>
+bool checkEntry(const std::pair<Hash, StoredVerdict>& entry, ErrorPtr* error) {
   return checkRecord(entry.second, error);
 }
 
@@ -72,8 +79,9 @@ bool checkEntry(const VerdictStore::URLEntry& entry, ErrorPtr* error) {
   return false;
 }
 
-void bindKey(SQLiteStatement& statement, const SHA256Value& sha256) {
-  statement.bindBytes(1, sha256.data(), sha256.size());
+template <std::size_t Size>
+void bindKey(SQLiteStatement& statement, const std::array<std::uint8_t, Size>& hash) {
+  statement.bindBytes(1, hash.data(), hash.size());
 }
 
 void bindKey(SQLiteStatement& statement, const std::string& key) {
@@ -156,8 +164,11 @@ bool isSafetyVerdictValue(std::string_view text) {
   return std::find(values.begin(), values.end(), text) != values.end();
 }
 
-std::optional<SHA256Value> sha256FromHex(std::string_view text) {
-  SHA256Value hash{};
+namespace {
+
+template <class Hash>
+std::optional<Hash> hashFromHex(std::string_view text) {
+  Hash hash{};
   if (text.size() != 2 * hash.size()) return std::nullopt;
   for (std::size_t i = 0; i < hash.size(); ++i) {
     const int high = hexDigit(text[2 * i]), low = hexDigit(text[2 * i + 1]);
@@ -167,6 +178,16 @@ std::optional<SHA256Value> sha256FromHex(std::string_view text) {
   return hash;
 }
 
+}  // namespace
+
+std::optional<SHA256Value> sha256FromHex(std::string_view text) {
+  return hashFromHex<SHA256Value>(text);
+}
+
+std::optional<SHA1Value> sha1FromHex(std::string_view text) {
+  return hashFromHex<SHA1Value>(text);
+}
+
 // Reading and writing have a connection each, so that a lookup never waits for a transaction: a reader in
 // write-ahead mode sees the last committed state.
 struct VerdictStore::Reader {
@@ -174,6 +195,8 @@ struct VerdictStore::Reader {
   // SQLITE_NOTFOUND as long as the store is of a version without records of URLs; somebody else may change
   // that.
   int prepareForURLs();
+  // The same for SHA-1.
+  int prepareForSHA1();
 
   std::mutex mutex;
   SQLiteDatabase database;
@@ -181,6 +204,7 @@ struct VerdictStore::Reader {
   SQLiteStatement count;
   SQLiteStatement findURL;
   SQLiteStatement countURLs;
+  SQLiteStatement findSHA1;
 };
 
 struct VerdictStore::Writer {
@@ -209,6 +233,9 @@ struct VerdictStore::Writer {
   SQLiteStatement importURL;
   SQLiteStatement removeURL;
   SQLiteStatement removeSource;
+  SQLiteStatement findSHA1;
+  SQLiteStatement addSHA1;
+  SQLiteStatement removeSHA1;
   std::string failure;  // what the failed transaction said
 };
 
@@ -239,6 +266,15 @@ int VerdictStore::Reader::prepareForURLs() {
   return database.prepare(kCountURLsSQL, countURLs);
 }
 
+int VerdictStore::Reader::prepareForSHA1() {
+  if (findSHA1) return SQLITE_OK;
+  std::int64_t version = 0;
+  if (const int status = database.queryInteger("PRAGMA user_version", version); status != SQLITE_OK)
+    return status;
+  if (version < kFirstVersionWithSHA1) return SQLITE_NOTFOUND;
+  return database.prepare(kFindSHA1SQL, findSHA1);
+}
+
 int VerdictStore::Writer::prepare() {
   const std::pair<SQLiteStatement&, const char*> statements[] = {{find, kFindSQL},
                                                                  {add, kAddSQL},
@@ -246,7 +282,10 @@ int VerdictStore::Writer::prepare() {
                                                                  {addURL, kAddURLSQL},
                                                                  {importURL, kImportURLSQL},
                                                                  {removeURL, kRemoveURLSQL},
-                                                                 {removeSource, kRemoveSourceSQL}};
+                                                                 {removeSource, kRemoveSourceSQL},
+                                                                 {findSHA1, kFindSHA1SQL},
+                                                                 {addSHA1, kAddSHA1SQL},
+                                                                 {removeSHA1, kRemoveSHA1SQL}};
   for (const auto& [statement, sql] : statements)
     if (const int status = database.prepare(sql, statement); status != SQLITE_OK) return status;
   return SQLITE_OK;
@@ -306,6 +345,18 @@ std::optional<StoredVerdict> VerdictStore::find(const SHA256Value& sha256, Error
   const int status = findWith(reader_->find, sha256, record);
   if (status == SQLITE_ROW) return record;
   if (status != SQLITE_DONE) failWithStatus(error, status, path_, reader_->database.errorMessage());
+  return std::nullopt;
+}
+
+std::optional<StoredVerdict> VerdictStore::find(const SHA1Value& sha1, ErrorPtr* error) {
+  StoredVerdict record;
+  const std::lock_guard lock(reader_->mutex);
+  int status = reader_->prepareForSHA1();
+  if (status == SQLITE_NOTFOUND) return std::nullopt;
+  if (status == SQLITE_OK) status = findWith(reader_->findSHA1, sha1, record);
+  if (status == SQLITE_ROW) return record;
+  if (status != SQLITE_DONE)
+    failWithStatus(error, withoutTable(status), path_, reader_->database.errorMessage());
   return std::nullopt;
 }
 
@@ -374,6 +425,11 @@ bool VerdictStore::add(const std::vector<Entry>& entries, ErrorPtr* error) {
   return putAll(&Writer::add, entries, changed, error);
 }
 
+bool VerdictStore::add(const std::vector<SHA1Entry>& entries, ErrorPtr* error) {
+  std::size_t changed = 0;
+  return putAll(&Writer::addSHA1, entries, changed, error);
+}
+
 bool VerdictStore::addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
   std::size_t changed = 0;
   return putAll(&Writer::addURL, entries, changed, error);
@@ -384,25 +440,33 @@ std::optional<std::size_t> VerdictStore::importURLs(const std::vector<URLEntry>&
   return putAll(&Writer::importURL, entries, changed, error) ? std::optional(changed) : std::nullopt;
 }
 
-std::optional<StoredVerdict> VerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found,
-                                                    ErrorPtr* error) {
+std::optional<StoredVerdict> VerdictStore::remember(const SHA256Value& sha256, const SHA1Value& sha1,
+                                                    const StoredVerdict& found, ErrorPtr* error) {
   if (!checkRecord(found, error)) return std::nullopt;
   StoredVerdict inForce = found;
   const auto work = [&](Writer& writer) {
     StoredVerdict present;
-    const int there = findWith(writer.find, sha256, present);
-    if (there == SQLITE_ROW && present.source != found.source) {
-      inForce = present;
-      return SQLITE_DONE;
+    for (const bool isSHA1 : {false, true}) {
+      const int there =
+          isSHA1 ? findWith(writer.findSHA1, sha1, present) : findWith(writer.find, sha256, present);
+      if (there == SQLITE_ROW && present.source != found.source) {
+        inForce = present;
+        return SQLITE_DONE;
+      }
+      if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
     }
-    if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
-    return putWith(writer.add, Entry(sha256, found));
+    const int put = putWith(writer.add, Entry(sha256, found));
+    return put == SQLITE_DONE ? putWith(writer.addSHA1, SHA1Entry(sha1, found)) : put;
   };
   return change(work, error) ? std::optional(inForce) : std::nullopt;
 }
 
 std::optional<std::size_t> VerdictStore::remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error) {
   return removeAll(&Writer::remove, hashes, error);
+}
+
+std::optional<std::size_t> VerdictStore::remove(const std::vector<SHA1Value>& hashes, ErrorPtr* error) {
+  return removeAll(&Writer::removeSHA1, hashes, error);
 }
 
 std::optional<std::size_t> VerdictStore::removeURLs(const std::vector<std::string>& keys, ErrorPtr* error) {

@@ -1,6 +1,6 @@
-// The local verdict store: what is known about files by the SHA-256 of their content, and about URLs by their
-// keys. An SQLite file in write-ahead mode that several programs may use at once: the Skyvault agent answers
-// from it, qmverdicts edits it.
+// The local verdict store: what is known about files by the SHA-256 or the SHA-1 of their content, and about
+// URLs by their keys. An SQLite file in write-ahead mode that several programs may use at once: the Skyvault
+// agent answers from it, qmverdicts edits it.
 //
 // A store belongs to whoever opened it and may be used from any thread; lookups do not wait for changes.
 // Every change is whole or not made and is on the disk when the call returns.
@@ -66,8 +66,9 @@ inline constexpr std::string_view kVerdictStoreProductPath = "/Library/Quillmars
 // One of the six safety verdict values.
 bool isSafetyVerdictValue(std::string_view text);
 
-// The hash as people and messages write it: 64 hexadecimal digits; nothing for any other text.
+// A hash as people and messages write it: 64 or 40 hexadecimal digits; nothing for any other text.
 std::optional<SHA256Value> sha256FromHex(std::string_view text);
+std::optional<SHA1Value> sha1FromHex(std::string_view text);
 
 class SQLiteStatement;
 
@@ -91,20 +92,25 @@ class VerdictStore {
 
   const std::string& path() const { return path_; }
 
-  // Nothing when the hash is not in the store and, with an error set, when the store cannot be read.
+  // Nothing when the hash is not in the store and, with an error set, when the store cannot be read. A store
+  // of a version that knew no SHA-1, opened for reading, has none.
   std::optional<StoredVerdict> find(const SHA256Value& sha256, ErrorPtr* error = nullptr);
+  std::optional<StoredVerdict> find(const SHA1Value& sha1, ErrorPtr* error = nullptr);
 
   using Entry = std::pair<SHA256Value, StoredVerdict>;
+  using SHA1Entry = std::pair<SHA1Value, StoredVerdict>;
   // Adds all or none; a verdict that is there is replaced.
   [[nodiscard]] bool add(const std::vector<Entry>& entries, ErrorPtr* error = nullptr);
+  [[nodiscard]] bool add(const std::vector<SHA1Entry>& entries, ErrorPtr* error = nullptr);
 
-  // Keeps what an analysis found, unless the hash has a verdict from another source. The verdict in force
-  // afterwards, nothing on failure.
-  std::optional<StoredVerdict> remember(const SHA256Value& sha256, const StoredVerdict& found,
-                                        ErrorPtr* error = nullptr);
+  // Keeps what an analysis found under both hashes, unless one of them has a verdict from another source. The
+  // verdict in force afterwards, nothing on failure.
+  std::optional<StoredVerdict> remember(const SHA256Value& sha256, const SHA1Value& sha1,
+                                        const StoredVerdict& found, ErrorPtr* error = nullptr);
 
   // Removes all or none. How many there were, nothing on failure.
   std::optional<std::size_t> remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error = nullptr);
+  std::optional<std::size_t> remove(const std::vector<SHA1Value>& hashes, ErrorPtr* error = nullptr);
 
   // Records by verdict; nothing on failure.
   using Counts = std::map<std::string, std::uint64_t>;

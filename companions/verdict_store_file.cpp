@@ -38,10 +38,19 @@ constexpr std::array kSchemaSteps = {
     "  added INTEGER NOT NULL,"
     "  categories TEXT NOT NULL"
     ") STRICT, WITHOUT ROWID",
+    "CREATE TABLE sha1_verdicts ("
+    "  sha1 BLOB NOT NULL PRIMARY KEY CHECK (length(sha1) = 20),"
+    "  verdict TEXT NOT NULL,"
+    "  infection_name TEXT,"
+    "  prevalence INTEGER NOT NULL CHECK (prevalence BETWEEN 0 AND 255),"
+    "  ttl INTEGER NOT NULL CHECK (ttl BETWEEN 0 AND 4294967295),"
+    "  source TEXT NOT NULL,"
+    "  added INTEGER NOT NULL"
+    ") STRICT, WITHOUT ROWID",
 };
 constexpr std::int64_t kSchemaVersion = static_cast<std::int64_t>(kSchemaSteps.size());
 
-static_assert(kSchemaVersion >= kFirstVersionWithURLs);
+static_assert(kSchemaVersion >= kFirstVersionWithURLs && kSchemaVersion >= kFirstVersionWithSHA1);
 
 }  // namespace
 

@@ -14,6 +14,8 @@ namespace qm::verdict_store_file {
 
 // The version from which on there are records of URLs.
 inline constexpr std::int64_t kFirstVersionWithURLs = 2;
+// And of files by their SHA-1.
+inline constexpr std::int64_t kFirstVersionWithSHA1 = 3;
 
 void fail(ErrorPtr* error, VerdictStoreError code, std::string text);
 // The error for a result code of SQLite's; `detail` is its own text.

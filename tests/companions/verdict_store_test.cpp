@@ -57,7 +57,7 @@ TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
     bad.infectionName = "\xff\xfe";
     EXPECT_FALSE(store->add({{numbered(3), kMalicious}, {numbered(4), bad}}, &error_));
     EXPECT_EQ(code(), VerdictStoreError::badRecord);
-    EXPECT_EQ(store->remember(numbered(1), kAnalysed), kMalicious);
+    EXPECT_EQ(store->remember(numbered(1), SHA1Value{1}, kAnalysed), kMalicious);
   }
   const auto store = open(Access::readOnly);
   EXPECT_EQ(store->find(numbered(1)), kMalicious);
@@ -68,7 +68,7 @@ TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
 
 TEST_F(VerdictStoreTest, AStoreWithoutURLsIsReadAsItIsAndKeepsItsContentWhenItIsBroughtUpToDate) {
   ASSERT_TRUE(open()->add(entriesFrom(1, 100)));
-  tamper("DROP TABLE url_verdicts; PRAGMA user_version = 1");
+  tamper("DROP TABLE url_verdicts; DROP TABLE sha1_verdicts; PRAGMA user_version = 1");
   const std::string before = contentOf(path_);
   const auto reader = open(Access::readOnly);
   ASSERT_NE(reader, nullptr) << error_->localizedDescription();
@@ -115,7 +115,7 @@ TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesTh
     std::filesystem::remove(path_);
   };
   ASSERT_NE(open(), nullptr);
-  tamper("PRAGMA user_version = 99; CREATE TABLE sha1_verdicts (x)");
+  tamper("PRAGMA user_version = 99; CREATE TABLE later_verdicts (x)");
   expectRefused(VerdictStoreError::newerVersion);
   ASSERT_NE(open(), nullptr);
   tamper("PRAGMA user_version = -1");

@@ -25,7 +25,12 @@ std::string textFromHash(const SHA256Value& hash) {
   return text;
 }
 
-std::optional<SHA256Value> hashOfFile(const std::string& path, std::string& reason) {
+struct Hashes {
+  SHA256Value sha256{};
+  std::optional<SHA1Value> sha1;  // of a file that is there
+};
+
+std::optional<Hashes> hashesOfFile(const std::string& path, std::string& reason) {
   const OpenedFile file = openRegularFile(path, SymbolicLinks::follow);
   if (!file.descriptor) {
     reason = file.errorNumber != 0 ? std::strerror(file.errorNumber)
@@ -48,12 +53,12 @@ std::optional<SHA256Value> hashOfFile(const std::string& path, std::string& reas
   SHA1Value sha1;
   SHA256Value sha256;
   digests.finish(sha1, sha256);
-  return sha256;
+  return Hashes{sha256, sha1};
 }
 
 struct Subject {
   std::string argument;
-  SHA256Value hash{};
+  Hashes hashes;
 };
 
 // What the arguments name: 64 hexadecimal digits are a hash, anything else a file. All failures are reported.
@@ -61,10 +66,10 @@ std::optional<std::vector<Subject>> subjectsFrom(const std::vector<std::string>&
   std::vector<Subject> subjects;
   for (const std::string& argument : arguments) {
     std::string reason;
-    std::optional<SHA256Value> hash = sha256FromHex(argument);
-    if (!hash) hash = hashOfFile(argument, reason);
-    if (hash)
-      subjects.push_back({argument, *hash});
+    const std::optional<SHA256Value> hash = sha256FromHex(argument);
+    const auto hashes = hash ? std::optional(Hashes{*hash, std::nullopt}) : hashesOfFile(argument, reason);
+    if (hashes)
+      subjects.push_back({argument, *hashes});
     else
       report(argument + ": " + reason);
   }
@@ -79,11 +84,16 @@ int addFiles(const Options& options) {
   if (!subjects) return kFailed;
   const StoredVerdict record = recordFrom(options, kVerdictSourceManual);
   std::vector<VerdictStore::Entry> entries;
-  for (const Subject& subject : *subjects) entries.emplace_back(subject.hash, record);
+  std::vector<VerdictStore::SHA1Entry> sha1Entries;
+  for (const Subject& subject : *subjects) {
+    entries.emplace_back(subject.hashes.sha256, record);
+    if (subject.hashes.sha1) sha1Entries.emplace_back(*subject.hashes.sha1, record);
+  }
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
   ErrorPtr error;
-  if (!store->add(entries, &error)) return report(error->localizedDescription());
+  if (!store->add(entries, &error) || !store->add(sha1Entries, &error))
+    return report(error->localizedDescription());
   return kDone;
 }
 
@@ -91,11 +101,16 @@ int removeFiles(const Options& options) {
   const auto subjects = subjectsFrom(options.arguments);
   if (!subjects) return kFailed;
   std::vector<SHA256Value> hashes;
-  for (const Subject& subject : *subjects) hashes.push_back(subject.hash);
+  std::vector<SHA1Value> sha1Hashes;
+  for (const Subject& subject : *subjects) {
+    hashes.push_back(subject.hashes.sha256);
+    if (subject.hashes.sha1) sha1Hashes.push_back(*subject.hashes.sha1);
+  }
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
   ErrorPtr error;
-  const std::optional<std::size_t> removed = store->remove(hashes, &error);
+  const bool isSHA1Removed = store->remove(sha1Hashes, &error).has_value();
+  const auto removed = isSHA1Removed ? store->remove(hashes, &error) : std::nullopt;
   return printRemoved(removed, error);
 }
 
@@ -107,10 +122,10 @@ int showFiles(const Options& options) {
   int status = kDone;
   for (const Subject& subject : *subjects) {
     ErrorPtr error;
-    const std::optional<StoredVerdict> record = store->find(subject.hash, &error);
+    const std::optional<StoredVerdict> record = store->find(subject.hashes.sha256, &error);
     if (error != nullptr) return report(error->localizedDescription());
     if (record) {
-      const std::string hash = textFromHash(subject.hash);
+      const std::string hash = textFromHash(subject.hashes.sha256);
       print(hash, *record, "", sha256FromHex(subject.argument) ? hash : subject.argument);
       continue;
     }
