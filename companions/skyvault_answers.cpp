@@ -43,6 +43,11 @@ bool isWanted(const SVKSkyvaultCategory& category, const std::optional<std::vect
   return !wanted || std::find(wanted->begin(), wanted->end(), category.name) != wanted->end();
 }
 
+std::string_view textIn(const Dictionary& metadata, std::string_view key) {
+  const auto* text = find<std::string>(metadata, key);
+  return text == nullptr ? std::string_view() : *text;
+}
+
 bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
   return known.source == kVerdictSourceAnalysis && known.verdict == SVKSkyvaultSafetyVerdictValueUndetected;
 }
@@ -110,17 +115,22 @@ bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
     const std::int64_t age = options_.now() - known->added;
     if (age >= 0 && age < known->ttl) return false;
   }
-  const Value* size = find(metadata, "file_size");
+  const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
   return contentKindFromMetadata(metadata) != ContentKind::other;
 }
 
+bool SkyvaultAnswers::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
+                           std::optional<StoredVerdict>& known) {
+  if (sha256 && !store_.find(*sha256, known)) return false;
+  return known || !sha1 || store_.find(*sha1, known);
+}
+
 SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
-  const auto* text = qm::find<std::string>(metadata, "sha256");
-  const std::optional<SHA256Value> sha256 = text == nullptr ? std::nullopt : sha256FromHex(*text);
   std::optional<StoredVerdict> known;
-  const bool isUsable = !sha256 || store_.find(*sha256, known);
+  const bool isUsable =
+      find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
   SVKSkyvaultResponse response = known      ? responseFor(*known)
                                  : isUsable ? unknown(0, options_.unknownTTL)
                                             : unknown(kOptionFailed, 0);
@@ -161,8 +171,9 @@ std::optional<SVKSkyvaultResponse> SkyvaultAnswers::analyzeSample(int descriptor
 
 SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::size_t length) {
   const SHA256Value hash = sha256(bytes, length);
+  const SHA1Value otherHash = sha1(bytes, length);
   std::optional<StoredVerdict> known;
-  store_.find(hash, known);
+  find(hash, otherHash, known);
   if (known && known->source != kVerdictSourceAnalysis) {
     SVKSkyvaultResponse response = responseFor(*known);
     response.options |= kOptionSageUploaded;
@@ -182,7 +193,7 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   found.ttl = finding ? options_.detectedTTL : options_.undetectedTTL;
   found.source = kVerdictSourceAnalysis;
   found.added = options_.now();
-  SVKSkyvaultResponse response = responseFor(store_.remember(hash, found));
+  SVKSkyvaultResponse response = responseFor(store_.remember(hash, otherHash, found));
   response.options |= kOptionSageUploaded;
   return response;
 }
