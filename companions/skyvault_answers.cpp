@@ -39,6 +39,11 @@ bool isWanted(const SVKSkyvaultCategory& category, const std::optional<std::vect
   return !wanted || std::find(wanted->begin(), wanted->end(), category.name) != wanted->end();
 }
 
+std::string_view textIn(const Dictionary& metadata, std::string_view key) {
+  const auto* text = find<std::string>(metadata, key);
+  return text == nullptr ? std::string_view() : *text;
+}
+
 enum class ReadOutcome : std::uint8_t { whole, failed, changed };
 
 // Reads what was there when the size was taken. A file that became shorter meanwhile is read as it is now:
@@ -93,17 +98,22 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
                                   const std::optional<StoredVerdict>& known) const {
   if (!options_.canExamine() || (known && isInForce(options_, *known))) return false;
-  const Value* size = find(metadata, "file_size");
+  const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
   return contentKindFromMetadata(metadata) != ContentKind::other;
 }
 
+bool SkyvaultAnswers::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
+                           std::optional<StoredVerdict>& known) {
+  if (sha256 && !store_.find(*sha256, known)) return false;
+  return known || !sha1 || store_.find(*sha1, known);
+}
+
 SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
-  const auto* text = qm::find<std::string>(metadata, "sha256");
-  const std::optional<SHA256Value> sha256 = text == nullptr ? std::nullopt : sha256FromHex(*text);
   std::optional<StoredVerdict> known;
-  const bool isUsable = !sha256 || store_.find(*sha256, known);
+  const bool isUsable =
+      find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
   SVKSkyvaultResponse response = known      ? responseFor(*known)
                                  : isUsable ? unknown(0, options_.unknownTTL)
                                             : unknown(kOptionFailed, 0);
@@ -144,8 +154,9 @@ std::optional<SVKSkyvaultResponse> SkyvaultAnswers::analyzeSample(int descriptor
 
 SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::size_t length) {
   const SHA256Value hash = sha256(bytes, length);
+  const SHA1Value otherHash = sha1(bytes, length);
   std::optional<StoredVerdict> known;
-  store_.find(hash, known);
+  find(hash, otherHash, known);
   if (known && known->source != kVerdictSourceAnalysis) {
     SVKSkyvaultResponse response = responseFor(*known);
     response.options |= kOptionSageUploaded;
@@ -159,7 +170,7 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
     QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
     return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   }
-  SVKSkyvaultResponse response = responseFor(store_.remember(hash, sha1(bytes, length), *found));
+  SVKSkyvaultResponse response = responseFor(store_.remember(hash, otherHash, *found));
   response.options |= kOptionSageUploaded;
   return response;
 }

@@ -113,7 +113,7 @@ class ServedWisp : public RecordedTest {
 TEST_F(ServedWisp, AnswersAboutHashesAndURLsFromTheStore) {
   constexpr const char* kHash = "data://a9993e364706816aba3e25717850c26c9cd0d89d";  // of "abc"
   const SHA1Value hash = sha1("abc", 3);
-  ASSERT_TRUE(openStore()->add({VerdictStore::SHA1Entry(hash, verdict("malicious", "Test.Bad"))}));
+  ASSERT_TRUE(openStore()->addAll({{hash, {verdict("malicious", "Test.Bad"), {}}}}));
   ASSERT_TRUE(
       openStore()->addURLs({{"bad.example", {verdict("unwanted"), {{"adult", true}, {"games", false}}}}}));
   start();
