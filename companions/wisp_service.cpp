@@ -148,11 +148,13 @@ class WispService::Peer final : public QMRWispServiceProtocol, public std::enabl
   template <class Response, class Question>
   void answer(const Work& work, std::uint32_t timeout, const Callback<Response>& callback,
               Question question) {
+    const auto late = [callback] {
+      refuse(callback, WispError::timedOut, "There was no answer within the time-out");
+    };
+    if (timeout == 0) return late();
     const auto limit = std::min(std::chrono::seconds(timeout), service_->options_.longestTimeout);
     const auto deadlines = service_->deadlines_;
-    const auto call = deadlines->begin(CallDeadlines::Clock::now() + limit, [callback] {
-      refuse(callback, WispError::timedOut, "There was no answer within the time-out");
-    });
+    const auto call = deadlines->begin(CallDeadlines::Clock::now() + limit, late);
     const WispAnswers::Scan scan{call.first, [deadlines, call, weak = weak_from_this()] {
                                    return deadlines->isPending(call) && !weak.expired();
                                  }};

@@ -248,12 +248,12 @@ TEST_F(ServedWisp, EveryCallIsAnsweredOnceInItsTimeHoweverMuchIsAskedFor) {
   const URL url = URL::fileURLWithPath(folder.write("script", "#!/bin/sh\n"));
   const auto answers = std::make_shared<Inbox<Answer<CloudScan>>>();
   const auto lost = std::make_shared<Inbox<Answer<CloudScan>>>();
-  for (int i = 0; i < 5; ++i) cloudScan(*client_, url, 1, answers);
+  for (int i = 0; i < 5; ++i) cloudScan(*client_, url, 3, answers);
   EXPECT_EQ(codeOf(answers->waitFor(2)[0].error), static_cast<std::int64_t>(WispError::busy)) << "its share";
-  cloudScan(*gone, url, 1, lost);
+  cloudScan(*gone, url, 3, lost);
   gone->getSettingValueSync(0, nullptr);
   gone->shutdown();
-  for (int i = 0; i < 3; ++i) cloudScan(*other, url, 1, answers);
+  for (int i = 0; i < 3; ++i) cloudScan(*other, url, 3, answers);
   EXPECT_NE(qvs("http://x.example/", 1).response, nullptr) << "look-ups are not held up";
   std::map<std::int64_t, int> codes;
   for (const auto& answer : answers->waitFor(8)) ++codes[codeOf(answer.error)];
