@@ -317,9 +317,7 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
                static_cast<std::int32_t>(timeout), wisp_);
   if (!wispAvailable()) {
     QM_LOG_DEBUG(log(), "Wisp is not yet available, not performing reputation lookup");
-    if (!callback) return;
-    return callback(std::make_shared<QMRURLReputationResult>(
-        kUnknownRating(), std::uint64_t{0}, lookupErrorWithCode(kNotAvailable, "Wisp is not available")));
+    return answerUnrated(lookupErrorWithCode(kNotAvailable, "Wisp is not available"), callback);
   }
   if (useCloudScanForURLLookup()) {
     cloudScan(
