@@ -9,6 +9,8 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
+constexpr const char* kCore = "com.quillmarsh.wisp.qmwpcored";
+
 class WispRoad : public testing::Test {
  protected:
   // The Basalt backend is off, and the settings say that the Wisp service is configured.
@@ -54,7 +56,7 @@ class WispRoad : public testing::Test {
   Installation::Service daemon_;
 };
 
-TEST_F(WispRoad, AFileKnownByItsSHA1GetsItsVerdictAndAnUnknownOneIsScannedInTheBackground) {
+TEST_F(WispRoad, AFileIsKnownByItsSHA1AndAnUnknownDownloadIsScannedAndKnownFromThenOn) {
   const ReputationPeer peer;
   const XPCDictionary reply = peer.ask(files_ / "bad");
   EXPECT_EQ(reply.value("reputationVerdict"), XPCObject::int64(0));
@@ -64,6 +66,7 @@ TEST_F(WispRoad, AFileKnownByItsSHA1GetsItsVerdictAndAnUnknownOneIsScannedInTheB
 
   const fs::path unknown = file("eicar.com", standardTestFile());
   EXPECT_EQ(peer.ask(unknown).value("reputationVerdict"), XPCObject::int64(1));
+  EXPECT_EQ(peer.ask(unknown, true).value("reputationVerdict"), XPCObject::int64(0));
   EXPECT_TRUE(
       eventually([&] { return peer.ask(unknown).value("reputationVerdict") == XPCObject::int64(0); }));
   EXPECT_THAT(errorState(), Not(HasSubstr("wisp-error")));
@@ -71,17 +74,18 @@ TEST_F(WispRoad, AFileKnownByItsSHA1GetsItsVerdictAndAnUnknownOneIsScannedInTheB
   EXPECT_EQ(core_->wait(), 128 + SIGTERM);
 }
 
-// Held up first, so that the request is under way.
 TEST_F(WispRoad, ARequestWhoseDaemonDiesIsLetGoOfAndItsSuccessorAnswersTheNext) {
-  ::kill(core_->pid(), SIGSTOP);
+  core_->end(SIGKILL);
+  Inbox<XPCDictionary> calls;  // never answered
+  ScriptedService mute(kCore, [&](const XPCDictionary& call) { calls.put(call); });
   const ReputationPeer peer;
   const auto waiting = peer.send(requestFor(files_ / "bad"));
-  EXPECT_TRUE(eventually([&] { return openDescriptors(daemon_->pid(), files_ / "bad") == 1; }));
-  core_->end(SIGKILL);
+  EXPECT_TRUE(calls.take());
+  mute.end();
   EXPECT_EQ(waiting->waitForOne().type(), XPCType::error);
-  EXPECT_TRUE(showsError("409")) << errorState();
+  EXPECT_TRUE(showsError("4097")) << errorState();
   core_ = installation_.startWispCore();
-  EXPECT_TRUE(isAnswered());
+  EXPECT_EQ(peer.ask(files_ / "bad").value("reputationVerdict"), XPCObject::int64(0)) << "by the same client";
   EXPECT_TRUE(showsNoError()) << errorState();
 }
 
@@ -91,7 +95,7 @@ TEST_F(WispRoad, ADaemonThatIsSilentIsAnErrorAfterItsTimeAndASecond) {
   const XPCDictionary reply = ReputationPeer().ask(files_ / "bad");
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
   EXPECT_EQ(reply.value("ttl"), XPCObject::int64(1));
-  EXPECT_EQ(reply.getString("error-string"), "The Wisp core daemon gave no answer");
+  EXPECT_THAT(reply.getString("error-string").value_or(""), HasSubstr("The Wisp core daemon gave no answer"));
   EXPECT_FALSE(reply.value("reputationVerdict"));
   EXPECT_TRUE(showsError("0")) << errorState();
   ::kill(core_->pid(), SIGCONT);
@@ -121,7 +125,7 @@ TEST_F(WispRoad, AnAnswerOfForeignClassesIsAnErrorAndTheNextGoodOneClearsIt) {
   };
   std::atomic<std::size_t> index = 0;
   core_->end(SIGKILL);
-  ScriptedService core("com.quillmarsh.wisp.qmwpcored", [&](const XPCDictionary& request) {
+  ScriptedService core(kCore, [&](const XPCDictionary& request) {
     XPCDictionary reply = request.createReply();
     XPCArray values = XPCArray::create();
     values.append(answers[index].first);
