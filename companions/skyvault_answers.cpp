@@ -48,8 +48,12 @@ std::string_view textIn(const Dictionary& metadata, std::string_view key) {
   return text == nullptr ? std::string_view() : *text;
 }
 
-bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
-  return known.source == kVerdictSourceAnalysis && known.verdict == SVKSkyvaultSafetyVerdictValueUndetected;
+// An outcome that counts no longer at the time, or that the rules as they are now may not give.
+bool isOutdated(const StoredVerdict& known, std::int64_t now, std::int64_t rulesChanged) {
+  if (known.source != kVerdictSourceAnalysis) return false;
+  if (known.added < std::min(rulesChanged, now)) return true;
+  const std::int64_t age = now - known.added;
+  return known.verdict == SVKSkyvaultSafetyVerdictValueUndetected && (age < 0 || age >= known.ttl);
 }
 
 enum class ReadOutcome : std::uint8_t { whole, failed, changed };
@@ -75,7 +79,12 @@ SkyvaultAnswers::SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions o
         if (options.now == nullptr) options.now = currentSeconds;
         return std::move(options);
       }()),
+      rules_(Rules{options_.rules, 0}),
       store_(std::move(storePath)) {}
+
+void SkyvaultAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed) {
+  rules_.set({std::move(rules), changed});
+}
 
 SVKSkyvaultResponse SkyvaultAnswers::unknown(std::uint64_t options, std::uint32_t ttl) const {
   SVKSkyvaultResponse response;
@@ -109,12 +118,9 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
                                   const std::optional<StoredVerdict>& known) const {
-  if (options_.rules == nullptr || options_.rules->count() == 0) return false;
-  if (known) {
-    if (!isFromAnalysisThatFoundNothing(*known)) return false;
-    const std::int64_t age = options_.now() - known->added;
-    if (age >= 0 && age < known->ttl) return false;
-  }
+  const Rules rules = rules_.get();
+  if (rules.compiled == nullptr || rules.compiled->count() == 0) return false;
+  if (known && !isOutdated(*known, options_.now(), rules.changed)) return false;
   const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
@@ -179,10 +185,10 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
     response.options |= kOptionSageUploaded;
     return response;
   }
-  if (options_.rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
+  const std::shared_ptr<const SampleRules> rules = rules_.get().compiled;
+  if (rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   ErrorPtr error;
-  const std::optional<SampleFinding> finding =
-      options_.rules->scan(bytes, length, options_.scanLimit, &error);
+  const std::optional<SampleFinding> finding = rules->scan(bytes, length, options_.scanLimit, &error);
   if (error != nullptr) {
     QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
     return unknown(kOptionSageFailed | kOptionSageUploaded, 0);

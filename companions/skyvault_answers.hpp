@@ -13,13 +13,14 @@
 #include "companions/live_verdict_store.hpp"
 #include "companions/sample_rules.hpp"
 #include "foundation/error.hpp"
+#include "foundation/property.hpp"
 #include "foundation/value.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 
 struct SkyvaultAnswersOptions {
-  // Null or without a rule: no sample is asked for.
+  // Null or without a rule: no sample is asked for. Others may take their place later.
   std::shared_ptr<const SampleRules> rules;
   // Bytes. A sample is held in memory as a whole while it is examined.
   std::uint64_t maximumSampleSize = 64 << 20;
@@ -40,6 +41,10 @@ class SkyvaultAnswers {
 
   // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same.
   bool prepare() { return store_.open(); }
+
+  // From now on samples are examined with these. What analyses found before the rules were changed (seconds
+  // since 1970) is answered, but such a file is asked for again.
+  void setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed);
 
   SVKSkyvaultResponse lookUp(const SHA256Value& sha256);
   // The record of the URL itself, else that of its host, else that of the closest domain above it. With a
@@ -65,7 +70,13 @@ class SkyvaultAnswers {
             std::optional<StoredVerdict>& known);
   SVKSkyvaultResponse examine(const std::uint8_t* bytes, std::size_t length);
 
+  struct Rules {
+    std::shared_ptr<const SampleRules> compiled;
+    std::int64_t changed = 0;
+  };
+
   const SkyvaultAnswersOptions options_;
+  Property<Rules> rules_;
   LiveVerdictStore store_;
 };
 

@@ -1,15 +1,15 @@
 // The Skyvault agent: answers the reputation daemon's questions about files and URLs from the local verdict
 // store and examines the samples it asked for. Serves until it is killed; the store survives that at any
 // moment.
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
 
-#include "companions/sample_rules.hpp"
+#include "companions/live_sample_rules.hpp"
 #include "companions/skyvault_answers.hpp"
 #include "companions/skyvault_service.hpp"
-#include "foundation/log.hpp"
 #include "platform/process_limits.hpp"
 #include "platform/queue.hpp"
 #include "platform/service_manager.hpp"
@@ -23,26 +23,8 @@
 
 namespace {
 
-qm::Log& log() {
-  static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "skyvaultd");
-  return log;
-}
-
 std::string installedPath(std::string_view productPath) {
   return qm::hostPath(QMRNamespace::namespacedWithPath(productPath));
-}
-
-std::shared_ptr<const qm::SampleRules> loadRules() {
-  const std::string folder = installedPath("/Library/Quillmarsh/qxmac/rules");
-  qm::ErrorPtr error;
-  auto rules = qm::SampleRules::compileFolder(folder, nullptr, &error);
-  if (rules == nullptr)
-    QM_LOG_ERROR(log(), "Samples cannot be examined: %{public}@", error);
-  else if (rules->count() == 0)
-    QM_LOG_ERROR(log(), "There are no sample rules in %{public}@, no sample is asked for", folder);
-  else
-    QM_LOG(log(), "%zu sample rules from %{public}@", rules->count(), folder);
-  return rules;
 }
 
 }  // namespace
@@ -50,10 +32,13 @@ std::shared_ptr<const qm::SampleRules> loadRules() {
 int main() {
   qm::raiseDescriptorLimit();
   qm::installSystemLog();
-  qm::SkyvaultAnswersOptions options;
-  options.rules = loadRules();
-  const auto answers =
-      std::make_shared<qm::SkyvaultAnswers>(installedPath(qm::kVerdictStoreProductPath), std::move(options));
+  const auto answers = std::make_shared<qm::SkyvaultAnswers>(installedPath(qm::kVerdictStoreProductPath),
+                                                             qm::SkyvaultAnswersOptions());
+  const qm::LiveSampleRules rules(
+      installedPath("/Library/Quillmarsh/qxmac/rules"),
+      [answers](std::shared_ptr<const qm::SampleRules> compiled, std::int64_t changed) {
+        answers->setRules(std::move(compiled), changed);
+      });
   answers->prepare();
 
   const auto validator = std::make_shared<QRMXPCConnectionValidator>();
