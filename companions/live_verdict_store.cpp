@@ -30,8 +30,11 @@ LiveVerdictStore::FileState LiveVerdictStore::fileState() const {
   return {true, status.device, status.inode};
 }
 
-// A store that may only be read still answers; nothing new is remembered then.
+// A store that may only be read still answers; nothing new is remembered then. One that is damaged is not
+// made worse.
 std::shared_ptr<VerdictStore> LiveVerdictStore::openStore(ErrorPtr* error) const {
+  if (damaged_.exists && fileState() == damaged_)
+    return VerdictStore::open(path_, VerdictStore::Access::readOnly, error);
   std::shared_ptr<VerdictStore> store = VerdictStore::open(path_, VerdictStore::Access::readWrite, error);
   if (store != nullptr ||
       (!is(*error, VerdictStoreError::readOnly) && !is(*error, VerdictStoreError::cannotOpen)))
@@ -81,6 +84,7 @@ void LiveVerdictStore::noteSuccess() {
 void LiveVerdictStore::abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error) {
   const std::lock_guard lock(mutex_);
   if (store_ != store) return;
+  if (is(error, VerdictStoreError::damaged)) damaged_ = opened_;
   store_ = nullptr;
   noteFailure(error);
 }

@@ -66,6 +66,7 @@ class LiveVerdictStore {
   std::mutex mutex_;
   std::shared_ptr<VerdictStore> store_;
   FileState opened_;               // what store_ has open, or what failed
+  FileState damaged_;              // is only read from then on
   Clock::time_point lastFailure_;  // when store_ is null
   std::string complaint_;          // what the log says about the failure that lasts
   std::atomic<bool> isFailing_ = false;

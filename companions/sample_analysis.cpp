@@ -1,5 +1,9 @@
 #include "companions/sample_analysis.hpp"
 
+#include <algorithm>
+#include <utility>
+
+#include "foundation/value.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
@@ -8,28 +12,51 @@ std::int64_t SampleAnalysisOptions::currentSeconds() {
   return Date::now().nanosecondsSince1970 / 1'000'000'000;
 }
 
-std::optional<StoredVerdict> analyzeSample(const SampleAnalysisOptions& options, const void* bytes,
-                                           std::size_t length, std::chrono::seconds limit, ErrorPtr* error) {
+SampleAnalysis::SampleAnalysis(const SampleAnalysisOptions& options)
+    : undetectedTTL_(options.undetectedTTL),
+      detectedTTL_(options.detectedTTL),
+      now_(options.now),
+      rules_(Rules{options.rules, 0}) {}
+
+void SampleAnalysis::setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed) {
+  rules_.set({std::move(rules), changed});
+}
+
+bool SampleAnalysis::canExamine() const {
+  const std::shared_ptr<const SampleRules> rules = rules_.get().compiled;
+  return rules != nullptr && rules->count() > 0;
+}
+
+std::optional<StoredVerdict> SampleAnalysis::analyze(const void* bytes, std::size_t length,
+                                                     std::chrono::seconds limit, ErrorPtr* error) const {
+  const std::shared_ptr<const SampleRules> rules = rules_.get().compiled;
+  if (rules == nullptr) {
+    setError(error, makeError(kSampleRulesErrorDomain, static_cast<std::int64_t>(SampleRulesError::failed),
+                              {{kLocalizedDescriptionKey, "There are no sample rules"}}));
+    return std::nullopt;
+  }
+  StoredVerdict found;
+  // When it began: rules that change meanwhile make it be repeated.
+  found.added = now_();
   ErrorPtr failure;
-  const std::optional<SampleFinding> finding = options.rules->scan(bytes, length, limit, &failure);
+  const std::optional<SampleFinding> finding = rules->scan(bytes, length, limit, &failure);
   if (failure != nullptr) {
     setError(error, failure);
     return std::nullopt;
   }
-  StoredVerdict found;
   found.verdict = finding ? finding->verdict : SVKSkyvaultSafetyVerdictValueUndetected;
   if (finding) found.infectionName = finding->infectionName;
-  found.ttl = finding ? options.detectedTTL : options.undetectedTTL;
+  found.ttl = finding ? detectedTTL_ : undetectedTTL_;
   found.source = kVerdictSourceAnalysis;
-  found.added = options.now();
   return found;
 }
 
-bool isInForce(const SampleAnalysisOptions& options, const StoredVerdict& known) {
-  if (known.source != kVerdictSourceAnalysis || known.verdict != SVKSkyvaultSafetyVerdictValueUndetected)
-    return true;
-  const std::int64_t age = options.now() - known.added;
-  return age >= 0 && age < known.ttl;
+bool SampleAnalysis::isInForce(const StoredVerdict& known) const {
+  if (known.source != kVerdictSourceAnalysis) return true;
+  const std::int64_t now = now_();
+  if (known.added < std::min(rules_.get().changed, now)) return false;
+  const std::int64_t age = now - known.added;
+  return known.verdict != SVKSkyvaultSafetyVerdictValueUndetected || (age >= 0 && age < known.ttl);
 }
 
 }  // namespace qm

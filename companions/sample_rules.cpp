@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "companions/verdict_store.hpp"
 #include "foundation/log.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
@@ -17,8 +18,6 @@
 namespace qm {
 
 namespace {
-
-constexpr std::uintmax_t kMaximumRuleFileSize = 4 << 20;
 
 // The verdicts a rule may give, the worst first.
 constexpr std::array<std::string_view, 3> kRuleVerdicts = {SVKSkyvaultSafetyVerdictValueMalicious,
@@ -108,17 +107,26 @@ Attempt attemptCompile(const std::vector<const SampleRuleSource*>& sources) {
   return attempt;
 }
 
+// Why a match of the rule could not be told of; empty when it can.
+std::string_view mistakeInMeta(const YR_RULE* rule) {
+  if (RULE_IS_PRIVATE(rule)) return {};
+  if (verdictRank(rule) == kRuleVerdicts.size()) return "says no verdict of malicious, unwanted or pu";
+  if (!isRecordText(metaText(rule, "name").value_or("")))
+    return "has a name of more than 255 bytes, with control characters or not UTF-8";
+  return {};
+}
+
 // A rule that could match without saying what that means makes its source a mistaken one.
-void findRuleWithoutVerdict(const std::vector<const SampleRuleSource*>& sources, Attempt& attempt) {
+void findRuleOfNoUse(const std::vector<const SampleRuleSource*>& sources, Attempt& attempt) {
   const YR_RULE* rule = nullptr;
   yr_rules_foreach(attempt.rules.get(), rule) {
-    if (RULE_IS_PRIVATE(rule) || verdictRank(rule) < kRuleVerdicts.size()) continue;
+    const std::string_view mistake = mistakeInMeta(rule);
+    if (mistake.empty()) continue;
     const auto source = std::find_if(sources.begin(), sources.end(), [&](const SampleRuleSource* each) {
       return each->name == rule->ns->name;
     });
     attempt.mistaken = static_cast<std::size_t>(source - sources.begin());
-    attempt.reason =
-        std::string("rule ") + rule->identifier + " says no verdict of malicious, unwanted or pu";
+    attempt.reason = std::string("rule ") + rule->identifier + " " + std::string(mistake);
     return;
   }
 }
@@ -144,9 +152,9 @@ int noteMatch(YR_SCAN_CONTEXT*, int message, void* data, void* context) {
   return CALLBACK_CONTINUE;
 }
 
-void reject(const std::string& name, const std::string& reason, std::vector<std::string>* rejected) {
+void reject(const std::string& name, const std::string& reason, std::vector<RejectedRules>* rejected) {
   QM_LOG_ERROR(log(), "Sample rules %{public}@ are left out: %{public}@", name, reason);
-  if (rejected != nullptr) rejected->push_back(name + ": " + reason);
+  if (rejected != nullptr) rejected->push_back({name, reason});
 }
 
 std::vector<std::string> ruleFilesIn(const std::string& folder) {
@@ -171,7 +179,8 @@ SampleRules::SampleRules(std::unique_ptr<Compiled> compiled, std::size_t count)
 SampleRules::~SampleRules() = default;
 
 std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<SampleRuleSource>& sources,
-                                                        std::vector<std::string>* rejected, ErrorPtr* error) {
+                                                        std::vector<RejectedRules>* rejected,
+                                                        ErrorPtr* error) {
   if (const int status = libraryStatus(); status != ERROR_SUCCESS) {
     fail(error, SampleRulesError::failed, "The rule library does not start: " + std::to_string(status) + ".");
     return nullptr;
@@ -181,7 +190,7 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
   // A compiler that met a mistake is of no further use: start anew without the source that had it.
   for (;;) {
     Attempt attempt = attemptCompile(remaining);
-    if (attempt.rules != nullptr) findRuleWithoutVerdict(remaining, attempt);
+    if (attempt.rules != nullptr) findRuleOfNoUse(remaining, attempt);
     if (attempt.mistaken && *attempt.mistaken < remaining.size()) {
       reject(remaining[*attempt.mistaken]->name, attempt.reason, rejected);
       remaining.erase(remaining.begin() + static_cast<std::ptrdiff_t>(*attempt.mistaken));
@@ -201,14 +210,13 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
   }
 }
 
-std::shared_ptr<const SampleRules> SampleRules::compileFolder(const std::string& folder,
-                                                              std::vector<std::string>* rejected,
-                                                              ErrorPtr* error) {
+std::vector<SampleRuleSource> SampleRules::readFolder(const std::string& folder,
+                                                      std::vector<RejectedRules>* rejected) {
   std::vector<SampleRuleSource> sources;
   for (const std::string& file : ruleFilesIn(folder)) {
     FileStatus status;
     if (!statPath(file.c_str(), status) || !status.isRegularFile ||
-        static_cast<std::uintmax_t>(status.size) > kMaximumRuleFileSize) {
+        static_cast<std::uintmax_t>(status.size) > kMaximumFileSize) {
       reject(file, "not a regular file of at most 4 MiB", rejected);
       continue;
     }
@@ -219,7 +227,13 @@ std::shared_ptr<const SampleRules> SampleRules::compileFolder(const std::string&
     else
       reject(file, readError == nullptr ? "cannot be read" : readError->localizedDescription(), rejected);
   }
-  return compile(sources, rejected, error);
+  return sources;
+}
+
+std::shared_ptr<const SampleRules> SampleRules::compileFolder(const std::string& folder,
+                                                              std::vector<RejectedRules>* rejected,
+                                                              ErrorPtr* error) {
+  return compile(readFolder(folder, rejected), rejected, error);
 }
 
 std::optional<SampleFinding> SampleRules::scan(const void* bytes, std::size_t length,

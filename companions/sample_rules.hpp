@@ -3,6 +3,7 @@
 //
 // A rule says in its meta data what a match means: `verdict` ("malicious", "unwanted" or "pu") and `name`,
 // the infection name (the rule's identifier when there is none). Private rules are helpers and need neither.
+// No rule file reads another: `include` is a mistake.
 #pragma once
 
 #include <chrono>
@@ -30,6 +31,14 @@ enum class SampleRulesError : std::int64_t {
 struct SampleRuleSource {
   std::string name;
   std::string text;
+
+  friend bool operator==(const SampleRuleSource&, const SampleRuleSource&) = default;
+};
+
+// A source that was left out.
+struct RejectedRules {
+  std::string name;
+  std::string reason;  // with the line of the first mistake
 };
 
 struct SampleFinding {
@@ -41,15 +50,21 @@ struct SampleFinding {
 
 class SampleRules {
  public:
-  // A source with a mistake is left out, with an error line in the log and, when `rejected` is given, its
-  // name and reason there; the others still count. Null with kSampleRulesErrorDomain only when the rule
-  // library fails as such. No sources make rules that find nothing.
+  // Bytes; a larger rule file is left out.
+  static constexpr std::uintmax_t kMaximumFileSize = 4 << 20;
+
+  // A source with a mistake is left out, with an error line in the log and, when `rejected` is given, there;
+  // the others still count. Null with kSampleRulesErrorDomain only when the rule library fails as such. No
+  // sources make rules that find nothing.
   static std::shared_ptr<const SampleRules> compile(const std::vector<SampleRuleSource>& sources,
-                                                    std::vector<std::string>* rejected = nullptr,
+                                                    std::vector<RejectedRules>* rejected = nullptr,
                                                     ErrorPtr* error = nullptr);
-  // All *.yar files of the folder, by name; a missing folder has none.
+  // All *.yar files of the folder, by name; a missing folder has none. What cannot be read is left out as
+  // above.
+  static std::vector<SampleRuleSource> readFolder(const std::string& folder,
+                                                  std::vector<RejectedRules>* rejected = nullptr);
   static std::shared_ptr<const SampleRules> compileFolder(const std::string& folder,
-                                                          std::vector<std::string>* rejected = nullptr,
+                                                          std::vector<RejectedRules>* rejected = nullptr,
                                                           ErrorPtr* error = nullptr);
   ~SampleRules();
   SampleRules(const SampleRules&) = delete;

@@ -63,7 +63,11 @@ ReadOutcome readWhole(int descriptor, const ReadBuffer& buffer, std::size_t size
 }  // namespace
 
 SkyvaultAnswers::SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions options)
-    : options_(std::move(options)), store_(std::move(storePath)) {}
+    : options_(std::move(options)), analysis_(options_), store_(std::move(storePath)) {}
+
+void SkyvaultAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed) {
+  analysis_.setRules(std::move(rules), changed);
+}
 
 SVKSkyvaultResponse SkyvaultAnswers::unknown(std::uint64_t options, std::uint32_t ttl) const {
   SVKSkyvaultResponse response;
@@ -97,7 +101,7 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
                                   const std::optional<StoredVerdict>& known) const {
-  if (!options_.canExamine() || (known && isInForce(options_, *known))) return false;
+  if (!analysis_.canExamine() || (known && analysis_.isInForce(*known))) return false;
   const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
@@ -162,10 +166,8 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
     response.options |= kOptionSageUploaded;
     return response;
   }
-  if (options_.rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   ErrorPtr error;
-  const std::optional<StoredVerdict> found =
-      qm::analyzeSample(options_, bytes, length, options_.scanLimit, &error);
+  const std::optional<StoredVerdict> found = analysis_.analyze(bytes, length, options_.scanLimit, &error);
   if (!found) {
     QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
     return unknown(kOptionSageFailed | kOptionSageUploaded, 0);

@@ -33,6 +33,10 @@ class SkyvaultAnswers {
   // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same.
   bool prepare() { return store_.open(); }
 
+  // From now on samples are examined with these. What analyses found before the rules were changed (seconds
+  // since 1970) is answered, but such a file is asked for again.
+  void setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed);
+
   SVKSkyvaultResponse lookUp(const SHA256Value& sha256);
   // The record of the URL itself, else that of its host, else that of the closest domain above it. With a
   // filter only those of its categories that the filter names.
@@ -58,6 +62,7 @@ class SkyvaultAnswers {
   SVKSkyvaultResponse examine(const std::uint8_t* bytes, std::size_t length);
 
   const SkyvaultAnswersOptions options_;
+  SampleAnalysis analysis_;
   LiveVerdictStore store_;
 };
 

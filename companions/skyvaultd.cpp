@@ -1,12 +1,13 @@
 // The Skyvault agent: answers the reputation daemon's questions about files and URLs from the local verdict
 // store and examines the samples it asked for. Serves until it is killed; the store survives that at any
 // moment.
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <utility>
 
 #include "companions/companion_program.hpp"
-#include "companions/installed_rules.hpp"
+#include "companions/live_sample_rules.hpp"
 #include "companions/skyvault_answers.hpp"
 #include "companions/skyvault_service.hpp"
 #include "platform/process_limits.hpp"
@@ -22,10 +23,13 @@
 int main() {
   qm::raiseDescriptorLimit();
   qm::installSystemLog();
-  qm::SkyvaultAnswersOptions options;
-  options.rules = qm::loadInstalledRules();
   const auto answers = std::make_shared<qm::SkyvaultAnswers>(qm::installedPath(qm::kVerdictStoreProductPath),
-                                                             std::move(options));
+                                                             qm::SkyvaultAnswersOptions());
+  const qm::LiveSampleRules rules(
+      qm::installedPath(qm::kSampleRulesProductPath),
+      [answers](std::shared_ptr<const qm::SampleRules> compiled, std::int64_t changed) {
+        answers->setRules(std::move(compiled), changed);
+      });
   answers->prepare();
 
   const auto validator = std::make_shared<QRMXPCConnectionValidator>();

@@ -143,7 +143,15 @@ ErrorPtr errorOfAnalysis(const ErrorPtr& error) {
 }  // namespace
 
 WispAnswers::WispAnswers(std::string storePath, WispAnswersOptions options)
-    : options_(std::move(options)), store_(std::move(storePath)), cache_(options_.rememberedFiles) {}
+    : options_(std::move(options)),
+      analysis_(options_),
+      store_(std::move(storePath)),
+      cache_(options_.rememberedFiles) {}
+
+void WispAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed) {
+  analysis_.setRules(std::move(rules), changed);
+  cache_.clear();
+}
 
 // --- Look-ups ---
 
@@ -199,7 +207,7 @@ WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const S
   }
   if (const auto remembered = rememberedVerdict(status)) return cloudScanResponse(*remembered);
 
-  const bool isExamined = options_.canExamine() && size <= options_.maximumSampleSize;
+  const bool isExamined = analysis_.canExamine() && size <= options_.maximumSampleSize;
   // One byte more than there is to be: reading it shows that the file grew.
   Content content(size, isExamined ? size + 1 : kPortion);
   if (!content.buffer) {
@@ -211,9 +219,9 @@ WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const S
   ScannedFile& scanned = content.hashes;
   std::optional<StoredVerdict> known;
   const bool isUsable = find(scanned, known);
-  if (isExamined && (!known || !isInForce(options_, *known))) {
+  if (isExamined && (!known || !analysis_.isInForce(*known))) {
     ErrorPtr failure;
-    known = analyzeSample(options_, content.buffer.bytes(), size, limitOf(its), &failure);
+    known = analysis_.analyze(content.buffer.bytes(), size, limitOf(its), &failure);
     if (!known) {
       setError(error, errorOfAnalysis(failure));
       return nullptr;
@@ -238,9 +246,11 @@ std::optional<StoredVerdict> WispAnswers::rememberedVerdict(const FileStatus& st
   if (!scanned) return std::nullopt;
   std::optional<StoredVerdict> known;
   find(*scanned, known);
-  if (known) return isInForce(options_, *known) ? known : std::nullopt;
-  const bool isOwn = scanned->verdict.source == kVerdictSourceAnalysis || scanned->verdict.source.empty();
-  return isOwn ? std::optional(scanned->verdict) : std::nullopt;
+  if (!known) {
+    known = scanned->verdict;
+    if (known->source != kVerdictSourceAnalysis && !known->source.empty()) return std::nullopt;
+  }
+  return analysis_.isInForce(*known) ? known : std::nullopt;
 }
 
 void WispAnswers::cache(const FileStatus& before, int descriptor, const ScannedFile& scanned) {

@@ -40,6 +40,10 @@ class WispAnswers {
   // nothing is known then, and nobody may keep that.
   bool prepare() { return store_.open(); }
 
+  // From now on files are examined with these. What analyses found before the rules were changed (seconds
+  // since 1970) is found out anew.
+  void setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed);
+
   QvsResponse lookUp(const SHA1Value& sha1);
   // The record of the URL itself, else that of its host, else that of the closest domain above it.
   QvsResponse lookUp(const WebURL& url);
@@ -68,6 +72,7 @@ class WispAnswers {
   void cache(const FileStatus& before, int descriptor, const ScannedFile& scanned);
 
   const WispAnswersOptions options_;
+  SampleAnalysis analysis_;
   LiveVerdictStore store_;
   ScanCache cache_;
 };

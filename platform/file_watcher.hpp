@@ -1,5 +1,6 @@
 // Says when the file at a path may have changed, whoever changed it and however: written in place, replaced,
-// created, removed, also together with folders on the way to it.
+// created, removed, also together with folders on the way to it. The file may be a folder: then also when
+// something directly in it is written, comes or goes.
 #pragma once
 
 #include <chrono>

@@ -43,7 +43,7 @@ bool readInotifyEvents(int inotify, const std::function<void(const InotifyEvent&
     inotify_event event;
     std::memcpy(&event, buffer.data() + offset, sizeof event);
     const std::string_view name = event.len == 0 ? "" : buffer.data() + offset + sizeof event;
-    body({event.mask, name});
+    body({event.wd, event.mask, name});
     offset += sizeof event + event.len;
   }
   return true;

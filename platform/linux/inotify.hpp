@@ -25,6 +25,7 @@ std::vector<int> watchFoldersOnTheWay(int inotify, const std::vector<std::string
                                       std::uint32_t lastFolderEvents);
 
 struct InotifyEvent {
+  int watch = -1;  // the descriptor of the watch; -1 when events were lost
   std::uint32_t mask = 0;
   std::string_view name;  // of what is in the folder; empty for the watched itself, and when events were lost
 };

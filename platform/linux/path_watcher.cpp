@@ -21,7 +21,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint32_t kFileEvents = IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+// Of the file itself; where it is a folder, of what it holds, too.
+constexpr std::uint32_t kFileEvents =
+    IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_CREATE | IN_DELETE | IN_MOVE;
 
 int millisecondsUntil(Clock::time_point time) {
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now());
@@ -88,8 +90,9 @@ void PathWatcher::watchAnew() {
   if (!fresh) return;
   const std::vector<std::string> folders = foldersOnTheWay("/", stringByDeletingLastPathComponent(path_));
   const std::vector<int> watches = watchFoldersOnTheWay(fresh.get(), folders, kFolderEvents | IN_CLOSE_WRITE);
-  // Also by itself, for a file reached through a link.
-  if (watches.size() == folders.size()) ::inotify_add_watch(fresh.get(), path_.c_str(), kFileEvents);
+  // Also by itself, for a file reached through a link and for what a folder holds.
+  fileWatch_ =
+      watches.size() == folders.size() ? ::inotify_add_watch(fresh.get(), path_.c_str(), kFileEvents) : -1;
   inotify_ = std::move(fresh);
 }
 
@@ -99,8 +102,8 @@ bool PathWatcher::drainEvents() {
   bool concerned = false;
   // Other files of the folders on the way come and go: only names that are part of the path count.
   const auto look = [&](const InotifyEvent& event) {
-    concerned =
-        concerned || event.name.empty() || std::find(names.begin(), names.end(), event.name) != names.end();
+    concerned = concerned || event.name.empty() || event.watch == fileWatch_ ||
+                std::find(names.begin(), names.end(), event.name) != names.end();
   };
   while (readInotifyEvents(inotify_.get(), look)) {
   }

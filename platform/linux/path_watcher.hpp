@@ -36,6 +36,7 @@ class PathWatcher {
   const Handler handler_;
   const FileDescriptor stop_;  // an eventfd, readable when the thread is to end
   FileDescriptor inotify_;     // the thread's own
+  int fileWatch_ = -1;         // that of the file itself, where there is one
   std::thread thread_;
 };
 

@@ -1,5 +1,6 @@
-#include "companions/sample_rules.hpp"
+#include "companions/live_sample_rules.hpp"
 
+#include "foundation/property.hpp"
 #include "support/testing.hpp"
 #include "tests/companions/samples.hpp"
 
@@ -16,26 +17,31 @@ std::string rule(const std::string& name, const std::string& meta, const std::st
 
 TEST(SampleRules, AFileWithAMistakeIsLeftOutByNameAndOfTheOthersTheWorstMatchCounts) {
   const std::string bad = "verdict = \"malicious\"";
-  std::vector<std::string> rejected;
+  std::vector<RejectedRules> rejected;
   const auto rules =
       SampleRules::compile({{"grammar.yar", "rule broken { nonsense }"},
                             {"good.yar", rule("same_name", bad, "abc")},
                             {"praise.yar", rule("praises", "verdict = \"known_clean\"", "abc")},
                             {"include.yar", "include \"/etc/passwd\"\n" + rule("reads", bad, "abc")},
+                            {"name.yar", rule("named", bad + " name = \"a\\nb\"", "abc")},
                             {"also_good.yar", rule("same_name", "verdict = \"pu\" name = \"P\"", "xyz") +
                                                   rule("third", "verdict = \"unwanted\"", "xy")}},
                            &rejected);
-  EXPECT_THAT(rejected,
+  std::vector<std::string> reasons;
+  for (const auto& [name, reason] : rejected) reasons.push_back(name + ": " + reason);
+  EXPECT_THAT(reasons,
               testing::UnorderedElementsAre(
                   testing::StartsWith("grammar.yar: line 1: "), testing::StartsWith("include.yar: line 1: "),
-                  "praise.yar: rule praises says no verdict of malicious, unwanted or pu"));
+                  "praise.yar: rule praises says no verdict of malicious, unwanted or pu",
+                  "name.yar: rule named has a name of more than 255 bytes, with control characters or not "
+                  "UTF-8"));
   EXPECT_EQ(nameOf(*rules, "xyz abc"), "malicious same_name");
   EXPECT_EQ(nameOf(*rules, "xyz"), "unwanted third");
   EXPECT_EQ(nameOf(*rules, ""), "");
 }
 
 TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
-  std::vector<std::string> rejected;
+  std::vector<RejectedRules> rejected;
   const auto rules = SampleRules::compileFolder(QM_RULES_FOLDER, &rejected);
   EXPECT_THAT(rejected, testing::IsEmpty());
   const std::string text = standardTestFile();
@@ -50,6 +56,40 @@ TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
   for (const auto& [sample, finding] : samples) EXPECT_EQ(nameOf(*rules, sample), finding) << sample;
   for (const char* path : {"/bin/bash", "/usr/bin/perl", "/usr/bin/git", "/proc/self/exe"})
     EXPECT_EQ(nameOf(*rules, contentOf(path)), "") << path;
+}
+
+class LiveRules : public RecordedTest {
+ protected:
+  // What the rules in use find, as soon as they find it.
+  bool comesToFind(const std::string& sample, const std::string& finding) const {
+    return eventually([&] { return nameOf(*rules_.get(), sample) == finding; });
+  }
+
+  const std::string bad_ = "verdict = \"malicious\"";
+  Property<std::shared_ptr<const SampleRules>> rules_;
+};
+
+TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
+  folder.write("rules/a.yar", rule("first", bad_, "abc"));
+  folder.write("rules/broken.yar", "rule never { condition: }");
+  LiveSampleRules live(folder.path("rules"), [this](auto rules, std::int64_t changed) {
+    EXPECT_GT(changed, 1700000000);
+    rules_.set(std::move(rules));
+  });
+  EXPECT_EQ(nameOf(*rules_.get(), "abc"), "malicious first") << "at once";
+  folder.write("rules/a.yar", rule("second", bad_, "abc"));
+  EXPECT_TRUE(comesToFind("abc", "malicious second"));
+  folder.write("rules/a.yar", "\n\nrule second { nonsense }");
+  folder.write("rules/b.yar", rule("other", bad_, "xyz"));
+  EXPECT_TRUE(comesToFind("xyz", "malicious other"));
+  EXPECT_TRUE(recorder.hasError("a.yar are left out: line 3: "));
+  EXPECT_TRUE(recorder.hasError("a.yar had before stay in use"));
+  EXPECT_EQ(nameOf(*rules_.get(), "abc"), "malicious second");
+  std::filesystem::rename(folder.path("rules"), folder.path("away"));
+  EXPECT_TRUE(comesToFind("xyz", ""));
+  EXPECT_TRUE(recorder.hasError("There are no sample rules in "));
+  std::filesystem::rename(folder.path("away"), folder.path("rules"));
+  EXPECT_TRUE(comesToFind("xyz", "malicious other"));
 }
 
 }  // namespace

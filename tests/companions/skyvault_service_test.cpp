@@ -92,6 +92,16 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).safetyVerdict.value, "undetected");
   theTime += 1;
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess);
+  answers.setRules(options_.rules, theTime);
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(standardTestFile()), true).options,
+            kWanted | kOptionSageSuccess)
+      << "also what older rules found";
+  EXPECT_EQ(analyze(answers, script, kExamined), "undetected");
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options,
+            kOptionFromServer | kOptionSageSuccess);
+  answers.setRules(options_.rules, theTime += 1);
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess)
+      << "the rules are newer";
   ASSERT_TRUE(VerdictStore::open(store_, VerdictStore::Access::readWrite)
                   ->add({{hashOf(standardTestFile()), {"known_clean", {}, 1, 60, kVerdictSourceManual, 1}}}));
   EXPECT_EQ(analyze(answers, standardTestFile(), kOptionFromServer | kOptionSageUploaded), "known_clean");
@@ -99,6 +109,18 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   SkyvaultAnswers without(folder_.write("other", "This is certainly not what a store looks like."), options_);
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer | kOptionFailed);
   EXPECT_EQ(analyze(without, standardTestFile(), kExamined), "malicious") << "without a usable store";
+  {
+    std::vector<VerdictStore::Entry> entries;
+    for (int i = 0; i < 2000; ++i)
+      entries.push_back({hashOf(std::to_string(i)), {"pu", {}, 1, 60, kVerdictSourceManual, 1}});
+    ASSERT_TRUE(VerdictStore::open(folder_.path("hurt"), VerdictStore::Access::readWrite)->add(entries));
+  }
+  std::filesystem::resize_file(folder_.path("hurt"), 4096 * 5);  // most of it is gone
+  const std::string hurt = contentOf(folder_.path("hurt"));
+  SkyvaultAnswers damaged(folder_.path("hurt"), options_);
+  EXPECT_EQ(damaged.lookUp(hashOf("1")).options, kOptionFromServer | kOptionFailed);
+  EXPECT_EQ(analyze(damaged, standardTestFile(), kExamined), "malicious") << "with a damaged store";
+  EXPECT_EQ(contentOf(folder_.path("hurt")), hurt) << "nothing is overwritten";
   std::filesystem::remove(folder_.path("other"));
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer) << "it comes back";
 }

@@ -190,6 +190,29 @@ TEST_F(VerdictStoreTest, WhenTheDiskTakesNoMoreNothingIsChangedAndLookupsGoOn) {
   EXPECT_TRUE(store->add(entriesFrom(100, 5000))) << "with room again it goes on";
 }
 
+TEST_F(VerdictStoreTest, LookupsDuringAnImportAllSucceedAndSeeWholeBatches) {
+  ASSERT_NE(open(), nullptr);
+  const auto import = std::async(std::launch::async, [this] {
+    const auto store = VerdictStore::open(path_, Access::readWrite);
+    for (unsigned first = 0; first < 20'000; first += 2'000) {
+      std::vector<VerdictEntry> entries;
+      for (unsigned i = first; i < first + 2'000; ++i)
+        entries.emplace_back(numbered(i), StoredURLVerdict{kMalicious, {}});
+      if (!store->importAll(std::move(entries))) return false;
+    }
+    return true;
+  });
+  const auto reader = open(Access::readOnly);
+  bool isOver = false;
+  for (unsigned first = 0; !isOver; first = (first + 2'000) % 20'000) {
+    isOver = import.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    const bool isLastThere = reader->find(numbered(first + 1'999), &error_).has_value();
+    ASSERT_EQ(error_, nullptr) << error_->localizedDescription();
+    if (reader->find(numbered(first), &error_).has_value() < isLastThere) FAIL() << "half a batch";
+  }
+  EXPECT_EQ(reader->count(), (VerdictStore::Counts{{"malicious", 20'000}}));
+}
+
 TEST_F(VerdictStoreTest, ALookupDoesNotWaitForAWriterAndAWriterThatWaitsTooLongSaysSo) {
   const auto store = VerdictStore::open(path_, Access::readWrite, nullptr, std::chrono::milliseconds(20));
   ASSERT_TRUE(store->add(entriesFrom(1, 1)));

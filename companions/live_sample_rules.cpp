@@ -1,0 +1,91 @@
+#include "companions/live_sample_rules.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "foundation/log.hpp"
+#include "foundation/value.hpp"
+#include "platform/file_io.hpp"
+
+namespace qm {
+
+namespace {
+
+// How long the folder is left alone before it is read: an editor may be at work.
+constexpr std::chrono::milliseconds kSettlingTime{300};
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "SampleRules");
+  return log;
+}
+
+}  // namespace
+
+LiveSampleRules::LiveSampleRules(std::string folder, Observer observer)
+    : folder_(std::move(folder)), observer_(std::move(observer)) {
+  reload();
+  watcher_ = std::make_unique<FileWatcher>(folder_, kSettlingTime, [this](bool settled) {
+    if (settled) reload();
+    return !settled;
+  });
+}
+
+LiveSampleRules::~LiveSampleRules() = default;
+
+void LiveSampleRules::reload() {
+  std::vector<RejectedRules> unreadable;
+  std::vector<SampleRuleSource> sources = SampleRules::readFolder(folder_, &unreadable);
+  // What cannot be read is a mistaken text, too.
+  for (const RejectedRules& file : unreadable)
+    if (inUse_.count(file.name) != 0) sources.push_back({file.name, inUse_[file.name]});
+  if (!isFirst_ && sources == read_) return;
+  if (!compile(sources)) return;
+  read_ = std::move(sources);
+  isFirst_ = false;
+}
+
+bool LiveSampleRules::compile(std::vector<SampleRuleSource> sources) {
+  std::vector<RejectedRules> rejected;
+  ErrorPtr error;
+  auto rules = SampleRules::compile(sources, &rejected, &error);
+  std::map<std::string, std::string> previous = std::exchange(inUse_, {});
+  bool isAnySaved = false;
+  for (const RejectedRules& file : rejected) {
+    const auto source = std::find_if(sources.begin(), sources.end(),
+                                     [&](const SampleRuleSource& each) { return each.name == file.name; });
+    const auto good = previous.find(file.name);
+    if (good == previous.end()) {
+      sources.erase(source);
+      continue;
+    }
+    QM_LOG_ERROR(log(), "The sample rules that %{public}@ had before stay in use", file.name);
+    source->text = good->second;
+    isAnySaved = true;
+  }
+  if (isAnySaved) rules = SampleRules::compile(sources, nullptr, &error);
+  if (rules == nullptr) {
+    inUse_ = std::move(previous);
+    QM_LOG_ERROR(log(), "The sample rules are not taken over: %{public}@", error);
+    return false;
+  }
+  for (SampleRuleSource& source : sources) inUse_.emplace(std::move(source.name), std::move(source.text));
+  if (rules->count() == 0)
+    QM_LOG_ERROR(log(), "There are no sample rules in %{public}@, no sample is examined", folder_);
+  else
+    QM_LOG(log(), "%zu sample rules from %{public}@", rules->count(), folder_);
+  observer_(std::move(rules), newestChange());
+  return true;
+}
+
+// A file that came or went is a change of the folder; of a folder that is gone there is no time but this.
+std::int64_t LiveSampleRules::newestChange() const {
+  FileStatus status;
+  std::int64_t newest =
+      statPath(folder_.c_str(), status) ? status.modified : Date::now().nanosecondsSince1970 / 1'000'000'000;
+  for (const auto& [file, text] : inUse_)
+    if (statPath(file.c_str(), status)) newest = std::max(newest, status.modified);
+  return newest;
+}
+
+}  // namespace qm

@@ -1,0 +1,48 @@
+// The sample rules of an installation's folder, which a person may edit at any time: a change is followed
+// while the program runs. Of a file in which there is a mistake now, what it said before stays in use.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "companions/sample_rules.hpp"
+#include "platform/file_watcher.hpp"
+
+namespace qm {
+
+// Absolute, before the namespace and the system root.
+inline constexpr std::string_view kSampleRulesProductPath = "/Library/Quillmarsh/qxmac/rules";
+
+class LiveSampleRules {
+ public:
+  // Gets every new set of rules, and when the newest change in the folder was made (seconds since 1970). Runs
+  // on the thread of the constructor first, then on a thread of its own.
+  using Observer = std::function<void(std::shared_ptr<const SampleRules> rules, std::int64_t changed)>;
+
+  // Compiles what is there, then follows the folder. The path is that of the file system, absolute.
+  LiveSampleRules(std::string folder, Observer observer);
+  // The observer has returned for the last time then.
+  ~LiveSampleRules();
+  LiveSampleRules(const LiveSampleRules&) = delete;
+  LiveSampleRules& operator=(const LiveSampleRules&) = delete;
+
+ private:
+  void reload();
+  // False when the rule library failed; the rules in use stay.
+  bool compile(std::vector<SampleRuleSource> sources);
+  std::int64_t newestChange() const;
+
+  const std::string folder_;
+  const Observer observer_;
+  std::vector<SampleRuleSource> read_;        // what the folder held when it was looked at last
+  std::map<std::string, std::string> inUse_;  // the text by the name of each file
+  bool isFirst_ = true;
+  std::unique_ptr<FileWatcher> watcher_;
+};
+
+}  // namespace qm
