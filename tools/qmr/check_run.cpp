@@ -60,8 +60,8 @@ struct CheckRun::File {
   bool awaitsDelayed = false;
 };
 
-CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, CheckStreams streams,
-                   CheckAppearance appearance)
+CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, RunStreams streams,
+                   RunAppearance appearance)
     : options_(std::move(options)),
       streams_(streams),
       report_(makeReport(options_, streams.output, appearance.colour)),
@@ -69,7 +69,7 @@ CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, 
       progress_(streams.errors, options_.quiet ? 0 : appearance.progressWidth),
       client_(completed(std::move(clientOptions), options_)) {}
 
-CheckOutcome CheckRun::run() {
+RunOutcome CheckRun::run() {
   std::thread feeder([self = shared_from_this()] { self->feed(); });
   waitForAnswers();
   client_.close();
@@ -84,7 +84,7 @@ CheckOutcome CheckRun::run() {
     feeder.join();
     client_.close();  // once more: a file asked about while the client was closing gets its answer, too
   }
-  CheckOutcome outcome = conclude();
+  RunOutcome outcome = conclude();
   outcome.feederStuck = stuck;
   return outcome;
 }
@@ -227,10 +227,10 @@ void CheckRun::showProgress(const std::string& path) {
   });
 }
 
-CheckOutcome CheckRun::conclude() {
+RunOutcome CheckRun::conclude() {
   const std::lock_guard lock(mutex_);
   progress_.clear();
-  CheckOutcome outcome{.exitStatus = summary_.exitStatus()};
+  RunOutcome outcome{.exitStatus = summary_.exitStatus()};
   std::ostream& errors = streams_.errors;
   // A reader that has seen enough (a closed pipe) wants no more words.
   outcome.outputClosed = outputError_ == EPIPE;

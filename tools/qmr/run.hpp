@@ -1,0 +1,53 @@
+// What a run that asks about many things prints to, and how its process ends.
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+
+#include "platform/interruption.hpp"
+
+namespace qm::qmr {
+
+struct RunStreams {
+  std::istream& input;
+  std::ostream& output;
+  std::ostream& errors;
+};
+
+struct RunAppearance {
+  bool colour = false;
+  unsigned progressWidth = 0;  // columns of the terminal; 0 shows no progress
+};
+
+struct RunOutcome {
+  int exitStatus = 0;
+  // Who read the output has closed it: nothing more is said, and the status means little.
+  bool outputClosed = false;
+  // The thread that finds what is to be asked about did not come back (it waits for input or for a dead file
+  // system) and still uses the streams: the process has to end without destroying anything.
+  bool feederStuck = false;
+};
+
+// The standard ones.
+RunStreams standardStreams();
+// Of this process's terminal, if it has one.
+RunAppearance standardAppearance();
+
+// The exit status; does not return from an outcome that ends the process in another way. The signal is the
+// one that interrupted the run, 0 for none.
+int endOfRun(const RunOutcome& outcome, int signal);
+
+// Runs until it is done or interrupted: Ctrl-C stops the run.
+template <class Run>
+int runUntilInterrupted(const std::shared_ptr<Run>& run) {
+  int signal = 0;
+  RunOutcome outcome;
+  {
+    const Interruption interruption([run] { run->stop(); });
+    outcome = run->run();
+    signal = interruption.signal();
+  }
+  return endOfRun(outcome, signal);
+}
+
+}  // namespace qm::qmr
