@@ -52,6 +52,7 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   std::mutex mutex_;
   std::condition_variable changed_;
   // Under mutex_:
+  RunOutput output_;
   ProgressLine progress_;
   Summary summary_;
   std::size_t outstanding_ = 0;  // asked, not answered
@@ -61,7 +62,6 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   std::size_t lostDelayed_ = 0;      // whose delayed answer cannot come any more
   bool feederDone_ = false;
   bool stopped_ = false;
-  int outputError_ = 0;       // errno of the write that failed
   std::string serviceError_;  // why there is no service
 
   // The last member: its answers use all the others until it is gone.

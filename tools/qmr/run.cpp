@@ -1,13 +1,21 @@
 #include "tools/qmr/run.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "platform/terminal.hpp"
+#include "tools/qmr/exit_status.hpp"
 
 namespace qm::qmr {
 namespace {
+
+// A feeder sees the end of the run at once, unless the system keeps it.
+constexpr std::chrono::seconds kFeederGrace{1};
 
 std::string_view environment(const char* name) {
   const char* value = std::getenv(name);
@@ -15,6 +23,28 @@ std::string_view environment(const char* name) {
 }
 
 }  // namespace
+
+Feeder::Feeder(Block<void()> feed) {
+  std::packaged_task<void()> task([feed = std::move(feed)] { feed(); });
+  done_ = task.get_future();
+  thread_ = std::thread(std::move(task));
+}
+
+bool Feeder::end() {
+  const bool isDone = done_.wait_for(kFeederGrace) == std::future_status::ready;
+  if (isDone)
+    thread_.join();
+  else
+    thread_.detach();
+  return isDone;
+}
+
+RunOutcome RunOutput::outcome(int exitStatus, std::ostream& errors) const {
+  if (error_ == 0) return {.exitStatus = exitStatus};
+  if (error_ == EPIPE) return {.exitStatus = exitStatus, .outputClosed = true};
+  errors << "qmr: the answers cannot be written: " << std::generic_category().message(error_) << '\n';
+  return {.exitStatus = std::max(exitStatus, kNotAnswered)};
+}
 
 RunStreams standardStreams() {
   return {std::cin, std::cout, std::cerr};

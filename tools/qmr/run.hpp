@@ -1,9 +1,13 @@
 // What a run that asks about many things prints to, and how its process ends.
 #pragma once
 
-#include <iosfwd>
+#include <cerrno>
+#include <future>
 #include <memory>
+#include <ostream>
+#include <thread>
 
+#include "foundation/block.hpp"
 #include "platform/interruption.hpp"
 
 namespace qm::qmr {
@@ -26,6 +30,41 @@ struct RunOutcome {
   // The thread that finds what is to be asked about did not come back (it waits for input or for a dead file
   // system) and still uses the streams: the process has to end without destroying anything.
   bool feederStuck = false;
+};
+
+// The thread that finds what is to be asked about.
+class Feeder {
+ public:
+  explicit Feeder(Block<void()> feed);
+  // Called once. False when the thread does not end soon: it then goes on by itself.
+  bool end();
+
+ private:
+  std::future<void> done_;
+  std::thread thread_;
+};
+
+// What the answers are written to, until that fails. Made for one thread at a time.
+class RunOutput {
+ public:
+  explicit RunOutput(std::ostream& output) : output_(output) {}
+
+  // False when this write failed, or an earlier one: then nothing is written.
+  template <class Write>
+  bool write(const Write& write) {
+    if (error_ != 0) return false;
+    errno = 0;
+    write();
+    if (!output_) error_ = errno != 0 ? errno : EIO;
+    return error_ == 0;
+  }
+  // How the run ends as far as this is concerned; says what is wrong, unless it is a reader that has seen
+  // enough.
+  RunOutcome outcome(int exitStatus, std::ostream& errors) const;
+
+ private:
+  std::ostream& output_;
+  int error_ = 0;  // errno of the write that failed
 };
 
 // The standard ones.

@@ -1,26 +1,19 @@
 #include "tools/qmr/url_run.hpp"
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <istream>
 #include <optional>
 #include <ostream>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "tools/qmr/display_text.hpp"
-#include "tools/qmr/exit_status.hpp"
 
 namespace qm::qmr {
 namespace {
 
 // Answers that may wait for an older one, for each question that is with the backend.
 constexpr std::size_t kAskedPerJob = 4;
-// The feeder sees the end of the run at once, unless the system keeps it.
-constexpr std::chrono::seconds kFeederGrace{1};
 constexpr const char* kWhiteSpace = " \t\r";
 
 std::string trimmed(const std::string& line) {
@@ -64,22 +57,15 @@ URLRun::URLRun(URLOptions options, URLBackend backend, RunStreams streams, RunAp
       streams_(streams),
       report_(options_.json ? makeURLJson(streams.output, backend_.name)
                             : makeURLTable(streams.output, backend_.name, appearance.colour)),
+      output_(streams.output),
       progress_(streams.errors, options_.quiet ? 0 : appearance.progressWidth) {}
 
 RunOutcome URLRun::run() {
-  std::thread feeder([self = shared_from_this()] { self->feed(); });
+  Feeder feeder([self = shared_from_this()] { self->feed(); });
   writeAnswers();
-  bool stuck = false;
-  {
-    std::unique_lock lock(mutex_);
-    stuck = !changed_.wait_for(lock, kFeederGrace, [this] { return feederDone_; });
-  }
-  if (stuck)
-    feeder.detach();
-  else
-    feeder.join();
+  const bool isStuck = !feeder.end();
   RunOutcome outcome = conclude();
-  outcome.feederStuck = stuck;
+  outcome.feederStuck = isStuck;
   return outcome;
 }
 
@@ -190,13 +176,8 @@ void URLRun::waitForAnswer(const QuestionPtr& question, std::unique_lock<std::mu
 void URLRun::write(const URLAnswer& answer) {
   summary_.add(answer);
   if (const std::string advice = backend_.advice(answer); !advice.empty()) advice_.insert(advice);
-  if (outputError_ != 0) return;
   progress_.clear();
-  errno = 0;
-  report_->add(answer);
-  if (streams_.output) return;
-  outputError_ = errno != 0 ? errno : EIO;
-  stop();
+  if (!output_.write([&] { report_->add(answer); })) stop();
 }
 
 void URLRun::showProgress(const std::string& url) {
@@ -219,15 +200,9 @@ RunOutcome URLRun::conclude() {
       summary_.addUnanswered();
   }
   progress_.clear();
-  RunOutcome outcome{.exitStatus = summary_.exitStatus()};
   std::ostream& errors = streams_.errors;
-  // A reader that has seen enough (a closed pipe) wants no more words.
-  outcome.outputClosed = outputError_ == EPIPE;
+  const RunOutcome outcome = output_.outcome(summary_.exitStatus(), errors);
   if (outcome.outputClosed) return outcome;
-  if (outputError_ != 0) {
-    errors << "qmr: the answers cannot be written: " << std::generic_category().message(outputError_) << '\n';
-    outcome.exitStatus = std::max(outcome.exitStatus, kNotAnswered);
-  }
   for (const std::string& advice : advice_) errors << "qmr: " << displayText(advice) << '\n';
   if (!options_.quiet) errors << summary_.text() << '\n';
   errors << std::flush;

@@ -53,10 +53,10 @@ class URLRun : public std::enable_shared_from_this<URLRun> {
 
   // Of the thread that runs:
   const std::unique_ptr<URLReport> report_;
+  RunOutput output_;
   ProgressLine progress_;
   URLSummary summary_;
   std::set<std::string> advice_;
-  int outputError_ = 0;  // errno of the write that failed
 
   std::mutex mutex_;
   std::condition_variable changed_;
