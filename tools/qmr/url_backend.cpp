@@ -1,5 +1,6 @@
 #include "tools/qmr/url_backend.hpp"
 
+#include <cstddef>
 #include <future>
 #include <utility>
 
@@ -50,14 +51,17 @@ std::string adviceForWisp(const QMRSettingsClient& client, const URLAnswer& answ
 
 std::optional<URLBackend> makeWisp(const URLOptions& options, std::string& problem) {
   const auto client = QMRSettingsClient::create();
+  // Ends the subscriptions without a word: a settings daemon that hangs would not take it.
+  const auto end =
+      std::shared_ptr<void>(nullptr, [client](std::nullptr_t) { client->shutdownWithoutUnsubscribe(); });
   if (!loadSettings(*client, options.timeout, problem)) {
     problem = "the Wisp backend has no settings: " + problem;
-    client->shutdown();
     return std::nullopt;
   }
-  URLBackend backend{.name = "Wisp",
-                     .provider = QMRReputationLookup::reputationProviderWithBasaltEnabled(false, client),
-                     .advice = [client](const URLAnswer& answer) { return adviceForWisp(*client, answer); }};
+  URLBackend backend{
+      .name = "Wisp",
+      .provider = QMRReputationLookup::reputationProviderWithBasaltEnabled(false, client),
+      .advice = [client, end](const URLAnswer& answer) { return adviceForWisp(*client, answer); }};
   backend.provider->setUseCloudScanForURLLookup(options.cloudScan);
   return backend;
 }
