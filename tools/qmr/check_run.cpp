@@ -1,16 +1,12 @@
 #include "tools/qmr/check_run.hpp"
 
-#include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <istream>
 #include <ostream>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "tools/qmr/display_text.hpp"
-#include "tools/qmr/exit_status.hpp"
 #include "tools/qmr/file_walker.hpp"
 #include "tools/qmr/json_report.hpp"
 #include "tools/qmr/table_report.hpp"
@@ -20,8 +16,6 @@ namespace {
 
 // Files that wait in the client for each that is with the service: enough that it never runs dry.
 constexpr std::size_t kAskedPerJob = 4;
-// The feeder sees the end of the run at once, unless the system keeps it.
-constexpr std::chrono::seconds kFeederGrace{1};
 
 std::unique_ptr<Report> makeReport(const CheckOptions& options, std::ostream& output, bool colour) {
   if (options.json) return std::make_unique<JsonReport>(output);
@@ -60,32 +54,25 @@ struct CheckRun::File {
   bool awaitsDelayed = false;
 };
 
-CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, CheckStreams streams,
-                   CheckAppearance appearance)
+CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, RunStreams streams,
+                   RunAppearance appearance)
     : options_(std::move(options)),
       streams_(streams),
       report_(makeReport(options_, streams.output, appearance.colour)),
       askedAtOnce_(options_.jobs * kAskedPerJob),
+      output_(streams.output),
       progress_(streams.errors, options_.quiet ? 0 : appearance.progressWidth),
       client_(completed(std::move(clientOptions), options_)) {}
 
-CheckOutcome CheckRun::run() {
-  std::thread feeder([self = shared_from_this()] { self->feed(); });
+RunOutcome CheckRun::run() {
+  Feeder feeder([self = shared_from_this()] { self->feed(); });
   waitForAnswers();
   client_.close();
-  bool stuck = false;
-  {
-    std::unique_lock lock(mutex_);
-    stuck = !changed_.wait_for(lock, kFeederGrace, [this] { return feederDone_; });
-  }
-  if (stuck) {
-    feeder.detach();
-  } else {
-    feeder.join();
-    client_.close();  // once more: a file asked about while the client was closing gets its answer, too
-  }
-  CheckOutcome outcome = conclude();
-  outcome.feederStuck = stuck;
+  const bool isStuck = !feeder.end();
+  // Once more: a file asked about while the client was closing gets its answer, too.
+  if (!isStuck) client_.close();
+  RunOutcome outcome = conclude();
+  outcome.feederStuck = isStuck;
   return outcome;
 }
 
@@ -211,13 +198,8 @@ void CheckRun::waitForAnswers() {
 }
 
 void CheckRun::write(const ReputationAnswer& answer) {
-  if (outputError_ != 0) return;
   progress_.clear();
-  errno = 0;
-  report_->add(answer);
-  if (streams_.output) return;
-  outputError_ = errno != 0 ? errno : EIO;
-  stopped_ = true;
+  if (!output_.write([&] { report_->add(answer); })) stopped_ = true;
 }
 
 void CheckRun::showProgress(const std::string& path) {
@@ -227,18 +209,12 @@ void CheckRun::showProgress(const std::string& path) {
   });
 }
 
-CheckOutcome CheckRun::conclude() {
+RunOutcome CheckRun::conclude() {
   const std::lock_guard lock(mutex_);
   progress_.clear();
-  CheckOutcome outcome{.exitStatus = summary_.exitStatus()};
   std::ostream& errors = streams_.errors;
-  // A reader that has seen enough (a closed pipe) wants no more words.
-  outcome.outputClosed = outputError_ == EPIPE;
+  const RunOutcome outcome = output_.outcome(summary_.exitStatus(), errors);
   if (outcome.outputClosed) return outcome;
-  if (outputError_ != 0) {
-    errors << "qmr: the answers cannot be written: " << std::generic_category().message(outputError_) << '\n';
-    outcome.exitStatus = std::max(outcome.exitStatus, kNotAnswered);
-  }
   if (!serviceError_.empty()) errors << "qmr: " << displayText(serviceError_) << '\n';
   if (lostDelayed_ > 0)
     errors << "qmr: the connection to the service ended, "

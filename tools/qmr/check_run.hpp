@@ -1,13 +1,10 @@
 // One run of "qmr check": feeds the client with files, writes the answers as they come, and keeps the counts.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <iosfwd>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "client/reputation_client.hpp"
@@ -15,38 +12,19 @@
 #include "tools/qmr/command_line.hpp"
 #include "tools/qmr/progress_line.hpp"
 #include "tools/qmr/report.hpp"
+#include "tools/qmr/run.hpp"
 #include "tools/qmr/summary.hpp"
 
 namespace qm::qmr {
 
-struct CheckStreams {
-  std::istream& input;
-  std::ostream& output;
-  std::ostream& errors;
-};
-
-struct CheckAppearance {
-  bool colour = false;
-  unsigned progressWidth = 0;  // columns of the terminal; 0 shows no progress
-};
-
-struct CheckOutcome {
-  int exitStatus = 0;
-  // Who read the output has closed it: nothing more is said, and the status means little.
-  bool outputClosed = false;
-  // The thread that looks for files did not come back (it waits for input or for a dead file system) and
-  // still uses the streams: the process has to end without destroying anything.
-  bool feederStuck = false;
-};
-
 class CheckRun : public std::enable_shared_from_this<CheckRun> {
  public:
   // The streams outlive the run, and a feeder that is stuck.
-  CheckRun(CheckOptions options, ReputationClientOptions clientOptions, CheckStreams streams,
-           CheckAppearance appearance);
+  CheckRun(CheckOptions options, ReputationClientOptions clientOptions, RunStreams streams,
+           RunAppearance appearance);
 
   // Once. The object is held by a shared pointer.
-  CheckOutcome run();
+  RunOutcome run();
   // Ends the run soon: what has an answer stays counted. Any thread.
   void stop();
 
@@ -64,16 +42,17 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   void waitForAnswers();
   void write(const ReputationAnswer& answer);
   void showProgress(const std::string& path);
-  CheckOutcome conclude();
+  RunOutcome conclude();
 
   const CheckOptions options_;
-  const CheckStreams streams_;
+  const RunStreams streams_;
   const std::unique_ptr<Report> report_;
   const std::size_t askedAtOnce_;
 
   std::mutex mutex_;
   std::condition_variable changed_;
   // Under mutex_:
+  RunOutput output_;
   ProgressLine progress_;
   Summary summary_;
   std::size_t outstanding_ = 0;  // asked, not answered
@@ -83,7 +62,6 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   std::size_t lostDelayed_ = 0;      // whose delayed answer cannot come any more
   bool feederDone_ = false;
   bool stopped_ = false;
-  int outputError_ = 0;       // errno of the write that failed
   std::string serviceError_;  // why there is no service
 
   // The last member: its answers use all the others until it is gone.

@@ -23,6 +23,18 @@ a file counts as downloaded when it has the origin attributes that browsers leav
 so many seconds from the last reply.
 )";
 
+constexpr const char* kURLNotes =
+    R"(The backend that the service would ask now is asked from here: Basalt, or Wisp where the parameters
+file does not say BASALT=true. SAFE is -100 (certainly not safe) to 100, DETAIL the categories with
+their scores or why there is no answer. A host name alone is asked about, too. URLs read from
+standard input stand one on a line.
+
+Exit status:
+  0    no URL is unsafe
+  1    one is (SAFE below 0; wins over 2)
+  2    something could not be answered, the backend cannot be used, or wrong usage
+  130  interrupted by Ctrl-C (143 by SIGTERM))";
+
 constexpr const char* kExitStatuses = R"(Exit status:
   0    nothing bad was found
   1    something untrusted, unwanted, suspicious or spam was found (wins over 2)
@@ -61,6 +73,7 @@ class Parser {
     application_.formatter(std::make_shared<HelpFormatter>());
     application_.require_subcommand(1);
     addCheck();
+    addURL();
     addPing();
     settings_.emplace(application_);
   }
@@ -74,6 +87,10 @@ class Parser {
     if (downloaded_ && notDownloaded_)
       return EndAtOnce{"qmr: --downloaded and --not-downloaded exclude each other\n", true, kBadUsage};
     if (settings_->parsed()) return settings();
+    if (url_->parsed()) {
+      urlOptions_.timeout = std::chrono::seconds(urlTimeout_);
+      return urlOptions_;
+    }
     if (ping_->parsed())
       return PingOptions{std::chrono::seconds(pingTimeout_), std::chrono::seconds(pingWait_)};
     checkOptions_.timeout = std::chrono::seconds(checkTimeout_);
@@ -112,6 +129,24 @@ class Parser {
     check_->add_flag("-q,--quiet", checkOptions_.quiet, "No summary and no progress");
   }
 
+  void addURL() {
+    url_ = application_.add_subcommand("url", "Print the reputation of URLs");
+    url_->footer(kURLNotes);
+    url_->add_option("URL", urlOptions_.urls, "URLs or host names, or - for standard input")
+        ->required()
+        ->option_text("...");
+    url_->add_flag("--cloud-scan", urlOptions_.cloudScan,
+                   "Of the Wisp backend: a cloud scan instead of a query");
+    url_->add_flag("--json", urlOptions_.json, "Print one JSON object a line instead of the table");
+    url_->add_option("-j,--jobs", urlOptions_.jobs, "URLs with the backend at once (32)")
+        ->check(CLI::Range(std::size_t{1}, kMostJobs))
+        ->option_text("N");
+    url_->add_option("--timeout", urlTimeout_, "Longest wait for the answer about one URL (10)")
+        ->check(CLI::Range(1, kLongestTimeoutSeconds))
+        ->option_text("SECONDS");
+    url_->add_flag("-q,--quiet", urlOptions_.quiet, "No summary and no progress");
+  }
+
   void addPing() {
     ping_ =
         application_.add_subcommand("ping", "Ask the service about an empty file, to see whether it answers");
@@ -137,14 +172,17 @@ class Parser {
     return {failed ? "qmr: " + errors.str() : output.str(), failed, failed ? kBadUsage : kNothingBad};
   }
 
-  CLI::App application_{"Asks the reputation service about files, shows and changes settings.", "qmr"};
+  CLI::App application_{"Asks for the reputation of files and URLs, shows and changes settings.", "qmr"};
   CLI::App* check_ = nullptr;
+  CLI::App* url_ = nullptr;
   CLI::App* ping_ = nullptr;
   std::optional<SettingsCommandLine> settings_;
   CLI::Option* follow_ = nullptr;
   CheckOptions checkOptions_;
+  URLOptions urlOptions_;
   int followSeconds_ = kDefaultFollowSeconds;
   int checkTimeout_ = static_cast<int>(CheckOptions{}.timeout.count());
+  int urlTimeout_ = static_cast<int>(URLOptions{}.timeout.count());
   int pingWait_ = 0;
   int pingTimeout_ = static_cast<int>(PingOptions{}.timeout.count());
   bool downloaded_ = false;

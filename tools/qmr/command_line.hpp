@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/qmr/settings_options.hpp"
+#include "tools/qmr/url_options.hpp"
 
 namespace qm::qmr {
 
@@ -37,7 +38,7 @@ struct EndAtOnce {
   int exitStatus = 0;
 };
 
-using Command = std::variant<CheckOptions, PingOptions, SettingsOptions, EndAtOnce>;
+using Command = std::variant<CheckOptions, URLOptions, PingOptions, SettingsOptions, EndAtOnce>;
 
 Command parseCommandLine(int argumentCount, const char* const* arguments);
 

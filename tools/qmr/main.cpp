@@ -8,6 +8,7 @@
 #include "tools/qmr/command_line.hpp"
 #include "tools/qmr/ping_command.hpp"
 #include "tools/qmr/settings_command.hpp"
+#include "tools/qmr/url_command.hpp"
 
 using namespace qm;
 using namespace qm::qmr;
@@ -20,6 +21,7 @@ int main(int argumentCount, char** arguments) {
   }
   if (const auto* settings = std::get_if<SettingsOptions>(&command))
     return runSettingsCommand(*settings, std::cout, std::cerr);
+  if (auto* url = std::get_if<URLOptions>(&command)) return runURLCommand(std::move(*url));
   const std::string service = QMRNamespace::namespacedWithId(kReputationServiceName);
   if (auto* check = std::get_if<CheckOptions>(&command)) return runCheckCommand(std::move(*check), service);
   ReputationClientOptions options;

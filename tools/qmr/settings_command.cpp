@@ -78,7 +78,7 @@ class SettingsCommand {
     const auto client = QMRSettingsClient::create();
     auto settings = daemon_.fetch(*client, problem);
     if (!settings) failed(problem);
-    client->shutdown();
+    client->shutdownWithoutUnsubscribe();  // a daemon that hangs would not take a farewell
     return settings;
   }
 
@@ -175,7 +175,7 @@ class SettingsCommand {
       end->wait();
       client->setInterruptionHandler(nullptr);
       client->setInvalidationHandler(nullptr);
-      client->shutdown();
+      client->shutdownWithoutUnsubscribe();  // a daemon that hangs would not take a farewell
       signal = interruption.signal();
     }
     if (signal != 0) endBySignal(signal);

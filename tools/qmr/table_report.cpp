@@ -1,10 +1,10 @@
 #include "tools/qmr/table_report.hpp"
 
-#include <algorithm>
+#include <cstddef>
 #include <string>
-#include <string_view>
 
 #include "tools/qmr/display_text.hpp"
+#include "tools/qmr/table_cells.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -14,32 +14,6 @@ constexpr std::size_t kAnswerWidth = 7;
 constexpr std::size_t kPrevalenceWidth = 10;
 constexpr std::size_t kTtlWidth = 10;
 constexpr std::size_t kDetailWidth = 26;
-constexpr const char* kGap = "  ";
-constexpr const char* kNothing = "-";
-
-constexpr const char* kRed = "\x1b[1;31m";
-constexpr const char* kYellow = "\x1b[33m";
-constexpr const char* kGreen = "\x1b[32m";
-constexpr const char* kMagenta = "\x1b[35m";
-constexpr const char* kPlain = "\x1b[0m";
-
-// Code points, which is what most terminals give a column each.
-std::size_t columns(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xc0) != 0x80; }));
-}
-
-std::string spaces(std::string_view text, std::size_t width) {
-  const std::size_t used = columns(text);
-  return std::string(used < width ? width - used : 0, ' ');
-}
-
-std::string left(std::string_view text, std::size_t width) {
-  return std::string(text) + spaces(text, width);
-}
-std::string right(std::string_view text, std::size_t width) {
-  return spaces(text, width) + std::string(text);
-}
 
 const char* colourOf(ReputationVerdict verdict) {
   switch (verdict) {
@@ -76,11 +50,9 @@ void TableReport::writeHeader() {
 void TableReport::add(const ReputationAnswer& answer) {
   if (!headerWritten_) writeHeader();
   headerWritten_ = true;
-  const std::string verdict = left(name(answer.verdict), kVerdictWidth);
-  if (const std::string_view colour = colourOf(answer.verdict); style_.colour && !colour.empty())
-    output_ << colour << verdict << kPlain << kGap;
-  else
-    output_ << verdict << kGap;
+  output_ << coloured(left(name(answer.verdict), kVerdictWidth),
+                      style_.colour ? colourOf(answer.verdict) : "")
+          << kGap;
   if (style_.answerColumn) output_ << left(answer.delayed ? "delayed" : "reply", kAnswerWidth) << kGap;
   const bool answered = answer.answered();
   output_ << right(answered ? std::to_string(answer.prevalence) : kNothing, kPrevalenceWidth) << kGap

@@ -10,7 +10,7 @@ using namespace qm::qmr;
 namespace {
 
 struct Result {
-  CheckOutcome outcome;
+  RunOutcome outcome;
   std::string output;
   std::string errors;
 
@@ -48,9 +48,8 @@ class CheckRunTest : public ::testing::Test {
     std::ostringstream err;
     ReputationClientOptions client;
     client.serviceName = serviceName;
-    const auto run =
-        std::make_shared<CheckRun>(options, client, CheckStreams{in, out, err}, CheckAppearance{});
-    const CheckOutcome outcome = run->run();
+    const auto run = std::make_shared<CheckRun>(options, client, RunStreams{in, out, err}, RunAppearance{});
+    const RunOutcome outcome = run->run();
     EXPECT_FALSE(outcome.feederStuck);
     return {outcome, out.str(), err.str()};
   }

@@ -1,0 +1,68 @@
+#include "tools/qmr/run.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "platform/terminal.hpp"
+#include "tools/qmr/exit_status.hpp"
+
+namespace qm::qmr {
+namespace {
+
+// A feeder sees the end of the run at once, unless the system keeps it.
+constexpr std::chrono::seconds kFeederGrace{1};
+
+std::string_view environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string_view() : std::string_view(value);
+}
+
+}  // namespace
+
+Feeder::Feeder(Block<void()> feed) {
+  std::packaged_task<void()> task([feed = std::move(feed)] { feed(); });
+  done_ = task.get_future();
+  thread_ = std::thread(std::move(task));
+}
+
+bool Feeder::end() {
+  const bool isDone = done_.wait_for(kFeederGrace) == std::future_status::ready;
+  if (isDone)
+    thread_.join();
+  else
+    thread_.detach();
+  return isDone;
+}
+
+RunOutcome RunOutput::outcome(int exitStatus, std::ostream& errors) const {
+  if (error_ == 0) return {.exitStatus = exitStatus};
+  if (error_ == EPIPE) return {.exitStatus = exitStatus, .outputClosed = true};
+  errors << "qmr: the answers cannot be written: " << std::generic_category().message(error_) << '\n';
+  return {.exitStatus = std::max(exitStatus, kNotAnswered)};
+}
+
+RunStreams standardStreams() {
+  return {std::cin, std::cout, std::cerr};
+}
+
+// Colour and progress are for terminals that can do more than print (https://no-color.org).
+RunAppearance standardAppearance() {
+  const bool dumb = environment("TERM").empty() || environment("TERM") == "dumb";
+  return {.colour = !dumb && environment("NO_COLOR").empty() && isTerminal(StandardStream::output),
+          .progressWidth = dumb ? 0 : terminalWidth(StandardStream::error)};
+}
+
+int endOfRun(const RunOutcome& outcome, int signal) {
+  if (signal != 0) endBySignal(signal);
+  if (outcome.outputClosed) endByClosedPipe();
+  // Nothing is waiting to be written: rows and messages are flushed one by one.
+  if (outcome.feederStuck) std::_Exit(outcome.exitStatus);
+  return outcome.exitStatus;
+}
+
+}  // namespace qm::qmr
