@@ -1,6 +1,6 @@
 // The decoder of remote calls, behind the message decoder: the first byte says how many sockets, which could
-// be endpoints, come with the message. What is accepted must be of its parameter's type and survive being
-// sent on.
+// be endpoints, come with the message. What is accepted must be of its parameter's type, for a record its
+// members' types, too, and survive being sent on.
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -11,6 +11,8 @@
 #include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_socket.hpp"
 #include "platform/remote_protocol.hpp"
+#include "reputation/backends/QMRWispInfectionInfoObjC.hpp"
+#include "reputation/backends/QMRWispProtocol.hpp"
 #include "tests/platform/xpc/remote_workshop.hpp"
 
 namespace {
@@ -22,7 +24,8 @@ template <class T>
 void checkAs(const XPCObject& coded) {
   RemoteParameter parameter = RemoteCoding<T>::parameter();
   if (parameter.type == RemoteType::object) {
-    parameter.classes = test::workshopClasses();
+    const CodedClasses others = test::workshopClasses();
+    parameter.classes.insert(parameter.classes.end(), others.begin(), others.end());
     for (const char* name : {"NSData", "NSDate", "NSFileHandle"}) parameter.classes.push_back({name});
     parameter.hasOwnContents = true;
   }
@@ -41,9 +44,16 @@ template <class... T>
 void checkAsEach(const XPCObject& arguments) {
   (checkAs<T>(arguments), ...);
 }
+template <class... Record>
+void checkAsEachRecord(const XPCObject& arguments) {
+  checkAsEach<std::shared_ptr<const Record>...>(arguments);
+}
 void check(const XPCObject& arguments) {
   checkAsEach<bool, std::int64_t, std::uint64_t, std::uint32_t, double, std::string, Array, Dictionary,
-              ErrorPtr, XPCEndpoint, std::optional<URL>, test::BadgePtr, Value>(arguments);
+              ErrorPtr, XPCEndpoint, std::optional<URL>, Value>(arguments);
+  checkAsEachRecord<test::Badge, QMRWispQvsResponseObjC, QMRWispCloudScanResponseObjC,
+                    QMRWispFileScanParametersObjC, QMRWispInfectionInfoObjC, QMRWispScanCompleteSummaryObjC,
+                    QMRWispConfigurationObjC>(arguments);
 }
 
 }  // namespace

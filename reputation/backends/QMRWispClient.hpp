@@ -3,7 +3,8 @@
 //
 // Callbacks run on the connection's queue. When the daemon cannot be reached, or its answer is not what the
 // protocol allows, the error goes to the error callback and the call's own callback is not called, but
-// released: who waits for it needs a time-out of its own. The ...Sync calls differ, see below. Any thread.
+// released: who waits for it needs a time-out of its own. Of a client that is shut down it is only released.
+// The ...Sync calls differ, see below. Any thread.
 #pragma once
 
 #include <cstdint>
