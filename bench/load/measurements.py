@@ -103,15 +103,14 @@ def summary(load, by_service):
     return entry
 
 
-def measure_requests(staged, scale, backend, say):
+def measure_requests(staged, scale, backend):
     samples = collections.defaultdict(lambda: collections.defaultdict(list))
     files = Files(staged.root / "files", scale)
     with contextlib.ExitStack() as stack:
         agent = stack.enter_context(staged.backend(backend))
         services = {"daemon": [stack.enter_context(staged.start("qmreputationd")), agent]}
         services |= {floor: [stack.enter_context(staged.start_floor(floor))] for floor in FLOORS}
-        for number in range(scale.rounds):
-            say(f"{backend}: round {number + 1} of {scale.rounds}")
+        for _ in range(scale.rounds):
             one_round(staged, scale, files, services, samples)
     return [summary(load, by_service) for load, by_service in samples.items()]
 
@@ -140,8 +139,8 @@ def status_kib(process, field):
 
 
 def mappings(process):
-    """Resident memory by what is mapped, in KiB (proc(5), smaps): rss, and of that what is this process's alone."""
-    totals = collections.defaultdict(lambda: {"rss_kib": 0, "private_kib": 0})
+    """Resident memory by what is mapped, in KiB (proc(5), smaps): all, and of that what the process has written to."""
+    totals = collections.defaultdict(lambda: {"rss_kib": 0, "dirty_kib": 0})
     name = ""
     for line in pathlib.Path(f"/proc/{process.pid}/smaps").read_text().splitlines():
         words = line.split()
@@ -149,8 +148,8 @@ def mappings(process):
             name = pathlib.Path(words[5]).name if len(words) > 5 else "[anonymous]"
         elif words[0] == "Rss:":
             totals[name]["rss_kib"] += int(words[1])
-        elif words[0] in ("Private_Clean:", "Private_Dirty:"):
-            totals[name]["private_kib"] += int(words[1])
+        elif words[0] == "Private_Dirty:":
+            totals[name]["dirty_kib"] += int(words[1])
     return dict(sorted(totals.items(), key=lambda item: -item[1]["rss_kib"]))
 
 
@@ -181,7 +180,7 @@ def everything_asked(staged, files, count, service):
 
 def measure_big_files(staged, scale, backend):
     """All big files at once, and small ones one after the other beside them, on all processors."""
-    big = stage.make_sparse_files(staged.root / "big", scale.big_size, scale.big_count)
+    big = stage.make_sparse_files(staged.memory / "big", scale.big_size, scale.big_count)
     small = stage.make_files(staged.root / "small", 4 * KIB, 16)
     processors = staged.client_processors | staged.service_processors
     result = {"files": scale.big_count, "bytes_each": scale.big_size, "processors": len(processors)}

@@ -21,25 +21,33 @@ def idle_peers_effect(requests):
     return 100 * (ratios[len(ratios) // 2] - 1)
 
 
+def request_aims(backend, requests):
+    for size in (4 * KIB, MIB):
+        one = find(requests, file_bytes=size, in_flight=1)["to_digest"]
+        many = find(requests, file_bytes=size, in_flight=32)["to_digest"]
+        name = f"{backend}, {size // KIB} KiB"
+        yield aim(f"{name}, 1 in flight: p50 / floor's", 4, one["p50_us"])
+        yield aim(f"{name}, 1 in flight: p99 / floor's", 4, one["p99_us"])
+        yield aim(f"{name}, 32 in flight: requests/s / floor's", 0.25, many["requests_per_second"], False)
+    yield aim(f"{backend}: idle peers move p50 by, %", 5, idle_peers_effect(requests))
+
+
+def memory_aims(backend, memory):
+    yield aim(f"{backend}: idle resident memory, MiB", 16, memory["idle_kib"] / KIB)
+
+
+def big_file_aims(backend, big):
+    limit = big["idle_kib"] / KIB + 16 * big["processors"] + 8
+    share = big["gigabytes_per_second"] / big["floor_gigabytes_per_second"]
+    yield aim(f"{backend}: 4 KiB beside big files, p99 in ms", 10, big["small_beside"]["p99_us"] / 1000)
+    yield aim(f"{backend}: memory with big files, MiB", limit, big["peak_kib"] / KIB)
+    yield aim(f"{backend}: throughput with big files / floor's", 0.95, share, False)
+
+
 def aims_of(results):
-    aims = []
-    for backend, found in results["backends"].items():
-        requests, memory, big = found["requests"], found["memory"], found["big_files"]
-        for size in (4 * KIB, MIB):
-            one = find(requests, file_bytes=size, in_flight=1)["to_digest"]
-            many = find(requests, file_bytes=size, in_flight=32)["to_digest"]
-            name = f"{backend}, {size // KIB} KiB"
-            aims += [aim(f"{name}, 1 in flight: p50 / floor's", 4, one["p50_us"]),
-                     aim(f"{name}, 1 in flight: p99 / floor's", 4, one["p99_us"]),
-                     aim(f"{name}, 32 in flight: requests/s / floor's", 0.25, many["requests_per_second"], False)]
-        limit = big["idle_kib"] / KIB + 16 * big["processors"] + 8
-        share = big["gigabytes_per_second"] / big["floor_gigabytes_per_second"]
-        aims += [aim(f"{backend}: idle resident memory, MiB", 16, memory["idle_kib"] / KIB),
-                 aim(f"{backend}: idle peers move p50 by, %", 5, idle_peers_effect(requests)),
-                 aim(f"{backend}: 4 KiB beside big files, p99 in ms", 10, big["small_beside"]["p99_us"] / 1000),
-                 aim(f"{backend}: memory with big files, MiB", limit, big["peak_kib"] / KIB),
-                 aim(f"{backend}: throughput with big files / floor's", 0.95, share, False)]
-    return aims
+    kinds = {"requests": request_aims, "memory": memory_aims, "big_files": big_file_aims}
+    return [entry for backend, found in results["backends"].items() for part, aims in kinds.items() if part in found
+            for entry in aims(backend, found[part])]
 
 
 def size_text(size):
@@ -64,14 +72,18 @@ def request_lines(requests):
         yield line
 
 
+def start_lines(start):
+    yield f"start to first answer: {start['daemon_ms']:.1f} ms (floor {start['floor_ms']:.1f} ms)"
+
+
 def memory_lines(memory):
     yield f"resident, idle after its first answers: {memory['idle_kib'] / KIB:.1f} MiB (the agent: " \
           f"{memory['backend_idle_kib'] / KIB:.1f}), after load: {memory['idle_after_load_kib'] / KIB:.1f} MiB"
     peers = max(memory["idle_peers"], 1)
     yield f"an idle peer: {(memory['with_idle_peers_kib'] - memory['idle_kib']) / peers:.1f} KiB (of {peers})"
-    yield "resident by what is mapped, in KiB (private to the daemon), from /proc/PID/smaps:"
+    yield "resident by what is mapped, in KiB (of that written to, so the daemon's own), from smaps:"
     for name, sizes in list(memory["mappings"].items())[:16]:
-        yield f"  {sizes['rss_kib']:>7} ({sizes['private_kib']:>6})  {name}"
+        yield f"  {sizes['rss_kib']:>7} ({sizes['dirty_kib']:>6})  {name}"
 
 
 def big_lines(big):
@@ -96,8 +108,8 @@ def text(results):
              f"{machine['load_average']}; client on {machine['client_processors']}, services on "
              f"{machine['service_processors']}; medians of {results['rounds']} rounds"]
     for backend, found in results["backends"].items():
-        start = found["start"]
-        lines += ["", f"== {backend}", *request_lines(found["requests"]), "",
-                  f"start to first answer: {start['daemon_ms']:.1f} ms (floor {start['floor_ms']:.1f} ms)",
-                  *memory_lines(found["memory"]), *big_lines(found["big_files"])]
+        lines += ["", f"== {backend}"]
+        for part, of_part in (("requests", request_lines), ("start", start_lines), ("memory", memory_lines),
+                              ("big_files", big_lines)):
+            lines += of_part(found[part]) if part in found else []
     return "\n".join([*lines, "", "== aims, against the floor that digests", *aim_lines(results["aims"])]) + "\n"
