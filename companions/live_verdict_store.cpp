@@ -10,7 +10,7 @@ namespace qm {
 namespace {
 
 Log& log() {
-  static Log& log = Log::create(kQMRLogSubsystem, "skyvaultd");
+  static Log& log = Log::create(kQMRLogSubsystem, "VerdictStore");
   return log;
 }
 
@@ -56,6 +56,13 @@ std::shared_ptr<VerdictStore> LiveVerdictStore::current() {
   return store_;
 }
 
+void LiveVerdictStore::close() {
+  std::shared_ptr<VerdictStore> closed;  // outside of the lock
+  const std::lock_guard lock(mutex_);
+  closed = std::move(store_);
+  opened_ = {};
+}
+
 void LiveVerdictStore::noteFailure(const ErrorPtr& error) {
   lastFailure_ = now_();
   isFailing_ = true;
@@ -97,6 +104,11 @@ bool LiveVerdictStore::find(const SHA256Value& sha256, std::optional<StoredVerdi
   return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha256, error); });
 }
 
+bool LiveVerdictStore::find(const SHA1Value& sha1, std::optional<StoredVerdict>& verdict) {
+  verdict = std::nullopt;
+  return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha1, error); });
+}
+
 bool LiveVerdictStore::findURL(const std::vector<std::string>& keys,
                                std::optional<StoredURLVerdict>& verdict) {
   verdict = std::nullopt;
@@ -105,11 +117,12 @@ bool LiveVerdictStore::findURL(const std::vector<std::string>& keys,
   });
 }
 
-StoredVerdict LiveVerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found) {
+StoredVerdict LiveVerdictStore::remember(const SHA256Value& sha256, const SHA1Value& sha1,
+                                         const StoredVerdict& found) {
   const std::shared_ptr<VerdictStore> store = current();
   if (store == nullptr) return found;
   ErrorPtr error;
-  if (std::optional<StoredVerdict> inForce = store->remember(sha256, found, &error))
+  if (std::optional<StoredVerdict> inForce = store->remember(sha256, sha1, found, &error))
     return std::move(*inForce);
   QM_LOG_ERROR(log(), "An analysis could not be remembered: %{public}@", error);
   // A full disk or another program's long change does not keep the store from answering.

@@ -1,4 +1,4 @@
-// The Skyvault agent's hold on the verdict store: opens it, notices when its file is replaced, and carries on
+// A companion's hold on the verdict store: opens it, notices when its file is replaced, and carries on
 // without it when it cannot be used, trying again now and then. What is wrong stands in the log once, not
 // with every question.
 #pragma once
@@ -29,14 +29,17 @@ class LiveVerdictStore {
 
   // Opens it now rather than with the first question. False when it cannot be used.
   bool open() { return current() != nullptr; }
+  // The next question opens it again.
+  void close();
 
   // False when the store cannot be used; the verdict is empty then.
   bool find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict);
+  bool find(const SHA1Value& sha1, std::optional<StoredVerdict>& verdict);
   // The same for the first of the keys that is there.
   bool findURL(const std::vector<std::string>& keys, std::optional<StoredURLVerdict>& verdict);
   // Keeps what an analysis found unless a person said otherwise, and returns the verdict in force: what was
   // found when it could not be kept.
-  StoredVerdict remember(const SHA256Value& sha256, const StoredVerdict& found);
+  StoredVerdict remember(const SHA256Value& sha256, const SHA1Value& sha1, const StoredVerdict& found);
 
  private:
   // The file behind the path: another one when any of this differs.

@@ -6,18 +6,16 @@
 #include <string_view>
 #include <utility>
 
+#include "companions/companion_program.hpp"
 #include "companions/settings_service.hpp"
 #include "companions/settings_store.hpp"
 #include "foundation/log.hpp"
-#include "platform/file_io.hpp"
 #include "platform/notify.hpp"
 #include "platform/process_limits.hpp"
 #include "platform/queue.hpp"
 #include "platform/remote_connection.hpp"
 #include "platform/service_manager.hpp"
 #include "platform/system_log.hpp"
-#include "platform/system_root.hpp"
-#include "platform/user.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "settings/qmsettingsdProtocol.hpp"
 #include "validation/QMRSignatureVerifier.hpp"
@@ -28,17 +26,6 @@ namespace {
 qm::Log& log() {
   static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "qmsettingsd");
   return log;
-}
-
-std::string installedPath(std::string_view productPath) {
-  return qm::hostPath(QMRNamespace::namespacedWithPath(productPath));
-}
-
-// Of the product's folder; whoever runs this where there is none.
-std::uint32_t ownerOfInstallation() {
-  qm::FileStatus status;
-  const std::string folder = installedPath("/Library/Quillmarsh/qxmac");
-  return qm::statPath(folder.c_str(), status) ? status.owner : qm::currentUserID();
 }
 
 void post(std::string_view name) {
@@ -59,15 +46,15 @@ int main() {
   qm::raiseDescriptorLimit();
   qm::installSystemLog();
   const auto store = std::make_shared<qm::SettingsStore>(
-      installedPath(qm::kSettingsProductPath), installedPath(qm::kSettingsStateProductPath),
+      qm::installedPath(qm::kSettingsProductPath), qm::installedPath(qm::kSettingsStateProductPath),
       [](const qm::SettingsStore::Change& change) { tell(change); });
   const auto validator = std::make_shared<QRMXPCConnectionValidator>();
   validator->setSignatureVerifier(std::make_shared<QMRSignatureVerifier>());
   qm::SettingsService::Options options;
-  options.admission = [validator](const qm::RemoteConnection& peer) {
+  options.peers.admission = [validator](const qm::RemoteConnection& peer) {
     return validator->codesignValidForAuditToken(peer.auditToken(), peer.processIdentifier());
   };
-  options.owner = ownerOfInstallation();
+  options.owner = qm::ownerOfInstallation();
   const auto service = qm::SettingsService::create(store, std::move(options));
   // Without its name the daemon is of no use; whoever started it may try again.
   const auto listener = qm::RemoteListener::createWithMachServiceName(

@@ -1,6 +1,5 @@
 #include "companions/settings_service.hpp"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -31,8 +30,7 @@ std::optional<SettingsTable> tableNamed(const std::string& text) {
 
 }  // namespace
 
-// What one peer may call, on its connection's queue. It keeps the service; the service lets it go when the
-// connection ends.
+// What one peer may call, on its connection's queue. It keeps the service.
 class SettingsService::Peer final : public SettingsDaemonProtocol {
  public:
   Peer(std::shared_ptr<SettingsService> service, std::int32_t process, std::uint32_t user)
@@ -158,75 +156,17 @@ std::shared_ptr<SettingsService> SettingsService::create(std::shared_ptr<Setting
 SettingsService::SettingsService(std::shared_ptr<SettingsStore> store, Options options)
     : store_(std::move(store)),
       options_(std::move(options)),
+      peers_(AdmittedPeers::create("qmsettingsd", log(), options_.peers)),
       subscribers_(RemoteActionSubscribers::create(options_.subscribers)),
       changes_(Queue::concurrent("com.quillmarsh.qmsettingsd.changes"), 1, options_.waitingChanges),
       stateWrites_(Queue::concurrent("com.quillmarsh.qmsettingsd.state"), 1, 1) {}
 
 void SettingsService::serve(const std::shared_ptr<RemoteListener>& listener) {
-  listener->setDelegate([self = shared_from_this()](const std::shared_ptr<RemoteListener>&,
-                                                    const std::shared_ptr<RemoteConnection>& connection) {
-    return self->accept(connection);
+  peers_->serve(listener, [self = shared_from_this()](const RemoteConnection& connection) {
+    const auto peer =
+        std::make_shared<Peer>(self, connection.processIdentifier(), self->options_.userOf(connection));
+    return AdmittedPeers::Served{peer, remoteExport<SettingsDaemonProtocol>(peer)};
   });
-  listener->resume();
-}
-
-bool SettingsService::accept(const std::shared_ptr<RemoteConnection>& connection) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (undecided_ >= options_.undecidedPeers) {
-      QM_LOG_ERROR(log(), "Process %{public}d is refused: too many are being checked",
-                   connection->processIdentifier());
-      return false;
-    }
-    ++undecided_;
-  }
-  Queue::serial("com.quillmarsh.qmsettingsd.admission").async([self = shared_from_this(), connection] {
-    self->decide(connection);
-  });
-  return true;
-}
-
-void SettingsService::decide(const std::shared_ptr<RemoteConnection>& connection) {
-  const bool isAdmitted = options_.admission(*connection);
-  std::shared_ptr<Peer> peer;
-  {
-    const std::lock_guard lock(mutex_);
-    --undecided_;
-    if (isAdmitted) peer = add(connection);
-  }
-  if (peer == nullptr) {
-    QM_LOG_ERROR(log(), "Process %{public}d is not admitted%{public}@", connection->processIdentifier(),
-                 std::string(isAdmitted ? ": it has too many connections" : ""));
-    return connection->invalidate();
-  }
-  connection->setExport(remoteExport<SettingsDaemonProtocol>(peer));
-  connection->resume();
-}
-
-std::shared_ptr<SettingsService::Peer> SettingsService::add(
-    const std::shared_ptr<RemoteConnection>& connection) {
-  const std::int32_t process = connection->processIdentifier();
-  const auto isOfProcess = [process](const auto& entry) {
-    return entry.second.connection->processIdentifier() == process;
-  };
-  const auto connections = std::count_if(peers_.begin(), peers_.end(), isOfProcess);
-  if (static_cast<std::size_t>(connections) >= options_.connectionsOfOneProcess) return nullptr;
-  const std::uint64_t number = ++lastNumber_;
-  const auto peer = std::make_shared<Peer>(shared_from_this(), process, options_.userOf(*connection));
-  peers_.emplace(number, Entry{connection, peer});
-  connection->setInvalidationHandler([weak = weak_from_this(), number] {
-    if (const auto self = weak.lock()) self->remove(number);
-  });
-  return peer;
-}
-
-void SettingsService::remove(std::uint64_t number) {
-  Entry removed;  // goes outside of the lock
-  const std::lock_guard lock(mutex_);
-  const auto found = peers_.find(number);
-  if (found == peers_.end()) return;
-  removed = std::move(found->second);
-  peers_.erase(found);
 }
 
 void SettingsService::keep(const Dictionary& changes) {

@@ -24,10 +24,6 @@ Log& log() {
   return log;
 }
 
-std::int64_t currentSeconds() {
-  return Date::now().nanosecondsSince1970 / 1'000'000'000;
-}
-
 // What comes from an analysis is marked as such also when it comes from the store: its "undetected" is no
 // all-clear.
 SVKSkyvaultResponse responseFor(const StoredVerdict& known) {
@@ -43,8 +39,9 @@ bool isWanted(const SVKSkyvaultCategory& category, const std::optional<std::vect
   return !wanted || std::find(wanted->begin(), wanted->end(), category.name) != wanted->end();
 }
 
-bool isFromAnalysisThatFoundNothing(const StoredVerdict& known) {
-  return known.source == kVerdictSourceAnalysis && known.verdict == SVKSkyvaultSafetyVerdictValueUndetected;
+std::string_view textIn(const Dictionary& metadata, std::string_view key) {
+  const auto* text = find<std::string>(metadata, key);
+  return text == nullptr ? std::string_view() : *text;
 }
 
 enum class ReadOutcome : std::uint8_t { whole, failed, changed };
@@ -66,11 +63,7 @@ ReadOutcome readWhole(int descriptor, const ReadBuffer& buffer, std::size_t size
 }  // namespace
 
 SkyvaultAnswers::SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions options)
-    : options_([&] {
-        if (options.now == nullptr) options.now = currentSeconds;
-        return std::move(options);
-      }()),
-      store_(std::move(storePath)) {}
+    : options_(std::move(options)), store_(std::move(storePath)) {}
 
 SVKSkyvaultResponse SkyvaultAnswers::unknown(std::uint64_t options, std::uint32_t ttl) const {
   SVKSkyvaultResponse response;
@@ -104,23 +97,23 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
                                   const std::optional<StoredVerdict>& known) const {
-  if (options_.rules == nullptr || options_.rules->count() == 0) return false;
-  if (known) {
-    if (!isFromAnalysisThatFoundNothing(*known)) return false;
-    const std::int64_t age = options_.now() - known->added;
-    if (age >= 0 && age < known->ttl) return false;
-  }
-  const Value* size = find(metadata, "file_size");
+  if (!options_.canExamine() || (known && isInForce(options_, *known))) return false;
+  const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
   return contentKindFromMetadata(metadata) != ContentKind::other;
 }
 
+bool SkyvaultAnswers::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
+                           std::optional<StoredVerdict>& known) {
+  if (sha256 && !store_.find(*sha256, known)) return false;
+  return known || !sha1 || store_.find(*sha1, known);
+}
+
 SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
-  const auto* text = qm::find<std::string>(metadata, "sha256");
-  const std::optional<SHA256Value> sha256 = text == nullptr ? std::nullopt : sha256FromHex(*text);
   std::optional<StoredVerdict> known;
-  const bool isUsable = !sha256 || store_.find(*sha256, known);
+  const bool isUsable =
+      find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
   SVKSkyvaultResponse response = known      ? responseFor(*known)
                                  : isUsable ? unknown(0, options_.unknownTTL)
                                             : unknown(kOptionFailed, 0);
@@ -161,8 +154,9 @@ std::optional<SVKSkyvaultResponse> SkyvaultAnswers::analyzeSample(int descriptor
 
 SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::size_t length) {
   const SHA256Value hash = sha256(bytes, length);
+  const SHA1Value otherHash = sha1(bytes, length);
   std::optional<StoredVerdict> known;
-  store_.find(hash, known);
+  find(hash, otherHash, known);
   if (known && known->source != kVerdictSourceAnalysis) {
     SVKSkyvaultResponse response = responseFor(*known);
     response.options |= kOptionSageUploaded;
@@ -170,19 +164,13 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   }
   if (options_.rules == nullptr) return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   ErrorPtr error;
-  const std::optional<SampleFinding> finding =
-      options_.rules->scan(bytes, length, options_.scanLimit, &error);
-  if (error != nullptr) {
+  const std::optional<StoredVerdict> found =
+      qm::analyzeSample(options_, bytes, length, options_.scanLimit, &error);
+  if (!found) {
     QM_LOG_ERROR(log(), "A sample was not examined to its end: %{public}@", error);
     return unknown(kOptionSageFailed | kOptionSageUploaded, 0);
   }
-  StoredVerdict found;
-  found.verdict = finding ? finding->verdict : SVKSkyvaultSafetyVerdictValueUndetected;
-  if (finding) found.infectionName = finding->infectionName;
-  found.ttl = finding ? options_.detectedTTL : options_.undetectedTTL;
-  found.source = kVerdictSourceAnalysis;
-  found.added = options_.now();
-  SVKSkyvaultResponse response = responseFor(store_.remember(hash, found));
+  SVKSkyvaultResponse response = responseFor(store_.remember(hash, otherHash, *found));
   response.options |= kOptionSageUploaded;
   return response;
 }

@@ -11,26 +11,18 @@
 #include <vector>
 
 #include "companions/live_verdict_store.hpp"
-#include "companions/sample_rules.hpp"
+#include "companions/sample_analysis.hpp"
 #include "foundation/error.hpp"
 #include "foundation/value.hpp"
 #include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 
-struct SkyvaultAnswersOptions {
-  // Null or without a rule: no sample is asked for.
-  std::shared_ptr<const SampleRules> rules;
-  // Bytes. A sample is held in memory as a whole while it is examined.
-  std::uint64_t maximumSampleSize = 64 << 20;
+// No sample is asked for when nothing can be examined.
+struct SkyvaultAnswersOptions : SampleAnalysisOptions {
   std::chrono::seconds scanLimit{60};
-  // How long an asker may keep "unknown", and how long an analysis that found nothing counts: seconds.
+  // How long an asker may keep "unknown": seconds.
   std::uint32_t unknownTTL = 600;
-  std::uint32_t undetectedTTL = 86400;
-  // How long an asker may keep what an analysis found.
-  std::uint32_t detectedTTL = 604800;
-  // Seconds since 1970; for tests.
-  std::int64_t (*now)() = nullptr;
 };
 
 // Any thread.
@@ -46,7 +38,8 @@ class SkyvaultAnswers {
   // filter only those of its categories that the filter names.
   SVKSkyvaultResponse lookUpURL(std::string_view url,
                                 const std::optional<std::vector<std::string>>& categoriesWanted);
-  // By the metadata's "sha256"; with mayAskForSample an unknown file that may be dangerous is asked for.
+  // By the metadata's "sha256", else by its "sha1"; with mayAskForSample an unknown file that may be
+  // dangerous is asked for.
   SVKSkyvaultResponse analyzeMetadata(const Dictionary& metadata, bool mayAskForSample);
   // Reads the whole file, from its beginning and without moving its offset, examines it and remembers the
   // outcome. Takes as long as that takes. Nothing, with an error of qm::skyvault::kErrorDomain, for what is
@@ -59,6 +52,9 @@ class SkyvaultAnswers {
  private:
   SVKSkyvaultResponse unknown(std::uint64_t options, std::uint32_t ttl) const;
   bool wantsSample(const Dictionary& metadata, const std::optional<StoredVerdict>& known) const;
+  // By the SHA-256, else by the SHA-1; false when the store cannot be used.
+  bool find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
+            std::optional<StoredVerdict>& known);
   SVKSkyvaultResponse examine(const std::uint8_t* bytes, std::size_t length);
 
   const SkyvaultAnswersOptions options_;

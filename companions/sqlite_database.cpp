@@ -44,6 +44,13 @@ std::string SQLiteStatement::text(int column) const {
   return {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)};
 }
 
+std::string SQLiteStatement::bytes(int column) const {
+  const void* bytes = sqlite3_column_blob(statement_.get(), column);
+  const int length = sqlite3_column_bytes(statement_.get(), column);
+  if (bytes == nullptr || length <= 0) return {};
+  return {static_cast<const char*>(bytes), static_cast<std::size_t>(length)};
+}
+
 bool SQLiteStatement::isNull(int column) const {
   return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL;
 }
@@ -81,8 +88,9 @@ int SQLiteDatabase::queryInteger(const char* sql, std::int64_t& value) {
   return SQLITE_OK;
 }
 
-std::string SQLiteDatabase::errorMessage() const {
-  return database_ == nullptr ? "out of memory" : sqlite3_errmsg(database_.get());
+SQLiteFailure SQLiteDatabase::failure(int status) const {
+  if (database_ == nullptr) return {status, "out of memory"};
+  return {status, sqlite3_errmsg(database_.get()), sqlite3_system_errno(database_.get())};
 }
 
 int SQLiteDatabase::changes() const {

@@ -34,6 +34,7 @@ class SQLiteStatement {
   // Columns of the current row, counted from 0.
   std::int64_t integer(int column) const;
   std::string text(int column) const;
+  std::string bytes(int column) const;
   bool isNull(int column) const;
 
  private:
@@ -55,6 +56,14 @@ class SQLiteStatementUse {
   SQLiteStatement& statement_;
 };
 
+// What went wrong with a database, kept for a message.
+struct SQLiteFailure {
+  int status = 0;      // an extended result code
+  std::string detail;  // SQLite's text
+  int errorNumber =
+      0;  // errno of the system call that failed last on this connection; it may be an older one
+};
+
 class SQLiteDatabase {
  public:
   SQLiteDatabase() = default;
@@ -66,8 +75,8 @@ class SQLiteDatabase {
   // The first column of the first row.
   int queryInteger(const char* sql, std::int64_t& value);
 
-  // SQLite's text for the last failure.
-  std::string errorMessage() const;
+  // The last failure, which gave the status.
+  SQLiteFailure failure(int status) const;
   // Rows changed by the last statement.
   int changes() const;
 

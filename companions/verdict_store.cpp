@@ -7,143 +7,40 @@
 #include <mutex>
 
 #include "companions/sqlite_database.hpp"
-#include "companions/url_categories.hpp"
-#include "companions/url_key.hpp"
+#include "companions/verdict_records.hpp"
 #include "companions/verdict_store_file.hpp"
 #include "foundation/strings.hpp"
 
 namespace qm {
 
 using namespace verdict_store_file;
+using namespace verdict_records;
 
 namespace {
 
 constexpr std::size_t kMaximumTextLength = 255;
-
-constexpr const char* kFindSQL =
-    "SELECT verdict, infection_name, prevalence, ttl, source, added FROM sha256_verdicts WHERE sha256 = ?1";
-constexpr const char* kAddSQL = "INSERT OR REPLACE INTO sha256_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)";
-constexpr const char* kRemoveSQL = "DELETE FROM sha256_verdicts WHERE sha256 = ?1";
-constexpr const char* kCountSQL = "SELECT verdict, count(*) FROM sha256_verdicts GROUP BY verdict";
-
-constexpr const char* kFindURLSQL =
-    "SELECT verdict, infection_name, prevalence, ttl, source, added, categories FROM url_verdicts WHERE key "
-    "= ?1";
-constexpr const char* kAddURLSQL =
-    "INSERT OR REPLACE INTO url_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)";
-// Changes nothing where a person has spoken.
-constexpr const char* kImportURLSQL =
-    "INSERT INTO url_verdicts VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT (key) DO UPDATE SET "
-    "verdict = excluded.verdict, infection_name = excluded.infection_name, prevalence = excluded.prevalence, "
-    "ttl = excluded.ttl, source = excluded.source, added = excluded.added, categories = excluded.categories "
-    "WHERE url_verdicts.source <> 'manual'";
-constexpr const char* kRemoveURLSQL = "DELETE FROM url_verdicts WHERE key = ?1";
-constexpr const char* kRemoveSourceSQL = "DELETE FROM url_verdicts WHERE source = ?1";
-constexpr const char* kCountURLsSQL = "SELECT verdict, count(*) FROM url_verdicts GROUP BY verdict";
-
-bool fitsAsText(std::string_view text) {
-  return text.size() <= kMaximumTextLength && isValidUTF8(text);
-}
-
-bool checkRecord(const StoredVerdict& record, ErrorPtr* error) {
-  if (isSafetyVerdictValue(record.verdict) && fitsAsText(record.infectionName.value_or("")) &&
-      !record.source.empty() && fitsAsText(record.source))
-    return true;
-  fail(error, VerdictStoreError::badRecord,
-       "A verdict must be one of the safety verdict values, its infection name and source UTF-8 text of at "
-       "most 255 bytes.");
-  return false;
-}
-
-bool checkEntry(const VerdictStore::Entry& entry, ErrorPtr* error) {
-  return checkRecord(entry.second, error);
-}
-
-bool checkEntry(const VerdictStore::URLEntry& entry, ErrorPtr* error) {
-  const auto& [key, record] = entry;
-  const bool isKey = !key.empty() && key.size() <= kMaximumURLKeyLength && isValidUTF8(key);
-  const bool areCategories =
-      record.categories.size() <= kMaximumCategories &&
-      std::all_of(record.categories.begin(), record.categories.end(),
-                  [](const SVKSkyvaultCategory& category) { return isCategoryName(category.name); });
-  if (isKey && areCategories) return checkRecord(record, error);
-  fail(error, VerdictStoreError::badRecord,
-       "A URL's record must have a key and categories with proper names.");
-  return false;
-}
-
-void bindKey(SQLiteStatement& statement, const SHA256Value& sha256) {
-  statement.bindBytes(1, sha256.data(), sha256.size());
-}
-
-void bindKey(SQLiteStatement& statement, const std::string& key) {
-  statement.bind(1, std::string_view(key));
-}
-
-void bindRecord(SQLiteStatement& statement, const StoredVerdict& record) {
-  statement.bind(2, std::string_view(record.verdict));
-  if (record.infectionName)
-    statement.bind(3, std::string_view(*record.infectionName));
-  else
-    statement.bindNull(3);
-  statement.bind(4, std::int64_t{record.prevalence});
-  statement.bind(5, std::int64_t{record.ttl});
-  statement.bind(6, std::string_view(record.source));
-  statement.bind(7, record.added);
-}
-
-void bindRecord(SQLiteStatement& statement, const StoredURLVerdict& record) {
-  bindRecord(statement, static_cast<const StoredVerdict&>(record));
-  statement.bind(8, std::string_view(textFromCategories(record.categories)));
-}
-
-// A file that somebody else edited may hold anything: what is out of range is clamped, what cannot be read
-// left out.
-void readRecord(const SQLiteStatement& statement, StoredVerdict& record) {
-  record.verdict = statement.text(0);
-  if (!statement.isNull(1)) record.infectionName = lossyUTF8(statement.text(1));
-  record.prevalence = static_cast<std::uint8_t>(std::clamp<std::int64_t>(statement.integer(2), 0, 255));
-  record.ttl = static_cast<std::uint32_t>(std::clamp<std::int64_t>(statement.integer(3), 0, UINT32_MAX));
-  record.source = statement.text(4);
-  record.added = statement.integer(5);
-}
-
-void readRecord(const SQLiteStatement& statement, StoredURLVerdict& record) {
-  readRecord(statement, static_cast<StoredVerdict&>(record));
-  record.categories = categoriesFromText(statement.text(6)).value_or(std::vector<SVKSkyvaultCategory>());
-}
-
-// SQLITE_ROW with the record, SQLITE_DONE when there is none, else an error's code.
-template <class Key, class Record>
-int findWith(SQLiteStatement& statement, const Key& key, Record& record) {
-  const SQLiteStatementUse use(statement);
-  bindKey(statement, key);
-  const int status = statement.step();
-  if (status == SQLITE_ROW) readRecord(statement, record);
-  return status;
-}
-
-template <class Key, class Record>
-int putWith(SQLiteStatement& statement, const std::pair<Key, Record>& entry) {
-  const SQLiteStatementUse use(statement);
-  bindKey(statement, entry.first);
-  bindRecord(statement, entry.second);
-  return statement.step();
-}
-
-// SQLITE_DONE when all were counted.
-int countWith(SQLiteStatement& statement, VerdictStore::Counts& counts) {
-  const SQLiteStatementUse use(statement);
-  int status = statement.step();
-  for (; status == SQLITE_ROW; status = statement.step())
-    counts[statement.text(0)] = static_cast<std::uint64_t>(statement.integer(1));
-  return status;
-}
+// The cache (KiB when negative) holds what a large import changes; the log beside the file does not stay
+// larger than that after one.
+constexpr const char* kWriterPragmas =
+    "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA cache_size = -65536; "
+    "PRAGMA journal_size_limit = 16777216";
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+template <class Hash>
+std::optional<Hash> hashFromHex(std::string_view text) {
+  Hash hash{};
+  if (text.size() != 2 * hash.size()) return std::nullopt;
+  for (std::size_t i = 0; i < hash.size(); ++i) {
+    const int high = hexDigit(text[2 * i]), low = hexDigit(text[2 * i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    hash[i] = static_cast<std::uint8_t>(high * 16 + low);
+  }
+  return hash;
 }
 
 }  // namespace
@@ -157,35 +54,48 @@ bool isSafetyVerdictValue(std::string_view text) {
 }
 
 std::optional<SHA256Value> sha256FromHex(std::string_view text) {
-  SHA256Value hash{};
-  if (text.size() != 2 * hash.size()) return std::nullopt;
-  for (std::size_t i = 0; i < hash.size(); ++i) {
-    const int high = hexDigit(text[2 * i]), low = hexDigit(text[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    hash[i] = static_cast<std::uint8_t>(high * 16 + low);
-  }
-  return hash;
+  return hashFromHex<SHA256Value>(text);
+}
+
+std::optional<SHA1Value> sha1FromHex(std::string_view text) {
+  return hashFromHex<SHA1Value>(text);
+}
+
+bool isRecordText(std::string_view text) {
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+  return text.size() <= kMaximumTextLength && isValidUTF8(text) &&
+         std::none_of(text.begin(), text.end(), isControl);
 }
 
 // Reading and writing have a connection each, so that a lookup never waits for a transaction: a reader in
 // write-ahead mode sees the last committed state.
 struct VerdictStore::Reader {
   bool open(const std::string& path, int access, std::chrono::milliseconds busyTimeout, ErrorPtr* error);
-  // SQLITE_NOTFOUND as long as the store is of a version without records of URLs; somebody else may change
-  // that.
-  int prepareForURLs();
+  // SQLITE_NOTFOUND as long as the store is of a version without records of the kind; somebody else may
+  // change that.
+  int prepareFor(VerdictKind kind);
+  ReadStatements& of(VerdictKind kind) { return statements.at(indexOf(kind)); }
 
   std::mutex mutex;
   SQLiteDatabase database;
-  SQLiteStatement find;
-  SQLiteStatement count;
-  SQLiteStatement findURL;
-  SQLiteStatement countURLs;
+  std::array<ReadStatements, kKinds> statements;
 };
 
 struct VerdictStore::Writer {
   bool open(const std::string& path, bool exists, std::chrono::milliseconds busyTimeout, ErrorPtr* error);
   int prepare();
+  WriteStatements& of(VerdictKind kind) { return statements.at(indexOf(kind)); }
+
+  template <class Key>
+  int put(const Key& key, const typename Table<Key>::Record& record) {
+    return putRow(of(Table<Key>::kind).put, key, record);
+  }
+  template <class Key>
+  int find(const Key& key, typename Table<Key>::Record& record) {
+    return findRow(of(Table<Key>::kind).find, key, record);
+  }
+  template <class Key>
+  int importOne(const Key& key, const typename Table<Key>::Record& record, ImportOutcome& outcome);
 
   // Runs the work inside a transaction that takes the write lock first. The work returns SQLITE_DONE to
   // commit.
@@ -195,60 +105,48 @@ struct VerdictStore::Writer {
     if (status == SQLITE_OK) status = work(*this);
     if (status == SQLITE_DONE) status = database.execute("COMMIT");
     if (status == SQLITE_OK) return SQLITE_OK;
-    failure = database.errorMessage();
+    failure = database.failure(status);
     database.execute("ROLLBACK");  // fails harmlessly when none was begun
     return status;
   }
 
   std::mutex mutex;
   SQLiteDatabase database;
-  SQLiteStatement find;
-  SQLiteStatement add;
-  SQLiteStatement remove;
-  SQLiteStatement addURL;
-  SQLiteStatement importURL;
-  SQLiteStatement removeURL;
-  SQLiteStatement removeSource;
-  std::string failure;  // what the failed transaction said
+  std::array<WriteStatements, kKinds> statements;
+  SQLiteFailure failure;  // of the transaction that failed
 };
 
 bool VerdictStore::Reader::open(const std::string& path, int access, std::chrono::milliseconds busyTimeout,
                                 ErrorPtr* error) {
   int status = openConnection(database, path, access, busyTimeout);
   if (status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
+    failWith(error, database.failure(status), path);
     return false;
   }
   Identity identity;
   if (!checkIdentity(database, path, identity, error)) return false;
-  status = database.prepare(kFindSQL, find);
-  if (status == SQLITE_OK) status = database.prepare(kCountSQL, count);
-  if (status == SQLITE_OK) status = prepareForURLs();
-  if (status == SQLITE_OK || status == SQLITE_NOTFOUND) return true;
-  failWithStatus(error, withoutTable(status), path, database.errorMessage());
-  return false;
+  for (const VerdictKind kind : kAllKinds) {
+    status = prepareFor(kind);
+    if (status == SQLITE_OK || (status == SQLITE_NOTFOUND && kind != VerdictKind::sha256)) continue;
+    failWith(error, database.failure(withoutTable(status)), path);
+    return false;
+  }
+  return true;
 }
 
-int VerdictStore::Reader::prepareForURLs() {
-  if (countURLs) return SQLITE_OK;
+int VerdictStore::Reader::prepareFor(VerdictKind kind) {
+  if (of(kind).countSources) return SQLITE_OK;
   std::int64_t version = 0;
   if (const int status = database.queryInteger("PRAGMA user_version", version); status != SQLITE_OK)
     return status;
-  if (version < kFirstVersionWithURLs) return SQLITE_NOTFOUND;
-  if (const int status = database.prepare(kFindURLSQL, findURL); status != SQLITE_OK) return status;
-  return database.prepare(kCountURLsSQL, countURLs);
+  if (version < firstVersionWith(kind)) return SQLITE_NOTFOUND;
+  return verdict_records::prepare(database, kind, of(kind));
 }
 
 int VerdictStore::Writer::prepare() {
-  const std::pair<SQLiteStatement&, const char*> statements[] = {{find, kFindSQL},
-                                                                 {add, kAddSQL},
-                                                                 {remove, kRemoveSQL},
-                                                                 {addURL, kAddURLSQL},
-                                                                 {importURL, kImportURLSQL},
-                                                                 {removeURL, kRemoveURLSQL},
-                                                                 {removeSource, kRemoveSourceSQL}};
-  for (const auto& [statement, sql] : statements)
-    if (const int status = database.prepare(sql, statement); status != SQLITE_OK) return status;
+  for (const VerdictKind kind : kAllKinds)
+    if (const int status = verdict_records::prepare(database, kind, of(kind)); status != SQLITE_OK)
+      return status;
   return SQLITE_OK;
 }
 
@@ -256,22 +154,22 @@ bool VerdictStore::Writer::open(const std::string& path, bool exists, std::chron
                                 ErrorPtr* error) {
   int status = openConnection(database, path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout);
   if (status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
+    failWith(error, database.failure(status), path);
     return false;
   }
   Identity identity;
   if (!checkIdentity(database, path, identity, error)) return false;
   if (!exists) makeReadableForAll(path);
   // Only now is anything written: first the mode, which the file keeps, then what the schema lacks.
-  status = database.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL");
+  status = database.execute(kWriterPragmas);
   if (status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
+    failWith(error, database.failure(status), path);
     return false;
   }
   if (!identity.isCurrent() && !upgrade(database, path, error)) return false;
   status = prepare();
   if (status == SQLITE_OK) return true;
-  failWithStatus(error, withoutTable(status), path, database.errorMessage());
+  failWith(error, database.failure(withoutTable(status)), path);
   return false;
 }
 
@@ -300,53 +198,91 @@ std::unique_ptr<VerdictStore> VerdictStore::open(const std::string& path, Access
   return std::unique_ptr<VerdictStore>(new VerdictStore(path, std::move(reader), std::move(writer)));
 }
 
-std::optional<StoredVerdict> VerdictStore::find(const SHA256Value& sha256, ErrorPtr* error) {
-  StoredVerdict record;
+template <class Hash>
+std::optional<StoredVerdict> VerdictStore::findHash(const Hash& hash, ErrorPtr* error) {
+  constexpr VerdictKind kKind = Table<Hash>::kind;
   const std::lock_guard lock(reader_->mutex);
-  const int status = findWith(reader_->find, sha256, record);
+  int status = reader_->prepareFor(kKind);
+  if (status == SQLITE_NOTFOUND) return std::nullopt;
+  StoredVerdict record;
+  if (status == SQLITE_OK) status = findRow(reader_->of(kKind).find, hash, record);
   if (status == SQLITE_ROW) return record;
-  if (status != SQLITE_DONE) failWithStatus(error, status, path_, reader_->database.errorMessage());
+  if (status != SQLITE_DONE) failWith(error, reader_->database.failure(withoutTable(status)), path_);
   return std::nullopt;
+}
+
+std::optional<StoredVerdict> VerdictStore::find(const SHA256Value& sha256, ErrorPtr* error) {
+  return findHash(sha256, error);
+}
+
+std::optional<StoredVerdict> VerdictStore::find(const SHA1Value& sha1, ErrorPtr* error) {
+  return findHash(sha1, error);
 }
 
 std::optional<VerdictStore::URLEntry> VerdictStore::findURL(const std::vector<std::string>& keys,
                                                             ErrorPtr* error) {
   const std::lock_guard lock(reader_->mutex);
-  int status = reader_->prepareForURLs();
+  int status = reader_->prepareFor(VerdictKind::url);
   if (status == SQLITE_NOTFOUND) return std::nullopt;
   for (auto key = keys.begin(); key != keys.end() && (status == SQLITE_OK || status == SQLITE_DONE); ++key) {
     StoredURLVerdict record;
-    status = findWith(reader_->findURL, *key, record);
+    status = findRow(reader_->of(VerdictKind::url).find, *key, record);
     if (status == SQLITE_ROW) return URLEntry(*key, std::move(record));
   }
   if (status != SQLITE_OK && status != SQLITE_DONE)
-    failWithStatus(error, withoutTable(status), path_, reader_->database.errorMessage());
+    failWith(error, reader_->database.failure(withoutTable(status)), path_);
   return std::nullopt;
 }
 
 template <class Work>
 bool VerdictStore::change(const Work& work, ErrorPtr* error) {
   if (writer_ == nullptr) {
-    failWithStatus(error, SQLITE_READONLY, path_, "opened for reading");
+    failWith(error, {SQLITE_READONLY, "opened for reading"}, path_);
     return false;
   }
   const std::lock_guard lock(writer_->mutex);
-  const int status = writer_->transaction(work);
-  if (status == SQLITE_OK) return true;
-  failWithStatus(error, status, path_, writer_->failure);
+  if (writer_->transaction(work) == SQLITE_OK) return true;
+  failWith(error, writer_->failure, path_);
   return false;
 }
 
+namespace {
+
 template <class Entries>
-bool VerdictStore::putAll(SQLiteStatement Writer::*statement, const Entries& entries, std::size_t& changed,
-                          ErrorPtr* error) {
-  for (const auto& entry : entries)
-    if (!checkEntry(entry, error)) return false;
+bool checkAll(const Entries& entries, ErrorPtr* error) {
+  return std::all_of(entries.begin(), entries.end(),
+                     [error](const auto& entry) { return checkEntry(entry, error); });
+}
+
+}  // namespace
+
+template <class Entries>
+bool VerdictStore::putAll(const Entries& entries, ErrorPtr* error) {
+  if (!checkAll(entries, error)) return false;
   return change(
       [&](Writer& writer) {
-        for (const auto& entry : entries) {
-          if (const int put = putWith(writer.*statement, entry); put != SQLITE_DONE) return put;
-          changed += static_cast<std::size_t>(writer.database.changes());
+        for (const auto& [key, record] : entries)
+          if (const int put = writer.put(key, record); put != SQLITE_DONE) return put;
+        return SQLITE_DONE;
+      },
+      error);
+}
+
+bool VerdictStore::add(const std::vector<Entry>& entries, ErrorPtr* error) {
+  return putAll(entries, error);
+}
+
+bool VerdictStore::addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
+  return putAll(entries, error);
+}
+
+bool VerdictStore::addAll(const std::vector<VerdictEntry>& entries, ErrorPtr* error) {
+  if (!checkAll(entries, error)) return false;
+  return change(
+      [&](Writer& writer) {
+        for (const auto& [key, record] : entries) {
+          const auto put = [&](const auto& k) { return writer.put(k, record); };
+          if (const int status = std::visit(put, key); status != SQLITE_DONE) return status;
         }
         return SQLITE_DONE;
       },
@@ -354,14 +290,74 @@ bool VerdictStore::putAll(SQLiteStatement Writer::*statement, const Entries& ent
 }
 
 template <class Key>
-std::optional<std::size_t> VerdictStore::removeAll(SQLiteStatement Writer::*statement,
-                                                   const std::vector<Key>& keys, ErrorPtr* error) {
+int VerdictStore::Writer::importOne(const Key& key, const typename Table<Key>::Record& record,
+                                    ImportOutcome& outcome) {
+  typename Table<Key>::Record present;
+  const int there = find(key, present);
+  if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
+  if (there == SQLITE_ROW && saySame(present, record)) {
+    ++outcome.unchanged;
+    return SQLITE_DONE;
+  }
+  if (there == SQLITE_ROW && present.source == kVerdictSourceManual) {
+    ++outcome.kept;
+    return SQLITE_DONE;
+  }
+  ++(there == SQLITE_ROW ? outcome.replaced : outcome.added);
+  return put(key, record);
+}
+
+std::optional<VerdictStore::ImportOutcome> VerdictStore::importAll(std::vector<VerdictEntry> entries,
+                                                                   ErrorPtr* error) {
+  if (!checkAll(entries, error)) return std::nullopt;
+  // In the order of the table a page is changed once for all of its rows.
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const VerdictEntry& a, const VerdictEntry& b) { return a.first < b.first; });
+  ImportOutcome outcome;
+  const auto work = [&](Writer& writer) {
+    for (const auto& [key, record] : entries) {
+      const auto importOne = [&](const auto& k) { return writer.importOne(k, record, outcome); };
+      if (const int status = std::visit(importOne, key); status != SQLITE_DONE) return status;
+    }
+    return SQLITE_DONE;
+  };
+  return change(work, error) ? std::optional(outcome) : std::nullopt;
+}
+
+std::optional<StoredVerdict> VerdictStore::remember(const SHA256Value& sha256, const SHA1Value& sha1,
+                                                    const StoredVerdict& found, ErrorPtr* error) {
+  if (!checkRecord(found, error)) return std::nullopt;
+  StoredVerdict inForce = found;
+  const auto work = [&](Writer& writer) {
+    const auto isSpokenFor = [&](const auto& hash, int& status) {
+      StoredVerdict present;
+      status = writer.find(hash, present);
+      if (status != SQLITE_ROW || present.source == found.source) return false;
+      inForce = present;
+      return true;
+    };
+    int there = SQLITE_DONE;
+    if (isSpokenFor(sha256, there)) return SQLITE_DONE;
+    if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
+    if (isSpokenFor(sha1, there)) return SQLITE_DONE;
+    if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
+    const int put = writer.put(sha256, found);
+    return put == SQLITE_DONE ? writer.put(sha1, found) : put;
+  };
+  return change(work, error) ? std::optional(inForce) : std::nullopt;
+}
+
+std::optional<std::size_t> VerdictStore::remove(const std::vector<VerdictKey>& keys, ErrorPtr* error) {
   std::size_t removed = 0;
   const auto work = [&](Writer& writer) {
-    for (const Key& key : keys) {
-      const SQLiteStatementUse use(writer.*statement);
-      bindKey(writer.*statement, key);
-      if (const int step = (writer.*statement).step(); step != SQLITE_DONE) return step;
+    for (const VerdictKey& key : keys) {
+      const auto removeOne = [&](const auto& k) {
+        SQLiteStatement& statement = writer.of(Table<std::decay_t<decltype(k)>>::kind).remove;
+        const SQLiteStatementUse use(statement);
+        bindKey(statement, k);
+        return statement.step();
+      };
+      if (const int status = std::visit(removeOne, key); status != SQLITE_DONE) return status;
       removed += static_cast<std::size_t>(writer.database.changes());
     }
     return SQLITE_DONE;
@@ -369,67 +365,65 @@ std::optional<std::size_t> VerdictStore::removeAll(SQLiteStatement Writer::*stat
   return change(work, error) ? std::optional(removed) : std::nullopt;
 }
 
-bool VerdictStore::add(const std::vector<Entry>& entries, ErrorPtr* error) {
-  std::size_t changed = 0;
-  return putAll(&Writer::add, entries, changed, error);
-}
-
-bool VerdictStore::addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
-  std::size_t changed = 0;
-  return putAll(&Writer::addURL, entries, changed, error);
-}
-
-std::optional<std::size_t> VerdictStore::importURLs(const std::vector<URLEntry>& entries, ErrorPtr* error) {
-  std::size_t changed = 0;
-  return putAll(&Writer::importURL, entries, changed, error) ? std::optional(changed) : std::nullopt;
-}
-
-std::optional<StoredVerdict> VerdictStore::remember(const SHA256Value& sha256, const StoredVerdict& found,
-                                                    ErrorPtr* error) {
-  if (!checkRecord(found, error)) return std::nullopt;
-  StoredVerdict inForce = found;
+std::optional<std::size_t> VerdictStore::removeSource(const std::vector<VerdictKind>& kinds,
+                                                      const std::string& source, ErrorPtr* error) {
+  std::size_t removed = 0;
   const auto work = [&](Writer& writer) {
-    StoredVerdict present;
-    const int there = findWith(writer.find, sha256, present);
-    if (there == SQLITE_ROW && present.source != found.source) {
-      inForce = present;
-      return SQLITE_DONE;
+    for (const VerdictKind kind : kinds) {
+      SQLiteStatement& statement = writer.of(kind).removeSource;
+      const SQLiteStatementUse use(statement);
+      statement.bind(1, std::string_view(source));
+      if (const int status = statement.step(); status != SQLITE_DONE) return status;
+      removed += static_cast<std::size_t>(writer.database.changes());
     }
-    if (there != SQLITE_ROW && there != SQLITE_DONE) return there;
-    return putWith(writer.add, Entry(sha256, found));
+    return SQLITE_DONE;
   };
-  return change(work, error) ? std::optional(inForce) : std::nullopt;
+  return change(work, error) ? std::optional(removed) : std::nullopt;
 }
 
-std::optional<std::size_t> VerdictStore::remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error) {
-  return removeAll(&Writer::remove, hashes, error);
-}
-
-std::optional<std::size_t> VerdictStore::removeURLs(const std::vector<std::string>& keys, ErrorPtr* error) {
-  return removeAll(&Writer::removeURL, keys, error);
+std::optional<std::size_t> VerdictStore::removeFilesOfSource(const std::string& source, ErrorPtr* error) {
+  return removeSource({VerdictKind::sha256, VerdictKind::sha1}, source, error);
 }
 
 std::optional<std::size_t> VerdictStore::removeURLsOfSource(const std::string& source, ErrorPtr* error) {
-  return removeAll(&Writer::removeSource, std::vector{source}, error);
+  return removeSource({VerdictKind::url}, source, error);
 }
 
-std::optional<VerdictStore::Counts> VerdictStore::count(ErrorPtr* error) {
+std::optional<VerdictStore::Counts> VerdictStore::countWith(SQLiteStatement ReadStatements::*statement,
+                                                            VerdictKind kind, ErrorPtr* error) {
   const std::lock_guard lock(reader_->mutex);
   Counts counts;
-  const int status = countWith(reader_->count, counts);
-  if (status == SQLITE_DONE) return counts;
-  failWithStatus(error, status, path_, reader_->database.errorMessage());
-  return std::nullopt;
-}
-
-std::optional<VerdictStore::Counts> VerdictStore::countURLs(ErrorPtr* error) {
-  const std::lock_guard lock(reader_->mutex);
-  Counts counts;
-  int status = reader_->prepareForURLs();
-  if (status == SQLITE_OK) status = countWith(reader_->countURLs, counts);
+  int status = reader_->prepareFor(kind);
+  if (status == SQLITE_OK) status = countRows(reader_->of(kind).*statement, counts);
   if (status == SQLITE_DONE || status == SQLITE_NOTFOUND) return counts;
-  failWithStatus(error, withoutTable(status), path_, reader_->database.errorMessage());
+  failWith(error, reader_->database.failure(withoutTable(status)), path_);
   return std::nullopt;
+}
+
+std::optional<VerdictStore::Counts> VerdictStore::count(VerdictKind kind, ErrorPtr* error) {
+  return countWith(&ReadStatements::count, kind, error);
+}
+
+std::optional<VerdictStore::Counts> VerdictStore::countSources(VerdictKind kind, ErrorPtr* error) {
+  return countWith(&ReadStatements::countSources, kind, error);
+}
+
+bool VerdictStore::visit(VerdictKind kind, const std::string& source,
+                         const std::function<bool(const VerdictEntry&)>& visitor, ErrorPtr* error) {
+  const std::lock_guard lock(reader_->mutex);
+  int status = reader_->prepareFor(kind);
+  if (status == SQLITE_NOTFOUND) return true;
+  SQLiteStatement statement;
+  if (status == SQLITE_OK) status = prepareVisit(reader_->database, kind, statement);
+  if (status == SQLITE_OK) {
+    if (!source.empty()) statement.bind(1, std::string_view(source));
+    do {
+      status = statement.step();
+    } while (status == SQLITE_ROW && visitor(readEntry(statement, kind)));
+  }
+  if (status == SQLITE_DONE || status == SQLITE_ROW) return true;
+  failWith(error, reader_->database.failure(withoutTable(status)), path_);
+  return false;
 }
 
 }  // namespace qm

@@ -1,6 +1,6 @@
-// The local verdict store: what is known about files by the SHA-256 of their content, and about URLs by their
-// keys. An SQLite file in write-ahead mode that several programs may use at once: the Skyvault agent answers
-// from it, qmverdicts edits it.
+// The local verdict store: what is known about files by the SHA-256 or the SHA-1 of their content, and about
+// URLs by their keys. An SQLite file in write-ahead mode that several programs may use at once: the Skyvault
+// agent answers from it, qmverdicts edits it.
 //
 // A store belongs to whoever opened it and may be used from any thread; lookups do not wait for changes.
 // Every change is whole or not made and is on the disk when the call returns.
@@ -8,12 +8,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "foundation/error.hpp"
@@ -38,10 +40,10 @@ enum class VerdictStoreError : std::int64_t {
 
 struct StoredVerdict {
   std::string verdict;                       // a safety verdict value
-  std::optional<std::string> infectionName;  // at most 255 bytes of UTF-8
+  std::optional<std::string> infectionName;  // at most 255 bytes of UTF-8 without control characters
   std::uint8_t prevalence = 0;
   std::uint32_t ttl = 0;   // seconds an asker may keep the answer
-  std::string source;      // who says so: one of the below, or the name of an import
+  std::string source;      // who says so: one of the below, or the name of an import; limits as above
   std::int64_t added = 0;  // seconds since 1970
 
   friend bool operator==(const StoredVerdict&, const StoredVerdict&) = default;
@@ -52,6 +54,14 @@ struct StoredURLVerdict : StoredVerdict {
 
   friend bool operator==(const StoredURLVerdict&, const StoredURLVerdict&) = default;
 };
+
+enum class VerdictKind : std::uint8_t { sha256, sha1, url };
+
+// What a verdict is about: a file by one of its hashes, or URLs by a key that companions/url_key.hpp makes.
+// The alternatives stand in the order of the kinds.
+using VerdictKey = std::variant<SHA256Value, SHA1Value, std::string>;
+// A file's record has no categories.
+using VerdictEntry = std::pair<VerdictKey, StoredURLVerdict>;
 
 inline constexpr const char* kVerdictSourceManual = "manual";      // a person
 inline constexpr const char* kVerdictSourceAnalysis = "analysis";  // of a sample
@@ -66,10 +76,17 @@ inline constexpr std::string_view kVerdictStoreProductPath = "/Library/Quillmars
 // One of the six safety verdict values.
 bool isSafetyVerdictValue(std::string_view text);
 
-// The hash as people and messages write it: 64 hexadecimal digits; nothing for any other text.
+// A hash as people and messages write it: 64 or 40 hexadecimal digits; nothing for any other text.
 std::optional<SHA256Value> sha256FromHex(std::string_view text);
+std::optional<SHA1Value> sha1FromHex(std::string_view text);
+
+// At most 255 bytes of UTF-8 without control characters: fit to be an infection name or a source.
+bool isRecordText(std::string_view text);
 
 class SQLiteStatement;
+namespace verdict_records {
+struct ReadStatements;
+}
 
 class VerdictStore {
  public:
@@ -91,37 +108,53 @@ class VerdictStore {
 
   const std::string& path() const { return path_; }
 
-  // Nothing when the hash is not in the store and, with an error set, when the store cannot be read.
+  // Nothing when the hash is not in the store and, with an error set, when the store cannot be read. A store
+  // of a version that knew no SHA-1, or no URLs, opened for reading, has none.
   std::optional<StoredVerdict> find(const SHA256Value& sha256, ErrorPtr* error = nullptr);
+  std::optional<StoredVerdict> find(const SHA1Value& sha1, ErrorPtr* error = nullptr);
 
   using Entry = std::pair<SHA256Value, StoredVerdict>;
   // Adds all or none; a verdict that is there is replaced.
   [[nodiscard]] bool add(const std::vector<Entry>& entries, ErrorPtr* error = nullptr);
+  [[nodiscard]] bool addAll(const std::vector<VerdictEntry>& entries, ErrorPtr* error = nullptr);
 
-  // Keeps what an analysis found, unless the hash has a verdict from another source. The verdict in force
-  // afterwards, nothing on failure.
-  std::optional<StoredVerdict> remember(const SHA256Value& sha256, const StoredVerdict& found,
-                                        ErrorPtr* error = nullptr);
+  struct ImportOutcome {
+    std::size_t added = 0;
+    std::size_t replaced = 0;   // said something else before, or had another source
+    std::size_t unchanged = 0;  // there already: the time when it was added stays
+    std::size_t kept = 0;       // a person had given another verdict, which stays
+  };
+  // Takes all, in the order of their keys, or none. Of two with one key the later counts.
+  std::optional<ImportOutcome> importAll(std::vector<VerdictEntry> entries, ErrorPtr* error = nullptr);
+
+  // Keeps what an analysis found under both hashes, unless one of them has a verdict from another source. The
+  // verdict in force afterwards, nothing on failure.
+  std::optional<StoredVerdict> remember(const SHA256Value& sha256, const SHA1Value& sha1,
+                                        const StoredVerdict& found, ErrorPtr* error = nullptr);
 
   // Removes all or none. How many there were, nothing on failure.
-  std::optional<std::size_t> remove(const std::vector<SHA256Value>& hashes, ErrorPtr* error = nullptr);
+  std::optional<std::size_t> remove(const std::vector<VerdictKey>& keys, ErrorPtr* error = nullptr);
+  std::optional<std::size_t> removeFilesOfSource(const std::string& source, ErrorPtr* error = nullptr);
 
   // Records by verdict; nothing on failure.
   using Counts = std::map<std::string, std::uint64_t>;
-  std::optional<Counts> count(ErrorPtr* error = nullptr);
+  std::optional<Counts> count(VerdictKind kind, ErrorPtr* error = nullptr);
+  std::optional<Counts> count(ErrorPtr* error = nullptr) { return count(VerdictKind::sha256, error); }
+  std::optional<Counts> countURLs(ErrorPtr* error = nullptr) { return count(VerdictKind::url, error); }
+  // Records by source.
+  std::optional<Counts> countSources(VerdictKind kind, ErrorPtr* error = nullptr);
 
-  // The same for URLs. The keys are those that companions/url_key.hpp makes. A store of a version that knew
-  // no URLs, opened for reading, has none.
+  // Calls the visitor with each record of the kind, in the order of the keys and as of one moment, until it
+  // returns false; of one source only when it is not empty. The visitor does not look into this store. False
+  // when the store cannot be read.
+  bool visit(VerdictKind kind, const std::string& source,
+             const std::function<bool(const VerdictEntry&)>& visitor, ErrorPtr* error = nullptr);
+
   using URLEntry = std::pair<std::string, StoredURLVerdict>;
   // The first of the keys that is there.
   std::optional<URLEntry> findURL(const std::vector<std::string>& keys, ErrorPtr* error = nullptr);
   [[nodiscard]] bool addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error = nullptr);
-  // Adds all, but for those whose key has a record that a person made, or none. How many were added, nothing
-  // on failure.
-  std::optional<std::size_t> importURLs(const std::vector<URLEntry>& entries, ErrorPtr* error = nullptr);
-  std::optional<std::size_t> removeURLs(const std::vector<std::string>& keys, ErrorPtr* error = nullptr);
   std::optional<std::size_t> removeURLsOfSource(const std::string& source, ErrorPtr* error = nullptr);
-  std::optional<Counts> countURLs(ErrorPtr* error = nullptr);
 
  private:
   struct Reader;
@@ -133,11 +166,13 @@ class VerdictStore {
   template <class Work>
   bool change(const Work& work, ErrorPtr* error);
   template <class Entries>
-  bool putAll(SQLiteStatement Writer::*statement, const Entries& entries, std::size_t& changed,
-              ErrorPtr* error);
-  template <class Key>
-  std::optional<std::size_t> removeAll(SQLiteStatement Writer::*statement, const std::vector<Key>& keys,
-                                       ErrorPtr* error);
+  bool putAll(const Entries& entries, ErrorPtr* error);
+  std::optional<std::size_t> removeSource(const std::vector<VerdictKind>& kinds, const std::string& source,
+                                          ErrorPtr* error);
+  template <class Hash>
+  std::optional<StoredVerdict> findHash(const Hash& hash, ErrorPtr* error);
+  std::optional<Counts> countWith(SQLiteStatement verdict_records::ReadStatements::*statement,
+                                  VerdictKind kind, ErrorPtr* error);
 
   const std::string path_;
   // Closed last: only a writing connection moves the log into the file when it is the last to go. Null for a

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
@@ -38,20 +39,43 @@ constexpr std::array kSchemaSteps = {
     "  added INTEGER NOT NULL,"
     "  categories TEXT NOT NULL"
     ") STRICT, WITHOUT ROWID",
+    "CREATE TABLE sha1_verdicts ("
+    "  sha1 BLOB NOT NULL PRIMARY KEY CHECK (length(sha1) = 20),"
+    "  verdict TEXT NOT NULL,"
+    "  infection_name TEXT,"
+    "  prevalence INTEGER NOT NULL CHECK (prevalence BETWEEN 0 AND 255),"
+    "  ttl INTEGER NOT NULL CHECK (ttl BETWEEN 0 AND 4294967295),"
+    "  source TEXT NOT NULL,"
+    "  added INTEGER NOT NULL"
+    ") STRICT, WITHOUT ROWID",
 };
 constexpr std::int64_t kSchemaVersion = static_cast<std::int64_t>(kSchemaSteps.size());
 
-static_assert(kSchemaVersion >= kFirstVersionWithURLs);
-
 }  // namespace
+
+std::int64_t firstVersionWith(VerdictKind kind) {
+  switch (kind) {
+    case VerdictKind::sha256:
+      return 1;
+    case VerdictKind::url:
+      return 2;
+    case VerdictKind::sha1:
+      return 3;
+  }
+  return kSchemaVersion + 1;
+}
 
 void fail(ErrorPtr* error, VerdictStoreError code, std::string text) {
   setError(error, makeError(kVerdictStoreErrorDomain, static_cast<std::int64_t>(code),
                             {{kLocalizedDescriptionKey, std::move(text)}}));
 }
 
-void failWithStatus(ErrorPtr* error, int status, const std::string& path, const std::string& detail) {
+void failWith(ErrorPtr* error, const SQLiteFailure& failure, const std::string& path) {
   const std::string store = "The verdict store “" + path + "” ";
+  const auto& [status, detail, errorNumber] = failure;
+  const bool isFileTrouble = (status & 0xff) == SQLITE_IOERR || (status & 0xff) == SQLITE_CANTOPEN;
+  if (isFileTrouble && (errorNumber == ENOSPC || errorNumber == EDQUOT || errorNumber == EFBIG))
+    return fail(error, VerdictStoreError::diskFull, store + "cannot be used: the disk is full.");
   switch (status & 0xff) {
     case SQLITE_CORRUPT:
       return fail(error, VerdictStoreError::damaged,
@@ -102,7 +126,7 @@ int readIdentity(SQLiteDatabase& database, Identity& identity) {
 
 bool checkIdentity(SQLiteDatabase& database, const std::string& path, Identity& identity, ErrorPtr* error) {
   if (const int status = readIdentity(database, identity); status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
+    failWith(error, database.failure(status), path);
     return false;
   }
   const bool isEmpty = identity.applicationID == 0 && identity.version == 0 && identity.objects == 0;
@@ -123,7 +147,7 @@ bool checkIdentity(SQLiteDatabase& database, const std::string& path, Identity& 
 bool upgrade(SQLiteDatabase& database, const std::string& path, ErrorPtr* error) {
   int status = database.execute("BEGIN IMMEDIATE");
   if (status != SQLITE_OK) {
-    failWithStatus(error, status, path, database.errorMessage());
+    failWith(error, database.failure(status), path);
     return false;
   }
   Identity identity;
@@ -138,7 +162,7 @@ bool upgrade(SQLiteDatabase& database, const std::string& path, ErrorPtr* error)
   if (status == SQLITE_OK) status = database.execute(marks.c_str());
   if (status == SQLITE_OK) status = database.execute("COMMIT");
   if (status == SQLITE_OK) return true;
-  failWithStatus(error, status, path, database.errorMessage());
+  failWith(error, database.failure(status), path);
   database.execute("ROLLBACK");
   return false;
 }

@@ -12,12 +12,11 @@
 
 namespace qm::verdict_store_file {
 
-// The version from which on there are records of URLs.
-inline constexpr std::int64_t kFirstVersionWithURLs = 2;
+// The version from which on there are records of a kind.
+std::int64_t firstVersionWith(VerdictKind kind);
 
 void fail(ErrorPtr* error, VerdictStoreError code, std::string text);
-// The error for a result code of SQLite's; `detail` is its own text.
-void failWithStatus(ErrorPtr* error, int status, const std::string& path, const std::string& detail);
+void failWith(ErrorPtr* error, const SQLiteFailure& failure, const std::string& path);
 // What a failed preparation of a statement means: the marks of a store without its tables are nothing that
 // this product writes.
 int withoutTable(int status);

@@ -20,9 +20,12 @@ class Property {
     return value_;
   }
   // The old value is destroyed outside the lock.
-  void set(T value) {
+  void set(T value) { exchange(std::move(value)); }
+  // Sets, and returns the old value, in one step.
+  T exchange(T value) {
     std::lock_guard lock(mutex_);
     std::swap(value_, value);
+    return value;
   }
 
  private:

@@ -23,6 +23,9 @@ struct FileStatus {
   std::int64_t created = 0;
   std::int64_t accessed = 0;
   std::int64_t modified = 0;
+  // Nanoseconds since 1970: the last change of the content or of anything said here but `accessed`. Unlike
+  // `modified` nobody can set it.
+  std::int64_t changedNanoseconds = 0;
   bool isRegularFile = false;
   bool isDirectory = false;
 };

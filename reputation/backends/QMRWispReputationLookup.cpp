@@ -7,7 +7,6 @@
 #include "filefacts/QMRHashProvider.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
 #include "reputation/backends/QMRWispClient.hpp"
-#include "reputation/backends/awaited_answer.hpp"
 #include "settings/settings_keys.hpp"
 
 namespace level = qm::reputation_level;
@@ -90,7 +89,7 @@ std::shared_ptr<QMRWispReputationLookup> QMRWispReputationLookup::create(Setting
   const auto client = std::make_shared<QMRWispClient>(nullptr);
   auto lookup = create(client, std::move(settingsClient));
   client->setErrorCallback([weak = std::weak_ptr(lookup)](const qm::ErrorPtr& error) {
-    if (const auto self = weak.lock()) self->connectionFailed(error);
+    if (const auto self = weak.lock()) self->reportErrorToProduct(error);
   });
   return lookup;
 }
@@ -158,16 +157,6 @@ void QMRWispReputationLookup::reportErrorToProduct(const qm::ErrorPtr& error) co
   settingsClient_->updateWispError(error);
 }
 
-void QMRWispReputationLookup::connectionFailed(const qm::ErrorPtr& error) {
-  connectionError_.set(error);
-  reportErrorToProduct(error);
-}
-
-// An error of the connection was reported when it came.
-void QMRWispReputationLookup::reportFailedCall(const qm::ErrorPtr& error) const {
-  if (error != connectionError_.get()) reportErrorToProduct(error);
-}
-
 bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
                                                       const qm::FileReputationCompletion& reply) const {
   const qm::Dictionary settings = settingsClient_->systemSettings();
@@ -183,20 +172,29 @@ bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
 // --- Calls to the daemon ---
 
 template <class Response>
-QMRWispReputationLookup::Completion<Response> QMRWispReputationLookup::answeredOnce(
-    std::uint32_t timeout, Completion<Response> completion) {
-  using Answer = qm::AwaitedAnswer<Response>;
-  const auto awaited = std::make_shared<Answer>(std::move(completion), [self = self()] {
-    const qm::ErrorPtr error = self->connectionError_.get();
-    return error ? error : noAnswerError();
+QMRWispReputationLookup::ScanCallback<Response> QMRWispReputationLookup::withDeadline(
+    std::uint32_t timeout, ScanCallback<Response> completion) {
+  const auto pending = std::make_shared<qm::Property<ScanCallback<Response>>>(std::move(completion));
+  timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace, [weak = std::weak_ptr(pending)] {
+    const auto late = weak.lock();
+    const auto callback = late ? late->exchange(nullptr) : nullptr;
+    if (callback) callback(nullptr, noAnswerError());
   });
-  timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace,
-                [weak = std::weak_ptr<Answer>(awaited)] {
-                  if (const auto late = weak.lock()) late->give(nullptr, noAnswerError());
-                });
-  return [awaited](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
-    awaited->give(response, error || response ? error : noAnswerError());
+  return [pending](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
+    const auto callback = pending->exchange(nullptr);
+    if (callback) callback(response, error || response ? error : noAnswerError());
   };
+}
+
+void QMRWispReputationLookup::qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout,
+                                      QMRWispProtocol::QvsScanCallback completion) {
+  wisp_->qvsScan(url, timeout, withDeadline(timeout, std::move(completion)));
+}
+
+void QMRWispReputationLookup::cloudScan(const qm::URL& url, const qm::Dictionary& metadata,
+                                        std::uint32_t timeout,
+                                        QMRWispProtocol::CloudScanCallback completion) {
+  wisp_->cloudScan(url, metadata, timeout, withDeadline(timeout, std::move(completion)));
 }
 
 // --- Files ---
@@ -214,13 +212,11 @@ void QMRWispReputationLookup::qvsScanForFile(const Request& request, bool skipCl
   const std::optional<qm::URL> url = qm::URL::create("data://" + hash);
   const auto start = timing_.now();
   QM_LOG_DEBUG(log(), "Will do qvsScan of %@ (SHA1: %@)", url, hash);
-  wisp_->qvsScan(url, kFileTimeout,
-                 answeredOnce<QMRWispQvsResponseObjC>(
-                     kFileTimeout, [self = self(), request, skipCloudScan, reply, start](
-                                       const QvsResponse& response, const qm::ErrorPtr& error) {
-                       self->finishQvsScan(request, skipCloudScan, reply, self->timing_.now() - start,
-                                           response, error);
-                     }));
+  qvsScan(url, kFileTimeout,
+          [self = self(), request, skipCloudScan, reply, start](const QvsResponse& response,
+                                                                const qm::ErrorPtr& error) {
+            self->finishQvsScan(request, skipCloudScan, reply, self->timing_.now() - start, response, error);
+          });
 }
 
 void QMRWispReputationLookup::finishQvsScan(const Request& request, bool skipCloudScan,
@@ -235,7 +231,7 @@ void QMRWispReputationLookup::finishQvsScan(const Request& request, bool skipClo
                inSeconds(elapsed), its.safetyVerdict, its.ttl, its.detectionName, its.categories,
                its.prevalence, error);
   if (error) {
-    reportFailedCall(error);
+    reportErrorToProduct(error);
     QM_LOG_ERROR(log(), "Error performing Wisp qvsScan call: %{public}@", error);
     answerFailure(*request, error, reply);
     if (!skipCloudScan) scheduleBackgroundCloudScan(request, kDelayAfterFailure);
@@ -271,12 +267,11 @@ void QMRWispReputationLookup::cloudScanForFile(const Request& request,
   const auto start = timing_.now();
   const qm::Dictionary metadata = request->metadata();
   QM_LOG_DEBUG(log(), "Performing cloud scan of %@ with metadata %@", url, metadata);
-  wisp_->cloudScan(url, metadata, kFileTimeout,
-                   answeredOnce<QMRWispCloudScanResponseObjC>(
-                       kFileTimeout, [self = self(), request, reply, start](const CloudScanResponse& response,
-                                                                            const qm::ErrorPtr& error) {
-                         self->finishCloudScan(request, reply, self->timing_.now() - start, response, error);
-                       }));
+  cloudScan(
+      url, metadata, kFileTimeout,
+      [self = self(), request, reply, start](const CloudScanResponse& response, const qm::ErrorPtr& error) {
+        self->finishCloudScan(request, reply, self->timing_.now() - start, response, error);
+      });
 }
 
 void QMRWispReputationLookup::finishCloudScan(const Request& request,
@@ -293,7 +288,7 @@ void QMRWispReputationLookup::finishCloudScan(const Request& request,
                inSeconds(elapsed), its.result, its.ttl, its.infectionName, its.categories, error);
   if (error) {
     QM_LOG_ERROR(log(), "Error performing Wisp cloudScan call: %{public}@", error);
-    reportFailedCall(error);
+    reportErrorToProduct(error);
     answerFailure(*request, error, reply);
     return;
   }
@@ -327,26 +322,23 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
         kUnknownRating(), std::uint64_t{0}, lookupErrorWithCode(kNotAvailable, "Wisp is not available")));
   }
   if (useCloudScanForURLLookup()) {
-    wisp_->cloudScan(validated, baseMetadata().value_or(qm::Dictionary()), timeout,
-                     answeredOnce<QMRWispCloudScanResponseObjC>(
-                         timeout, [self = self(), validated, callback](const CloudScanResponse& response,
-                                                                       const qm::ErrorPtr& error) {
-                           self->reportOutcomeOfURLLookup(error);
-                           self->handleWispCloudScanResponse(response, *validated, error, callback);
-                         }));
+    cloudScan(
+        *validated, baseMetadata().value_or(qm::Dictionary()), timeout,
+        [self = self(), validated, callback](const CloudScanResponse& response, const qm::ErrorPtr& error) {
+          self->reportOutcomeOfURLLookup(error);
+          self->handleWispCloudScanResponse(response, *validated, error, callback);
+        });
     return;
   }
-  wisp_->qvsScan(validated, timeout,
-                 answeredOnce<QMRWispQvsResponseObjC>(
-                     timeout, [self = self(), validated, callback](const QvsResponse& response,
-                                                                   const qm::ErrorPtr& error) {
-                       self->reportOutcomeOfURLLookup(error);
-                       self->handleWispQvsScanResponse(response, *validated, error, callback);
-                     }));
+  qvsScan(*validated, timeout,
+          [self = self(), validated, callback](const QvsResponse& response, const qm::ErrorPtr& error) {
+            self->reportOutcomeOfURLLookup(error);
+            self->handleWispQvsScanResponse(response, *validated, error, callback);
+          });
 }
 
 void QMRWispReputationLookup::reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const {
-  if (error) return reportFailedCall(error);
+  if (error) return reportErrorToProduct(error);
   settingsClient_->updateWispError(nullptr);
 }
 

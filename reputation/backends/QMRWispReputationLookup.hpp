@@ -16,8 +16,10 @@
 #include "reputation/backends/QMRWispProtocol.hpp"
 #include "settings/QMRSettingsClientProtocol.hpp"
 
-// Replies are called on whatever queue the Wisp client answers on. Every lookup is answered: a daemon that
-// cannot be reached, or gives no answer within the time-out and a second, is an error like one of its own.
+// Replies are called on whatever queue the Wisp client answers on. A daemon that gives no answer within the
+// time-out and a second is an error like one of its own. Of a lookup whose connection breaks, or cannot be
+// made, the reply is not called but released at once, with all that the lookup holds; the error goes to the
+// settings alone.
 class QMRWispReputationLookup final : public QMRReputationLookup {
  public:
   using Wisp = std::shared_ptr<QMRWispProtocol>;
@@ -71,8 +73,8 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   // daemon's. The time-out, in seconds, is passed on as it is.
   void reputationForURL(const std::string& url, std::uint32_t timeout,
                         const qm::URLReputationCompletion& callback) override;
-  // One answer of the daemon about a URL becomes a result for the callback. The first is false when there is
-  // no error.
+  // One answer of the daemon about a URL, which is an error or a response, becomes a result for the callback.
+  // The first is false when there is no error.
   bool handleWispErrorResponse(const qm::ErrorPtr& error, const qm::URL& url,
                                const qm::URLReputationCompletion& callback) const;
   void handleWispCloudScanResponse(const CloudScanResponse& response, const qm::URL& url,
@@ -99,15 +101,17 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   void addObservers();
   void removeObservers();
 
+  // A scan by the daemon. The completion is called once at most, with a response or an error: the daemon's
+  // or, when that takes too long, one made here. When the client releases its callback, so is the completion.
+  void qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout,
+               QMRWispProtocol::QvsScanCallback completion);
+  void cloudScan(const qm::URL& url, const qm::Dictionary& metadata, std::uint32_t timeout,
+                 QMRWispProtocol::CloudScanCallback completion);
   template <class Response>
-  using Completion =
+  using ScanCallback =
       qm::Block<void(const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error)>;
-  // The completion for one call of the daemon: called once in any case, with a response or an error.
   template <class Response>
-  Completion<Response> answeredOnce(std::uint32_t timeout, Completion<Response> completion);
-  // Of the client's connection, for calls that it does not answer then.
-  void connectionFailed(const qm::ErrorPtr& error);
-  void reportFailedCall(const qm::ErrorPtr& error) const;
+  ScanCallback<Response> withDeadline(std::uint32_t timeout, ScanCallback<Response> completion);
   void reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const;
 
   void finishQvsScan(const Request& request, bool skipCloudScan, const qm::FileReputationCompletion& reply,
@@ -126,5 +130,4 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   const Wisp wisp_;
   const SettingsClient settingsClient_;
   qm::Property<QMRSettingsClientProtocol::SettingsUpdateCallback> settingsUpdateCallback_;
-  qm::Property<qm::ErrorPtr> connectionError_;  // the last one
 };

@@ -65,10 +65,10 @@ class ServedSettings : public RecordedTest {
  protected:
   ServedSettings() {
     SettingsService::Options options;
-    options.admission = [this](const RemoteConnection&) { return admits_.load(); };
+    options.peers.admission = [this](const RemoteConnection&) { return admits_.load(); };
     options.userOf = [this](const RemoteConnection&) { return user_.load(); };
     options.owner = kOwner;
-    options.connectionsOfOneProcess = 16;
+    options.peers.connectionsOfOneProcess = 16;
     options.subscribers.answerTime = std::chrono::milliseconds(300);
     options.subscribers.subscriptionsOfOneProcess = 4;
     options.subscribers.unansweredActions = 1;

@@ -18,6 +18,10 @@ const StoredVerdict kAnalysed{"pu", std::nullopt, 0, 60, kVerdictSourceAnalysis,
 SHA256Value numbered(unsigned number) {
   return hashOf("sample " + std::to_string(number));
 }
+SHA1Value numberedSHA1(unsigned number) {
+  const std::string text = "sample " + std::to_string(number);
+  return sha1(text.data(), text.size());
+}
 std::vector<VerdictStore::Entry> entriesFrom(unsigned first, unsigned count) {
   std::vector<VerdictStore::Entry> entries;
   for (unsigned i = 0; i < count; ++i) entries.emplace_back(numbered(first + i), kMalicious);
@@ -57,7 +61,7 @@ TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
     bad.infectionName = "\xff\xfe";
     EXPECT_FALSE(store->add({{numbered(3), kMalicious}, {numbered(4), bad}}, &error_));
     EXPECT_EQ(code(), VerdictStoreError::badRecord);
-    EXPECT_EQ(store->remember(numbered(1), kAnalysed), kMalicious);
+    EXPECT_EQ(store->remember(numbered(1), numberedSHA1(1), kAnalysed), kMalicious);
   }
   const auto store = open(Access::readOnly);
   EXPECT_EQ(store->find(numbered(1)), kMalicious);
@@ -66,41 +70,76 @@ TEST_F(VerdictStoreTest, KeepsWholeBatchesAcrossReopeningAndWhatAPersonSaid) {
   EXPECT_EQ(error_, nullptr) << "a hash that is not there is no error";
 }
 
-TEST_F(VerdictStoreTest, AStoreWithoutURLsIsReadAsItIsAndKeepsItsContentWhenItIsBroughtUpToDate) {
-  ASSERT_TRUE(open()->add(entriesFrom(1, 100)));
-  tamper("DROP TABLE url_verdicts; PRAGMA user_version = 1");
-  const std::string before = contentOf(path_);
-  const auto reader = open(Access::readOnly);
-  ASSERT_NE(reader, nullptr) << error_->localizedDescription();
-  EXPECT_EQ(reader->findURL({"host.example"}, &error_), std::nullopt);
-  EXPECT_EQ(reader->countURLs(&error_), VerdictStore::Counts());
-  EXPECT_EQ(error_, nullptr);
-  EXPECT_EQ(contentOf(path_), before);
+TEST_F(VerdictStoreTest, AnOlderStoreIsReadAsItIsAndKeepsItsContentWhenItIsBroughtUpToDate) {
+  for (const int version : {1, 2}) {
+    ASSERT_TRUE(open()->add(entriesFrom(1, 100)));
+    ASSERT_TRUE(open()->addURLs({{"old.example", kHost}}));
+    tamper(version == 1
+               ? "DROP TABLE sha1_verdicts; DROP TABLE url_verdicts; PRAGMA user_version = 1"
+               : "DROP TABLE sha1_verdicts; UPDATE sha256_verdicts SET infection_name = 'a' || char(10); "
+                 "PRAGMA user_version = 2");
+    StoredVerdict old = kMalicious;
+    if (version == 2) old.infectionName = "a\n";  // was taken then
+    const std::string before = contentOf(path_);
+    const auto reader = open(Access::readOnly);
+    ASSERT_NE(reader, nullptr) << error_->localizedDescription();
+    EXPECT_EQ(reader->find(numberedSHA1(1), &error_), std::nullopt);
+    EXPECT_EQ(reader->count(VerdictKind::sha1, &error_), VerdictStore::Counts());
+    EXPECT_EQ(reader->findURL({"old.example"}, &error_).has_value(), version == 2);
+    EXPECT_EQ(error_, nullptr);
+    EXPECT_EQ(contentOf(path_), before);
 
-  const auto upgraded = open();
-  ASSERT_TRUE(upgraded->addURLs({{"host.example", kHost}}));
-  EXPECT_EQ(upgraded->count(), (VerdictStore::Counts{{"malicious", 100}}));
-  EXPECT_EQ(upgraded->find(numbered(100)), kMalicious);
-  EXPECT_EQ(reader->findURL({"x.host.example", "host.example"}),
-            VerdictStore::URLEntry("host.example", kHost))
-      << "a reader that was there before sees it";
+    const auto upgraded = open();
+    ASSERT_TRUE(upgraded->addAll({{"host.example", kHost}, {numberedSHA1(1), {kMalicious, {}}}}));
+    EXPECT_EQ(upgraded->count(), (VerdictStore::Counts{{"malicious", 100}}));
+    EXPECT_EQ(upgraded->find(numbered(100)), old);
+    EXPECT_EQ(upgraded->findURL({"old.example"}).has_value(), version == 2);
+    EXPECT_EQ(reader->findURL({"x.host.example", "host.example"}),
+              VerdictStore::URLEntry("host.example", kHost))
+        << "a reader that was there before sees it";
+    EXPECT_EQ(reader->find(numberedSHA1(1)), kMalicious);
+    std::filesystem::remove_all(folder_.path("qxmac"));
+  }
 }
 
-TEST_F(VerdictStoreTest, AnImportKeepsWhatAPersonSaidAboutAURLAndIsRemovedByItsName) {
+TEST_F(VerdictStoreTest, AnImportAgainChangesNothingNeverAPersonsWordAndIsRemovedByItsName) {
   const auto store = open();
-  StoredURLVerdict imported = kHost, bad = kHost;
-  imported.source = "list";
+  StoredURLVerdict imported = kHost, again = kHost, bad = kHost, file{kMalicious, {}};
+  imported.source = again.source = file.source = "list";
+  again.added = file.added = 1800000000;
   bad.categories[0].name = "two words";
-  ASSERT_TRUE(store->addURLs({{"a.example", kHost}}));
-  EXPECT_EQ(store->importURLs({{"a.example", imported}, {"b.example", kHost}, {"c.example", imported}}), 2u);
-  imported.ttl = 5;
-  EXPECT_EQ(store->importURLs({{"a.example", imported}, {"c.example", imported}}), 1u);
-  EXPECT_EQ(store->findURL({"a.example"})->second, kHost);
-  EXPECT_EQ(store->findURL({"c.example", "a.example"})->second, imported) << "the first key that is there";
-  EXPECT_EQ(store->importURLs({{"d.example", imported}, {"e.example", bad}}, &error_), std::nullopt);
+  ASSERT_TRUE(store->addAll({{"a.example", kHost}, {numbered(1), {kMalicious, {}}}}));
+  const auto import = [&](const std::vector<VerdictEntry>& entries) {
+    const auto outcome = store->importAll(entries, &error_);
+    if (!outcome) return std::string("failed");
+    return std::to_string(outcome->added) + " " + std::to_string(outcome->replaced) + " " +
+           std::to_string(outcome->unchanged) + " " + std::to_string(outcome->kept);
+  };
+  EXPECT_EQ(import({{"c.example", imported},
+                    {"a.example", imported},
+                    {"b.example", kHost},
+                    {numbered(1), file},
+                    {numbered(2), file},
+                    {numberedSHA1(2), file}}),
+            "4 0 0 2");
+  EXPECT_EQ(import({{"a.example", kHost}, {"c.example", again}, {numbered(2), file}}), "0 0 3 0");
+  EXPECT_EQ(store->findURL({"c.example", "a.example"})->second, imported) << "first key, and first time";
+  again.ttl = 5;
+  EXPECT_EQ(import({{"c.example", imported}, {"c.example", again}}), "0 1 1 0");
+  EXPECT_EQ(store->findURL({"c.example"})->second, again);
+  EXPECT_EQ(import({{"d.example", imported}, {"e.example", bad}}), "failed");
   EXPECT_EQ(code(), VerdictStoreError::badRecord);
+  EXPECT_EQ(store->countSources(VerdictKind::url), (VerdictStore::Counts{{"list", 1}, {"manual", 2}}));
+
+  std::vector<VerdictKey> listed;
+  EXPECT_TRUE(store->visit(VerdictKind::sha256, "list", [&](const VerdictEntry& entry) {
+    listed.push_back(entry.first);
+    return entry.second == file;
+  }));
+  EXPECT_EQ(listed, std::vector<VerdictKey>{numbered(2)});
+  EXPECT_EQ(store->removeFilesOfSource("list"), 2u);
   EXPECT_EQ(store->removeURLsOfSource("list"), 1u);
-  EXPECT_EQ(store->removeURLs({"a.example", "c.example"}), 1u);
+  EXPECT_EQ(store->remove({"a.example", "c.example", numbered(1)}), 2u);
   EXPECT_EQ(store->countURLs(), (VerdictStore::Counts{{"unwanted", 1}}));
   tamper("UPDATE url_verdicts SET categories = 'not, categories', ttl = 7");
   EXPECT_EQ(store->findURL({"b.example"})->second.categories, std::vector<SVKSkyvaultCategory>());
@@ -115,7 +154,7 @@ TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesTh
     std::filesystem::remove(path_);
   };
   ASSERT_NE(open(), nullptr);
-  tamper("PRAGMA user_version = 99; CREATE TABLE sha1_verdicts (x)");
+  tamper("PRAGMA user_version = 99; CREATE TABLE md5_verdicts (x)");
   expectRefused(VerdictStoreError::newerVersion);
   ASSERT_NE(open(), nullptr);
   tamper("PRAGMA user_version = -1");

@@ -157,8 +157,6 @@ TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
     lookup->reputationForFile(makeRequest(), replies.block());
     expectAnswer(nextReply(), level::unknown, 0, 0);
   }
-  const std::string text = "Wisp is not yet available, not performing cloudScan (config state - ";
-  EXPECT_TRUE(recorder.has(LogLevel::debug, text + "(null))") && recorder.has(LogLevel::debug, text + "1)"));
   lookup->reputationForFile(makeRequest(), nullptr);
   EXPECT_EQ(wisp->calls.size(), 0U);
   settings->settings.set({{kWispConfigState, 2U}});
@@ -166,23 +164,18 @@ TEST_F(WispLookupTest, AvailabilityIsReadAfreshForEveryRequest) {
   lookup->reputationForFile(makeRequest({.isDownloadedFile = false}), replies.block());
   EXPECT_TRUE(nextCall().url.starts_with("file:"));
   EXPECT_TRUE(nextCall().url.starts_with("data:"));
-  for (int i = 0; i < 2; ++i) nextReply();  // calls that are let go of are answered a little later
 }
 
 TEST_F(WispLookupTest, ItIsReadyWithTheFirstSettingsAndObservedWeakly) {
   settings->fetches.at(0)({}, daemonError);
-  EXPECT_TRUE(recorder.has(LogLevel::error, "Error fetching system settings: " + daemonError->description()));
   EXPECT_FALSE(lookup->isReady());
   settings->observers.at(0)({}, {{kWispConfigState, 1}});
   EXPECT_TRUE(lookup->isReady());
-  EXPECT_TRUE(recorder.has(LogLevel::debug, "Settings update: Wisp config state = 1 => wisp available = no"));
 
   lookup = QMRWispReputationLookup::create(wisp, settings, timing());
   EXPECT_EQ(settings->observers.size(), 1U) << "the first one is gone";
   settings->fetches.at(1)({{kWispConfigState, 2}}, nullptr);
   EXPECT_TRUE(lookup->isReady());
-  EXPECT_TRUE(
-      recorder.has(LogLevel::debug, "Settings update: Wisp config state = 2 => wisp available = yes"));
 
   const auto observer = settings->observers.at(0);
   scan(false);
@@ -205,24 +198,26 @@ TEST_F(WispLookupTest, AnUnknownFileIsScannedAgainAfterAsLongAsTheAnswerTook) {
   now += 1250ms;
   call.answer(5);
   expectAnswer(nextReply(), level::unknown, 9, 60, "Trojan.X");
-  EXPECT_TRUE(
-      recorder.has(LogLevel::debug,
-                   "WP response: qvsScan result after 1.25 seconds: 5, ttl: 60, infection name: Trojan.X, "
-                   "categories: (null), prevalence: 9, error: (null)"));
-  const std::string text = "QVS returned SafetyVerdictUnknown for " + makeRequest()->path();
-  EXPECT_EQ(recorder.count(LogLevel::info, text + ". Will send the response back"), 1U);
-  EXPECT_EQ(recorder.count(LogLevel::info, text + ", will perform background cloudScan"), 1U);
-  EXPECT_EQ(recorder.count(LogLevel::debug, "Performing background cloud scan after 1.25 seconds"), 1U);
-
   const Delayed followUp = takeDelayed(1250ms);
   EXPECT_EQ(followUp.queue, "com.quillmarsh.background-cloudscan");
   followUp.work();
   nextCall().answer(1);
-  EXPECT_TRUE(
-      recorder.has(LogLevel::info, "Cloud scan of " + makeRequest()->path() +
-                                       " returned verdict 0 infection name Worm.Y TTL 120 prevalence 200"));
   EXPECT_EQ(replies.size(), 0U);
   EXPECT_EQ(settings->reports.size(), 3U);
+}
+
+TEST_F(WispLookupTest, AnUnknownFileIsTrustedFromItsThresholdOfPrevalence) {
+  lookup->setPrevalenceThresholdCallback([] { return 10; });
+  const struct {
+    bool isCloudScan;
+    std::uint64_t code;
+    ReputationLevel level;
+  } cases[] = {{false, 5, level::unknown}, {true, 0, level::trusted}, {true, 1, level::untrusted}};
+  for (const auto& [isCloudScan, code, expected] : cases) {
+    isCloudScan ? cloudScan() : scan(true);
+    nextCall().answer(code);
+    EXPECT_EQ(nextReply().result->reputationVerdict(), expected);
+  }
 }
 
 TEST_F(WispLookupTest, AFailedScanIsAnErrorForAMomentAndIsReported) {
@@ -245,12 +240,10 @@ TEST_F(WispLookupTest, AFailedScanIsAnErrorForAMomentAndIsReported) {
   EXPECT_EQ(settings->reports.take(), daemonError);
 }
 
-TEST_F(WispLookupTest, EveryLookupIsAnsweredOnceWhateverTheDaemonDoes) {
-  // An answer with nothing in it, none within the time, and none that ever could come.
+TEST_F(WispLookupTest, AnAnswerThatIsNoneOrTooLateIsAFailureAndTheOnlyAnswer) {
   const std::function<void(WispSubstitute::Call&)> ways[] = {
       [](auto& call) { call.fail(nullptr); },
       [this](auto&) { takeDelayed(6s).work(); },
-      [](auto& call) { call = {}; },
   };
   for (const auto& way : ways) {
     for (const bool isCloudScan : {false, true}) {
@@ -262,12 +255,37 @@ TEST_F(WispLookupTest, EveryLookupIsAnsweredOnceWhateverTheDaemonDoes) {
       expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
       EXPECT_EQ(reply.error->localizedDescription(), "The Wisp core daemon gave no answer");
       EXPECT_EQ(settings->reports.take(), reply.error);
-      if (call.qvs || call.cloud) call.fail(daemonError);
+      call.answer(0);
       if (const auto deadline = delayed.size() > 0 ? delayed.take() : std::nullopt) deadline->work();
     }
   }
   EXPECT_EQ(replies.size(), 0U);
   EXPECT_EQ(settings->reports.size(), 0U);
+}
+
+TEST_F(WispLookupTest, ALookupThatTheClientLetsGoOfIsLetGoOfUnanswered) {
+  const auto reply = [this](const auto& request) {
+    return
+        [request, block = replies.block()](const auto& result, const auto& error) { block(result, error); };
+  };
+  const std::function<void(const std::shared_ptr<QMRFileReputationRequest>&)> lookups[] = {
+      [&](const auto& request) { lookup->qvsScanForFile(request, false, reply(request)); },
+      [&](const auto& request) { lookup->cloudScanForFile(request, reply(request)); },
+      [this](const auto& request) {
+        lookup->reputationForURL("http://h/", 5,
+                                 [this, request](const auto& rating) { ratings.put(rating); });
+      },
+  };
+  for (const auto& start : lookups) {
+    auto request = makeRequest();
+    const std::weak_ptr watched = request;
+    start(std::exchange(request, nullptr));
+    EXPECT_FALSE(watched.expired());
+    nextCall();
+    EXPECT_TRUE(watched.expired()) << "whoever waits learns of it";
+    takeDelayed(6s).work();
+  }
+  EXPECT_EQ(replies.size() + ratings.size() + settings->reports.size() + delayed.size(), 0U);
 }
 
 TEST_F(WispLookupTest, NothingOfAProviderIsLeftWhenItsLastLookupIsAnswered) {
@@ -282,16 +300,75 @@ TEST_F(WispLookupTest, NothingOfAProviderIsLeftWhenItsLastLookupIsAnswered) {
   expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
 }
 
-TEST_F(WispLookupTest, ADaemonThatCannotBeReachedIsReportedWithItsCause) {
+TEST_F(WispLookupTest, OneAnswerAndTheDeadlineMayComeAtOnce) {
+  for (int i = 0; i < 100; ++i) {
+    scan(true);
+    const auto call = nextCall();
+    const auto deadline = std::async(std::launch::async, takeDelayed(6s).work);
+    call.answer(0);
+    deadline.wait();
+    nextReply();
+    EXPECT_EQ(replies.size(), 0U);
+  }
+}
+
+// With a real connection to the substitute.
+class WispConnectionTest : public WispLookupTest {
+ protected:
+  WispConnectionTest() {
+    listener->setDelegate([this](const auto&, const auto& connection) {
+      connection->setExport(remoteExport<QMRWispProtocol>(std::weak_ptr<QMRWispProtocol>(wisp)));
+      connection->resume();
+      accepted.put(connection);
+      return true;
+    });
+    listener->resume();
+  }
+  // The provider goes with its last lookup.
+  void expectLetGoOf(const std::function<void()>& breakConnection) {
+    const std::weak_ptr provider = lookup;
+    auto held = std::make_shared<int>();
+    const std::weak_ptr watched = held;
+    lookup->qvsScanForFile(makeRequest(), false, [held, this](const auto&...) { replies.put({}); });
+    held.reset();
+    breakConnection();
+    const ErrorPtr error = settings->reports.take().value_or(nullptr);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain(), kCocoaErrorDomain);
+    EXPECT_TRUE(recorder.has(LogLevel::error, "Error from Wisp: " + error->description()));
+    EXPECT_TRUE(eventually([&] { return watched.expired(); }));
+    lookup.reset();
+    EXPECT_TRUE(eventually([&] { return provider.expired(); }));
+    EXPECT_EQ(replies.size() + settings->reports.size(), 0U);
+  }
+
+  Inbox<std::shared_ptr<RemoteConnection>> accepted;
+  const std::shared_ptr<RemoteListener> listener = RemoteListener::anonymousListener();
+};
+
+TEST_F(WispConnectionTest, ADaemonThatCannotBeReachedIsReportedAndItsLookupLetGoOf) {
   lookup = QMRWispReputationLookup::create(settings);
   EXPECT_NE(dynamic_cast<QMRWispClient*>(lookup->wisp().get()), nullptr);
-  scan(true);
-  const auto reply = nextReply();
-  ASSERT_NE(reply.error, nullptr);
-  expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
-  EXPECT_EQ(reply.error->domain(), kCocoaErrorDomain);
-  EXPECT_EQ(settings->reports.take(), reply.error);
-  EXPECT_EQ(settings->reports.size(), 0U) << "once";
+  expectLetGoOf([] {});
+}
+
+TEST_F(WispConnectionTest, ADaemonThatGoesOrDropsACallIsReportedAndItsLookupLetGoOf) {
+  const std::function<void()> ways[] = {
+      [this] {
+        const auto call = nextCall();
+        accepted.take().value()->invalidate();
+        lookup.reset();
+      },
+      [this] { nextCall(); },
+  };
+  for (const auto& way : ways) {
+    const auto client = std::make_shared<QMRWispClient>(listener->endpoint(), nullptr);
+    lookup = QMRWispReputationLookup::create(client, settings, timing());
+    client->setErrorCallback([weak = std::weak_ptr(lookup)](const ErrorPtr& error) {
+      if (const auto provider = weak.lock()) provider->reportErrorToProduct(error);
+    });
+    expectLetGoOf(way);
+  }
 }
 
 TEST_F(WispLookupTest, URLsAreRatedByTheirCategoriesAndVerdict) {
@@ -342,6 +419,112 @@ TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
     nextCall().fail(daemonError);
     expectFailed(12, daemonError->description());
     EXPECT_EQ(settings->reports.take(), daemonError);
+  }
+}
+
+TEST_F(WispLookupTest, EachStepIsLogged) {
+  const std::string hash(40, '1');
+  const std::string path = makeRequest()->path();
+  const std::string failed = daemonError->description();
+  const Dictionary categories{{"spam", Dictionary{{"value", true}}}};
+  const LogLevel debug = LogLevel::debug, info = LogLevel::info, error = LogLevel::error;
+  const std::string ready = "Settings update: Wisp config state = ";
+  const std::string qvs = "Will do qvsScan of data://" + hash + " (SHA1: " + hash + ")";
+  const std::string qvsResult = "WP response: qvsScan result after ";
+  const std::string cloud = "Performing cloud scan of file://" + path + " with metadata {\n}";
+  const std::string cloudResult = "WP response: cloudScan result after 0.00 seconds: ";
+  const std::string noThreshold = "Prevalence threshold is not configured. Not performing prevalence check";
+  const std::string url = "Performing URL lookup for http://h/ with timeout 30 using <WispSubstitute>";
+  const struct {
+    std::function<void()> step;
+    std::vector<std::pair<LogLevel, std::string>> lines;
+  } cases[] = {
+      {[&] { settings->fetches.at(0)({}, daemonError); },
+       {{error, "Error fetching system settings: " + failed}}},
+      {[&] {
+         settings->fetches.at(0)({{kWispConfigState, 2}}, nullptr);
+       },
+       {{debug, ready + "2 => wisp available = yes"}}},
+      {[&] {
+         settings->observers.at(0)({}, {{kWispConfigState, 1}});
+       },
+       {{debug, ready + "1 => wisp available = no"}}},
+      {[&] { settings->observers.at(0)({}, {}); }, {{debug, ready + "(null) => wisp available = no"}}},
+      {[&] {
+         scan(false);
+         now += 1250ms;
+         nextCall().answer(5, categories);
+       },
+       {{debug, qvs},
+        {debug, qvsResult + "1.25 seconds: 5, ttl: 60, infection name: Trojan.X, categories: " +
+                    description(categories) + ", prevalence: 9, error: (null)"},
+        {info, "QVS returned SafetyVerdictUnknown for " + path + ", will perform background cloudScan"},
+        {debug, noThreshold},
+        {debug, "Performing background cloud scan after 1.25 seconds"}}},
+      {[&] { scan(true), nextCall().answer(5); },
+       {{debug, qvs},
+        {debug, qvsResult + "0.00 seconds: 5, ttl: 60, infection name: Trojan.X, categories: (null), "
+                            "prevalence: 9, error: (null)"},
+        {info, "QVS returned SafetyVerdictUnknown for " + path + ". Will send the response back"},
+        {debug, noThreshold}}},
+      {[&] { scan(false), nextCall().fail(daemonError); },
+       {{debug, qvs},
+        {debug, qvsResult +
+                    "0.00 seconds: 0, ttl: 0, infection name: (null), categories: (null), "
+                    "prevalence: 0, error: " +
+                    failed},
+        {error, "Error from Wisp: " + failed},
+        {error, "Error performing Wisp qvsScan call: " + failed},
+        {debug, "Performing background cloud scan after 10.00 seconds"}}},
+      {[&] { cloudScan(), nextCall().answer(1, categories); },
+       {{debug, cloud},
+        {debug, cloudResult + "1, ttl; 120, infection name: Worm.Y, categories: " + description(categories) +
+                    ", error: (null)"},
+        {info, "Cloud scan of " + path + " returned verdict 0 infection name Worm.Y TTL 120 prevalence 200"},
+        {debug, noThreshold}}},
+      {[&] { cloudScan(), nextCall().fail(daemonError); },
+       {{debug, cloud},
+        {debug, cloudResult + "0, ttl; 0, infection name: (null), categories: (null), error: " + failed},
+        {error, "Error performing Wisp cloudScan call: " + failed},
+        {error, "Error from Wisp: " + failed}}},
+      {[&] { rate("http://h/", 30), nextCall().answer(4, categories); },
+       {{debug, url},
+        {debug, "Reputation lookup for URL http://h/ succeeded with scan result malicious and categories \n" +
+                    description(categories)},
+        {debug, "Received wisp qvs response with verdict 4 and categories " +
+                    description(Dictionary{{"safe", -100}, {"spam", 100}})}}},
+      {[&] {
+         lookup->setUseCloudScanForURLLookup(true);
+         rate("http://h/", 30);
+         nextCall().answer(4);
+       },
+       {{debug, url},
+        {debug,
+         "Reputation lookup for URL http://h/ succeeded with scan result spam and categories \n(null)"},
+        {debug, "Received wisp cloud scan response with result 4 and categories " +
+                    description(Dictionary{{"safe", -80}})}}},
+      {[&] { rate("http://h/", 30), nextCall().fail(daemonError); },
+       {{debug, url},
+        {error, "Error from Wisp: " + failed},
+        {error, "Error occurred when performing reputation lookup for URL http://h/: " + failed}}},
+      {[&] {
+         settings->settings.set({{kWispConfigState, 1}});
+         rate("http://h/", 30);
+       },
+       {{debug, url}, {debug, "Wisp is not yet available, not performing reputation lookup"}}},
+      {[&] { lookup->reputationForFile(makeRequest(), nullptr); },
+       {{debug, "Wisp is not yet available, not performing cloudScan (config state - 1)"}}},
+  };
+  for (const auto& [step, expected] : cases) {
+    const std::size_t before = recorder.lines().size();
+    step();
+    const std::vector<LogLine> lines = recorder.lines();
+    ASSERT_EQ(lines.size() - before, expected.size()) << expected.front().second;
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+      EXPECT_EQ(lines[before + i].category, "QMRWispReputationLookup");
+      EXPECT_EQ(name(lines[before + i].level), name(expected[i].first)) << expected[i].second;
+      EXPECT_EQ(lines[before + i].message, expected[i].second);
+    }
   }
 }
 

@@ -92,6 +92,25 @@ TEST_F(Road, TheNextConnectionHasTheBackendThatIsChosenThen) {
               testing::HasSubstr("Error instantiating Basalt reputation provider!"));
 }
 
+TEST_F(Road, ARequestWhoseBackendCannotBeReachedIsLetGoOf) {
+  const fs::path parameters = installation_.product / "config/parameters";
+  fs::rename(parameters, parameters.native() + ".away");
+  const auto settings = installation_.startSettingsDaemon();
+  installation_.run("qmr", {"settings", "set", "wisp-config-state", "2"});
+  daemon_->end(SIGTERM);
+  daemon_ = installation_.startDaemon();
+  // No Wisp core daemon is installed. Until the daemon has the settings, it answers.
+  const std::vector<std::string> check{installation_.program("qmr"), "check", freshScript()};
+  CommandResult result;
+  EXPECT_TRUE(eventually([&] { return (result = runCommand(check)).exitStatus != 0; }));
+  EXPECT_EQ(result.exitStatus, 2);
+  EXPECT_THAT(result.output, testing::HasSubstr("the service dropped the request without an answer"));
+  EXPECT_TRUE(eventually([&] {
+    return installation_.run("qmr", {"settings", "get", "wisp-error-state"}) == "4099\n";
+  }));
+  fs::rename(parameters.native() + ".away", parameters);
+}
+
 TEST_F(Road, OnlyAFailedHashKeepsItsDescriptor) {
   const ReputationPeer peer;
   const fs::path script = freshScript();

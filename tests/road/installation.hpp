@@ -20,6 +20,7 @@ class Installation {
   const fs::path daemonSocket = root / "run/quillmarsh/com.quillmarsh.qmreputationd";
   const fs::path agentSocket = root / "run/quillmarsh/com.quillmarsh.sp.skyvaultd";
   const fs::path settingsSocket = root / "run/quillmarsh/com.quillmarsh.qmsettingsd";
+  const fs::path wispSocket = root / "run/quillmarsh/com.quillmarsh.wisp.qmwpcored";
 
   fs::path program(const std::string& name) const { return product / "bin" / name; }
   fs::path log(const std::string& name) const { return root / (name + ".log"); }
@@ -28,6 +29,7 @@ class Installation {
   Service startDaemon() const { return startService("qmreputationd", daemonSocket); }
   Service startAgent() const { return startService("skyvaultd", agentSocket); }
   Service startSettingsDaemon() const { return startService("qmsettingsd", settingsSocket); }
+  Service startWispCore() const { return startService("qmwpcored", wispSocket); }
 
   // Runs one of the installation's programs to its end, which must come with the status; what it printed.
   std::string run(const std::string& name, std::vector<std::string> arguments, int status = 0) const {

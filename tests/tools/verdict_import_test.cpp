@@ -2,6 +2,9 @@
 #include <sqlite3.h>
 
 #include "support/child_process.hpp"
+#include "tools/qmverdicts/csv_format.hpp"
+#include "tools/qmverdicts/debian_packages.hpp"
+#include "tools/qmverdicts/hash_formats.hpp"
 #include "tools/qmverdicts/import_run.hpp"
 
 namespace qm::qmverdicts {
@@ -21,7 +24,7 @@ void expectAll(ImportFormat& format, const std::vector<ImportCase>& cases) {
   for (const auto& [line, keys, reason] : cases) {
     const ImportedLine imported = format.parse(line);
     std::vector<std::string> found;
-    for (const auto& [key, record] : imported.entries) found.push_back(key);
+    for (const auto& [key, record] : imported.entries) found.push_back(textFromKey(key));
     EXPECT_EQ(found, keys) << line;
     EXPECT_EQ(imported.skipped, reason) << line;
   }
@@ -43,7 +46,7 @@ TEST(VerdictImport, ABlockListGivesTheHostsThatLeadNowhere) {
 }
 
 TEST(VerdictImport, ValuesAreFoundByTheirColumnAndTheRestIsTheDefault) {
-  CSVFormat format(kDefault);
+  CSVFormat format(CSVSubject::url, kDefault);
   expectAll(format,
             {{"# made today", {}, ""}, {R"(id, URL ,Verdict,ttl,categories,name,prevalence)", {}, ""}});
   const std::string quoted = R"(1,"http://a.example/?q=1,""2""", malicious ,5,"x y=0",Phish.X,255)";
@@ -52,24 +55,123 @@ TEST(VerdictImport, ValuesAreFoundByTheirColumnAndTheRestIsTheDefault) {
       format.parse(R"(1,"http://a.example/?q=1,2", malicious ,5,"x y=0","Phish ""X""",255)").entries;
   const StoredURLVerdict expected{{"malicious", R"(Phish "X")", 255, 5, "list", 1},
                                   {{"x", true}, {"y", false}}};
-  EXPECT_EQ(full, (std::vector<VerdictStore::URLEntry>{{"http://a.example/?q=1,2", expected}}));
-  EXPECT_EQ(format.parse("1,b.example").entries,
-            (std::vector<VerdictStore::URLEntry>{{"b.example", kDefault}}));
+  EXPECT_EQ(full, (std::vector<VerdictEntry>{{"http://a.example/?q=1,2", expected}}));
+  EXPECT_EQ(format.parse("1,b.example").entries, (std::vector<VerdictEntry>{{"b.example", kDefault}}));
   expectAll(format, {{"1,b.example,bad", {}, "no known verdict"},
                      {"1", {}, "no URL with a host and no host name"},
-                     {"1,b.example,,-1", {}, "a prevalence or ttl that is no number in its range"},
-                     {"1,b.example,,,,,256", {}, "a prevalence or ttl that is no number in its range"},
+                     {"1,b.example,,-1", {}, "a prevalence, ttl or time that is no number in its range"},
+                     {"1,b.example,,,,,256", {}, "a prevalence, ttl or time that is no number in its range"},
                      {"1,b.example,,,a;b", {}, "categories that are no list of names"},
-                     {"1,b.example,,,,\xff", {}, "an infection name of more than 255 bytes or not UTF-8"},
+                     {"1,b.example,,,,\xff",
+                      {},
+                      "a name or source of more than 255 bytes, with control characters or not UTF-8"},
                      {"1,\"b.example", {}, "quotes out of place"},
                      {"1,b.\"example\"", {}, "quotes out of place"},
                      {"1,\"b.example\"x", {}, "quotes out of place"}});
   EXPECT_EQ(format.failure(), std::nullopt);
   for (const char* header : {"host,verdict", "url,URL", "\"url"}) {
-    CSVFormat other(kDefault);
+    CSVFormat other(CSVSubject::url, kDefault);
     other.parse(header);
     EXPECT_NE(other.failure(), std::nullopt) << header;
   }
+}
+
+TEST(VerdictImport, ListsOfHashesGiveWhatTheStoreTakes) {
+  const std::string sha1(40, 'a'), sha256(64, 'b'), md5(32, 'c');
+  const std::string md5Reason = "an MD5, which the store does not take", noHash = "no SHA-256 and no SHA-1";
+  StoredURLVerdict record = kDefault;
+  HashListFormat list(record);
+  expectAll(list, {{"# x", {}, ""},
+                   {" " + sha1 + " ", {sha1}, ""},
+                   {std::string(64, 'B') + "  a file", {sha256}, ""},
+                   {"\\" + sha1 + " *a\\nb", {sha1}, ""},
+                   {"SHA256 (a) = b) = " + sha256, {sha256}, ""},
+                   {md5 + "  file", {}, md5Reason},
+                   {sha1 + "x", {}, noHash}});
+  record.verdict.clear();
+  ClamAVFormat clamav(record);
+  const std::string badName =
+      "a name that is empty, of more than 255 bytes, with control characters or not UTF-8";
+  expectAll(clamav, {{sha1 + ":*:Win.X:73", {sha1}, ""},
+                     {md5 + ":1:X", {}, md5Reason},
+                     {sha256 + ":1:", {}, badName},
+                     {sha256 + ":1:a\tb", {}, badName},
+                     {sha256, {}, "not HASH:SIZE:NAME"},
+                     {sha256 + ":x:N", {}, "a size that is neither a number nor \"*\""},
+                     {"x:1:N", {}, noHash}});
+  const auto parsed = [&](const std::string& line) { return clamav.parse(line).entries.at(0).second; };
+  EXPECT_EQ(parsed(sha1 + ":1:Win.X:73:80").verdict + *parsed(sha1 + ":1:Win.X").infectionName,
+            "maliciousWin.X");
+  EXPECT_EQ(parsed(sha1 + ":1:PUA.Y").verdict, "pu");
+}
+
+TEST(VerdictImport, DpkgsDatabaseSaysWhichFilesBelongToInstalledPackages) {
+  const std::string sum(32, '1');
+  const auto packages = installedPackages(
+      "Package: gone\nStatus: deinstall ok config-files\n\n"
+      "Package: lib\nStatus: hold ok installed\nArchitecture: amd64\n"
+      "Multi-Arch: same\nConffiles:\n /etc/a b " +
+      sum + "\n /etc/old " + sum + " obsolete\nDescription: x\n /etc/c " + sum +
+      "\n\nPackage: ../x\nStatus: install ok installed\n");
+  ASSERT_EQ(packages.size(), 1u);
+  EXPECT_EQ(packages[0].filesName, "lib:amd64");
+  ASSERT_EQ(packages[0].configuration.size(), 1u);
+  EXPECT_EQ(packages[0].configuration[0].path, "/etc/a b");
+  EXPECT_EQ(recordedFile(sum + "  usr/bin/a b")->path, "/usr/bin/a b");
+  for (const std::string& line : {sum, sum + " x", sum.substr(1) + "g  x", sum + "  "})
+    EXPECT_FALSE(recordedFile(line)) << line;
+  const Diversions diversions("/bin/sh\n/bin/sh.distrib\ndash\n/x\n");
+  EXPECT_EQ(diversions.placeOf("/bin/sh", "bash"), "/bin/sh.distrib");
+  EXPECT_EQ(diversions.placeOf("/bin/sh", "dash"), "/bin/sh");
+}
+
+TEST(VerdictImport, TheProgramImportsAnInstalledSystemAndWhatItExportsIsTheSameAgain) {
+  const ScratchFolder folder;
+  const auto qmverdicts = [&](int status, const std::string& store, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {QM_QMVERDICTS, "--store", folder.path(store)});
+    const CommandResult result = runCommand(arguments);
+    EXPECT_EQ(result.exitStatus, status) << result.output;
+    return result.output;
+  };
+  const std::string sumOfHello = "5d41402abc4b2a76b9719d911017c592";  // md5sum of "hello"
+  folder.write("root/var/lib/dpkg/status",
+               "Package: p\nStatus: install ok installed\n\n"
+               "Package: none\nStatus: install ok installed\n");
+  std::string sums = "nonsense\n";
+  for (const char* name : {"same", "changed", "missing", "link", "pipe"})
+    sums += sumOfHello + "  usr/" + name + "\n";
+  folder.write("root/var/lib/dpkg/info/p.md5sums", sums);
+  const std::string same = folder.write("root/usr/same", "hello"), usr = folder.path("root/usr/");
+  folder.write("root/usr/changed", "hellO");
+  std::filesystem::create_symlink("same", usr + "link");
+  ASSERT_EQ(::mkfifo((usr + "pipe").c_str(), 0600), 0);
+  const std::vector<std::string> import = {"import", "--format", "debian", folder.path("root")};
+  const std::string summary = qmverdicts(1, "s", import);
+  EXPECT_THAT(summary,
+              testing::AllOf(HasSubstr("5 files: 2 verdicts added,"), HasSubstr("6 files skipped\n"),
+                             HasSubstr("skipped, not as it was installed: " + usr + "changed\n"),
+                             HasSubstr("skipped, not a regular file: " + usr + "link, " + usr + "pipe\n"),
+                             HasSubstr("skipped, not there: " + usr + "missing\n"),
+                             HasSubstr("skipped, no sum and path: "), HasSubstr("p.md5sums:1\n"),
+                             HasSubstr("skipped, a package without recorded sums: none\n")));
+  EXPECT_THAT(qmverdicts(1, "s", import), HasSubstr("0 replaced, 2 there already"));
+  EXPECT_THAT(qmverdicts(0, "s", {"show", same}),
+              HasSubstr(" known_clean prevalence=0 ttl=86400 source=debian"));
+
+  const std::string odd = "Odd, \"name\" ";
+  qmverdicts(0, "s", {"add", usr + "changed", "--verdict", "malicious", "--name", odd});
+  qmverdicts(2, "s", {"add", same, "--verdict", "pu", "--name", "two\nlines"});
+  qmverdicts(0, "s", {"add-url", "http://a.example/?x=1,2", "--verdict", "pu", "--category", "a"});
+  for (const std::string kind : {"", "-url"}) {
+    const std::string csv = qmverdicts(0, "s", {"export" + kind});
+    qmverdicts(0, "t", {"import" + kind, "--format", "csv", folder.write("csv", csv)});
+    EXPECT_EQ(qmverdicts(0, "t", {"export" + kind}), csv);
+  }
+  EXPECT_EQ(qmverdicts(0, "t", {"count", "--by", "source"}),
+            "SOURCE              SHA-256      SHA-1\ndebian                    1          1\n"
+            "manual                    1          1\ntotal                     2          2\n");
+  EXPECT_EQ(qmverdicts(0, "t", {"remove", "--source", "debian"}), "2 removed\n");
+  EXPECT_EQ(qmverdicts(0, "t", {"remove", usr + "changed"}), "2 removed\n");
 }
 
 TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
@@ -83,7 +185,7 @@ TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
   std::string text =
       "\xef\xbb\xbf"
       "127.0.0.1 localhost\r\nbad\nbad\n";
-  for (std::size_t i = 1; i <= ImportRun::kBatchSize; ++i)
+  for (std::size_t i = 1; i <= ImportLedger::kBatchSize; ++i)
     text += "0.0.0.0 h" + std::to_string(i) + ".example\r\n";
   text += std::string(ImportRun::kMaximumLineLength + 1, 'x') + "\nbad\n0.0.0.0 last.example";
   for (const bool isLocked : {true, false}) {
@@ -92,7 +194,8 @@ TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
     HostsFormat format(kDefault);
     std::ostringstream screen, summary;
     qmr::ProgressLine progress(screen, 0);
-    ImportRun run(*store, format, progress);
+    ImportLedger ledger(*store, progress, "line", [] { return ImportLedger::Clock::time_point(); });
+    ImportRun run(ledger, format);
     std::size_t position = 0;
     const auto failure = run.run([&](char* buffer, std::size_t size) {
       // In the middle of the long line the first batch is in the store; from there somebody else holds the
@@ -104,16 +207,17 @@ TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {
       return static_cast<std::int64_t>(count);
     });
     sqlite3_close(other);
-    run.conclude(summary);
+    ledger.conclude(summary);
     EXPECT_EQ(failure.has_value(), isLocked);
-    EXPECT_EQ(store->countURLs(), (VerdictStore::Counts{{"unwanted", isLocked ? 10000u : 10001u}}));
+    EXPECT_EQ(store->countURLs(), (VerdictStore::Counts{{"unwanted", isLocked ? 50000u : 50001u}}));
     EXPECT_EQ(store->findURL({"h3.example"})->second, manual);
     EXPECT_EQ(summary.str(),
-              isLocked ? "10003 lines: 9999 verdicts put into the store, 1 left as a person gave them, "
-                         "2 lines skipped\nskipped, does not begin with an address: lines 2-3\n"
-                       : "10006 lines: 10000 verdicts put into the store, 1 left as a person gave them, "
-                         "4 lines skipped\nskipped, does not begin with an address: lines 2-3, 10005\n"
-                         "skipped, longer than 64 KiB: line 10004\n");
+              isLocked
+                  ? "50003 lines: 49999 verdicts added, 0 replaced, 0 there already, 1 left as a person "
+                    "gave them; 2 lines skipped\nskipped, does not begin with an address: lines 2-3\n"
+                  : "50006 lines: 1 verdict added, 0 replaced, 49999 there already, 1 left as a person gave "
+                    "them; 4 lines skipped\nskipped, does not begin with an address: lines 2-3, 50005\n"
+                    "skipped, longer than 64 KiB: line 50004\n");
     EXPECT_EQ(screen.str(), "") << "no terminal";
   }
 }
@@ -138,7 +242,8 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
               HasSubstr("skipped, does not begin with an address: line 2\n"));
   EXPECT_THAT(qmverdicts(0, {"show-url", "x.ads.example"}), HasSubstr("ads.example pu prevalence=0"));
   EXPECT_EQ(qmverdicts(0, {"remove-url", "--source", "l"}), "1 removed\n");
-  EXPECT_EQ(qmverdicts(0, {"count-url"}), "malicious    2\ntotal        2\n");
+  EXPECT_EQ(qmverdicts(0, {"count-url"}),
+            "VERDICT                URLS\nmalicious                 2\ntotal                     2\n");
   for (const std::string source : {"manual", "analysis"})
     qmverdicts(2, {"import-url", "--format", "hosts", "--verdict", "pu", "--source", source, list});
   qmverdicts(2, {"remove-url"});
@@ -154,7 +259,7 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
       testing::MatchesRegex(".*[2367abef]\n"))) {  // until it handles SIGINT
   }
   ::kill(running.pid(), SIGINT);
-  EXPECT_THAT(running.readToEnd(), HasSubstr("0 lines: 0 verdicts put into the store"));
+  EXPECT_THAT(running.readToEnd(), HasSubstr("0 lines: 0 verdicts added"));
   EXPECT_EQ(WTERMSIG(running.wait()), SIGINT);
 }
 

@@ -11,21 +11,14 @@
 #include "platform/file_io.hpp"
 #include "platform/regular_file.hpp"
 #include "tools/qmr/display_text.hpp"
+#include "tools/qmverdicts/hash_formats.hpp"
 
 namespace qm::qmverdicts {
 
 namespace {
 
-std::string textFromHash(const SHA256Value& hash) {
-  std::string text;
-  for (const std::uint8_t byte : hash) {
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 15];
-  }
-  return text;
-}
-
-std::optional<SHA256Value> hashOfFile(const std::string& path, std::string& reason) {
+// The SHA-256 and the SHA-1.
+std::optional<std::vector<VerdictKey>> hashesOfFile(const std::string& path, std::string& reason) {
   const OpenedFile file = openRegularFile(path, SymbolicLinks::follow);
   if (!file.descriptor) {
     reason = file.errorNumber != 0 ? std::strerror(file.errorNumber)
@@ -48,28 +41,42 @@ std::optional<SHA256Value> hashOfFile(const std::string& path, std::string& reas
   SHA1Value sha1;
   SHA256Value sha256;
   digests.finish(sha1, sha256);
-  return sha256;
+  return std::vector<VerdictKey>{sha256, sha1};
 }
 
 struct Subject {
   std::string argument;
-  SHA256Value hash{};
+  std::vector<VerdictKey> keys;  // those of a file, the SHA-256 first, or the one that the argument is
 };
 
-// What the arguments name: 64 hexadecimal digits are a hash, anything else a file. All failures are reported.
+// What the arguments name: 64 or 40 hexadecimal digits are a hash, anything else a file. All failures are
+// reported.
 std::optional<std::vector<Subject>> subjectsFrom(const std::vector<std::string>& arguments) {
   std::vector<Subject> subjects;
   for (const std::string& argument : arguments) {
     std::string reason;
-    std::optional<SHA256Value> hash = sha256FromHex(argument);
-    if (!hash) hash = hashOfFile(argument, reason);
-    if (hash)
-      subjects.push_back({argument, *hash});
+    VerdictKey key;
+    const bool isHash = readHash(argument, key).empty();
+    auto keys = isHash ? std::vector{key} : hashesOfFile(argument, reason);
+    if (keys)
+      subjects.push_back({argument, *std::move(keys)});
     else
       report(argument + ": " + reason);
   }
   if (subjects.size() != arguments.size()) return std::nullopt;
   return subjects;
+}
+
+// The record that an answer about the subject comes from.
+std::optional<VerdictEntry> find(VerdictStore& store, const Subject& subject, ErrorPtr& error) {
+  for (const VerdictKey& key : subject.keys) {
+    const auto* sha1 = std::get_if<SHA1Value>(&key);
+    const auto record =
+        sha1 == nullptr ? store.find(std::get<SHA256Value>(key), &error) : store.find(*sha1, &error);
+    if (record) return VerdictEntry(key, StoredURLVerdict{*record, {}});
+    if (error != nullptr) break;
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -78,24 +85,26 @@ int addFiles(const Options& options) {
   const auto subjects = subjectsFrom(options.arguments);
   if (!subjects) return kFailed;
   const StoredVerdict record = recordFrom(options, kVerdictSourceManual);
-  std::vector<VerdictStore::Entry> entries;
-  for (const Subject& subject : *subjects) entries.emplace_back(subject.hash, record);
+  std::vector<VerdictEntry> entries;
+  for (const Subject& subject : *subjects)
+    for (const VerdictKey& key : subject.keys) entries.emplace_back(key, StoredURLVerdict{record, {}});
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
   ErrorPtr error;
-  if (!store->add(entries, &error)) return report(error->localizedDescription());
+  if (!store->addAll(entries, &error)) return report(error->localizedDescription());
   return kDone;
 }
 
 int removeFiles(const Options& options) {
   const auto subjects = subjectsFrom(options.arguments);
   if (!subjects) return kFailed;
-  std::vector<SHA256Value> hashes;
-  for (const Subject& subject : *subjects) hashes.push_back(subject.hash);
+  std::vector<VerdictKey> keys;
+  for (const Subject& subject : *subjects) keys.insert(keys.end(), subject.keys.begin(), subject.keys.end());
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
   ErrorPtr error;
-  const std::optional<std::size_t> removed = store->remove(hashes, &error);
+  const auto removed = options.source.empty() ? store->remove(keys, &error)
+                                              : store->removeFilesOfSource(options.source, &error);
   return printRemoved(removed, error);
 }
 
@@ -107,11 +116,12 @@ int showFiles(const Options& options) {
   int status = kDone;
   for (const Subject& subject : *subjects) {
     ErrorPtr error;
-    const std::optional<StoredVerdict> record = store->find(subject.hash, &error);
+    const std::optional<VerdictEntry> entry = find(*store, subject, error);
     if (error != nullptr) return report(error->localizedDescription());
-    if (record) {
-      const std::string hash = textFromHash(subject.hash);
-      print(hash, *record, "", sha256FromHex(subject.argument) ? hash : subject.argument);
+    if (entry) {
+      const std::string hash = textFromKey(entry->first);
+      VerdictKey key;
+      print(hash, entry->second, "", readHash(subject.argument, key).empty() ? hash : subject.argument);
       continue;
     }
     std::printf("%s not in the store\n", qmr::displayText(subject.argument).c_str());
@@ -123,9 +133,7 @@ int showFiles(const Options& options) {
 int countFiles(const Options& options) {
   const auto store = openStore(options, VerdictStore::Access::look);
   if (store == nullptr) return kFailed;
-  ErrorPtr error;
-  const auto counts = store->count(&error);
-  return printCounts(counts, error);
+  return printCounts(*store, options, {{"SHA-256", VerdictKind::sha256}, {"SHA-1", VerdictKind::sha1}});
 }
 
 }  // namespace qm::qmverdicts

@@ -1,8 +1,7 @@
-// The formats that verdicts about URLs are imported from, line by line. Knows nothing of files and the store.
+// The formats that verdicts are imported from, line by line: what they have in common, and block lists. Knows
+// nothing of files and the store.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,10 +14,15 @@ namespace qm::qmverdicts {
 
 // What a line gives: entries, or why it is skipped, or neither (a comment, a line that is empty).
 struct ImportedLine {
-  std::vector<VerdictStore::URLEntry> entries;
+  std::vector<VerdictEntry> entries;
   // For people; one of a few texts, so that lines can be grouped by it. Empty when the line is not skipped.
   std::string_view skipped;
 };
+
+// Without the spaces and tabs at both ends.
+std::string_view trimmed(std::string_view text);
+// Takes the next word, between spaces and tabs, off the text; empty at its end.
+std::string_view nextWord(std::string_view& text);
 
 class ImportFormat {
  public:
@@ -41,36 +45,5 @@ class HostsFormat final : public ImportFormat {
  private:
   const StoredURLVerdict record_;
 };
-
-// Comma-separated values (RFC 4180) in which no field has a line end. The first line names the columns: "url"
-// (a URL or a host name) and, where wanted, "verdict", "name", "prevalence", "ttl", "categories", in any
-// order and case; others are not looked at. Lines that begin with "#" are comments.
-class CSVFormat final : public ImportFormat {
- public:
-  // What the record has stands where a line says nothing; its verdict may be empty.
-  explicit CSVFormat(StoredURLVerdict record) : record_(std::move(record)) { positions_.fill(kNowhere); }
-  ImportedLine parse(std::string_view line) override;
-  tools::Failure failure() const override { return failure_; }
-
- private:
-  enum Column : std::size_t { url, verdict, name, prevalence, ttl, categories, columnCount };
-  static constexpr std::size_t kNowhere = SIZE_MAX;
-
-  void readHeader(std::string_view line);
-  // Empty when the line has no such field.
-  std::string_view field(Column column) const;
-  // The reason when the line has a field of no use.
-  std::string_view fill(StoredURLVerdict& record) const;
-
-  const StoredURLVerdict record_;
-  bool hasHeader_ = false;
-  std::array<std::size_t, columnCount> positions_{};
-  std::vector<std::string> fields_;  // of the line that is read
-  tools::Failure failure_;
-};
-
-// The fields of one line of comma-separated values, without the space around those that are not quoted. False
-// when a quote is out of place or not closed.
-bool splitCSV(std::string_view line, std::vector<std::string>& fields);
 
 }  // namespace qm::qmverdicts

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace qm::qmverdicts {
 
@@ -11,12 +12,6 @@ namespace {
 
 constexpr std::string_view kTooLong = "longer than 64 KiB";
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-// Of one reason; more are only counted.
-constexpr std::size_t kMaximumRanges = 100;
-
-std::string counted(std::uint64_t count, std::string_view noun) {
-  return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
-}
 
 }  // namespace
 
@@ -26,13 +21,14 @@ tools::Failure ImportRun::run(const Source& source) {
     const std::int64_t count = source(buffer.data(), buffer.size());
     if (count < 0) return "it cannot be read: " + std::string(std::strerror(errno));
     if (count == 0) break;
+    position_ += count;
     if (auto failure = takeLines(std::string_view(buffer.data(), static_cast<std::size_t>(count))))
       return failure;
   }
   if (!line_.empty() || isTooLong_) {
     if (auto failure = takeLine()) return failure;
   }
-  return commit();
+  return ledger_.commit();
 }
 
 tools::Failure ImportRun::takeLines(std::string_view bytes) {
@@ -52,64 +48,20 @@ tools::Failure ImportRun::takeLines(std::string_view bytes) {
 
 tools::Failure ImportRun::takeLine() {
   std::string_view line = line_;
-  if (read_.lines++ == 0 && line.starts_with(kByteOrderMark)) line.remove_prefix(kByteOrderMark.size());
+  if (lines_++ == 0 && line.starts_with(kByteOrderMark)) line.remove_prefix(kByteOrderMark.size());
   if (line.ends_with('\r')) line.remove_suffix(1);
   ImportedLine imported = isTooLong_ ? ImportedLine{{}, kTooLong} : format_.parse(line);
   line_.clear();
   isTooLong_ = false;
   if (auto failure = format_.failure()) return failure;
-  if (!imported.skipped.empty()) skip(imported.skipped);
-  for (VerdictStore::URLEntry& entry : imported.entries) batch_.push_back(std::move(entry));
-  return batch_.size() < kBatchSize ? std::nullopt : commit();
+  if (!imported.skipped.empty()) ledger_.skip(imported.skipped, lines_);
+  for (VerdictEntry& entry : imported.entries) ledger_.add(std::move(entry));
+  return ledger_.advance(lines_, share());
 }
 
-void ImportRun::skip(std::string_view reason) {
-  Skipped& skipped = read_.skipped[reason];
-  ++skipped.lines;
-  std::vector<LineRange>& ranges = skipped.ranges;
-  if (!ranges.empty() && skipped.unlisted == 0 && ranges.back().second + 1 == read_.lines)
-    ranges.back().second = read_.lines;
-  else if (ranges.size() < kMaximumRanges)
-    ranges.emplace_back(read_.lines, read_.lines);
-  else
-    ++skipped.unlisted;
-}
-
-tools::Failure ImportRun::commit() {
-  const std::lock_guard lock(mutex_);
-  ErrorPtr error;
-  const std::optional<std::size_t> added = store_.importURLs(batch_, &error);
-  if (!added) return error->localizedDescription();
-  read_.added += *added;
-  read_.kept += batch_.size() - *added;
-  committed_ = read_;
-  batch_.clear();
-  progress_.show([&] {
-    return counted(committed_.lines, "line") + ", " + counted(committed_.added, "verdict") + " in the store";
-  });
-  return std::nullopt;
-}
-
-void ImportRun::conclude(std::ostream& output, const std::function<void()>& last) {
-  const std::lock_guard lock(mutex_);
-  progress_.clear();
-  std::uint64_t skippedLines = 0;
-  for (const auto& [reason, skipped] : committed_.skipped) skippedLines += skipped.lines;
-  output << counted(committed_.lines, "line") << ": " << counted(committed_.added, "verdict")
-         << " put into the store, " << committed_.kept << " left as a person gave them, "
-         << counted(skippedLines, "line") << " skipped\n";
-  for (const auto& [reason, skipped] : committed_.skipped) {
-    output << "skipped, " << reason << ": ";
-    const char* separator = skipped.lines == 1 ? "line " : "lines ";
-    for (const auto& [first, end] : skipped.ranges) {
-      output << std::exchange(separator, ", ") << first;
-      if (end != first) output << "-" << end;
-    }
-    if (skipped.unlisted != 0) output << ", and " << skipped.unlisted << " more";
-    output << "\n";
-  }
-  output.flush();
-  if (last) last();
+std::optional<double> ImportRun::share() const {
+  if (!size_ || *size_ <= 0) return std::nullopt;
+  return std::min(1.0, static_cast<double>(position_) / static_cast<double>(*size_));
 }
 
 }  // namespace qm::qmverdicts

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <map>
 #include <utility>
 
 #include "companions/url_categories.hpp"
@@ -60,14 +61,30 @@ void print(const std::string& subject, const StoredVerdict& record, const std::s
               isAnother ? "  " : "", isAnother ? displayText(argument).c_str() : "");
 }
 
-int printCounts(const std::optional<VerdictStore::Counts>& counts, const ErrorPtr& error) {
-  if (!counts) return report(error->localizedDescription());
-  std::uint64_t total = 0;
-  for (const auto& [verdict, number] : *counts) {
-    std::printf("%-12s %llu\n", displayText(verdict).c_str(), static_cast<unsigned long long>(number));
-    total += number;
+int printCounts(VerdictStore& store, const Options& options, const std::vector<CountedKind>& kinds) {
+  const bool isBySource = options.countBy == "source";
+  std::map<std::string, std::vector<std::uint64_t>> rows;
+  std::vector<std::uint64_t> totals(kinds.size());
+  for (std::size_t column = 0; column < kinds.size(); ++column) {
+    ErrorPtr error;
+    const VerdictKind kind = kinds[column].kind;
+    const auto counts = isBySource ? store.countSources(kind, &error) : store.count(kind, &error);
+    if (!counts) return report(error->localizedDescription());
+    for (const auto& [name, number] : *counts) {
+      rows.try_emplace(name, kinds.size()).first->second[column] = number;
+      totals[column] += number;
+    }
   }
-  std::printf("%-12s %llu\n", "total", static_cast<unsigned long long>(total));
+  std::printf("%-16s", isBySource ? "SOURCE" : "VERDICT");
+  for (const CountedKind& kind : kinds) std::printf(" %10s", kind.heading);
+  const auto printRow = [](const std::string& name, const std::vector<std::uint64_t>& numbers) {
+    std::printf("\n%-16s", name.c_str());
+    for (const std::uint64_t number : numbers)
+      std::printf(" %10llu", static_cast<unsigned long long>(number));
+  };
+  for (const auto& [name, numbers] : rows) printRow(displayText(name), numbers);
+  printRow("total", totals);
+  std::puts("");
   return kDone;
 }
 

@@ -24,6 +24,7 @@ struct Options {
   std::vector<std::string> categories;
   std::string source;
   std::string format;
+  std::string countBy = "verdict";
 };
 
 // Says it on standard error; kFailed.
@@ -41,7 +42,12 @@ std::optional<StoredURLVerdict> urlRecordFrom(const Options& options, std::strin
 // text.
 void print(const std::string& subject, const StoredVerdict& record, const std::string& further,
            std::string_view argument);
-int printCounts(const std::optional<VerdictStore::Counts>& counts, const ErrorPtr& error);
+// A table: a row for each verdict or source, a column for each kind. The exit status.
+struct CountedKind {
+  const char* heading;
+  VerdictKind kind;
+};
+int printCounts(VerdictStore& store, const Options& options, const std::vector<CountedKind>& kinds);
 // The outcome of a removal.
 int printRemoved(const std::optional<std::size_t>& removed, const ErrorPtr& error);
 

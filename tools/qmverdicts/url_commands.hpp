@@ -13,7 +13,5 @@ int removeURLs(const Options& options);
 // The records that answers about the arguments come from.
 int showURLs(const Options& options);
 int countURLs(const Options& options);
-// Of one file, or "-" for standard input.
-int importURLs(const Options& options);
 
 }  // namespace qm::qmverdicts

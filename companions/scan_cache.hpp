@@ -1,0 +1,68 @@
+// What scans found out about files, so that a file that is as it was need not be read again. A file is the
+// same as long as its place and its times are; whoever changes its content changes those.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "companions/verdict_store.hpp"
+#include "platform/digest.hpp"
+#include "platform/file_io.hpp"
+
+namespace qm {
+
+struct ScannedFile {
+  SHA1Value sha1{};
+  SHA256Value sha256{};
+  StoredVerdict verdict;  // that of then
+};
+
+// Any thread.
+class ScanCache {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Of more files the one that was asked about longest ago is forgotten. The time is asked of `now`, for
+  // tests.
+  explicit ScanCache(std::size_t maximumFiles, Clock::time_point (*now)() = Clock::now);
+
+  // Nothing when the file is not known, has changed, or its verdict's time to live is over.
+  std::optional<ScannedFile> find(const FileStatus& file);
+  // For the verdict's time to live.
+  void put(const FileStatus& file, const ScannedFile& scanned);
+  void clear();
+  std::size_t size() const;
+
+ private:
+  struct Identity {
+    std::int32_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t modified = 0;
+    std::int64_t changedNanoseconds = 0;
+    friend auto operator<=>(const Identity&, const Identity&) = default;
+  };
+  struct Entry {
+    Identity identity;
+    ScannedFile scanned;
+    Clock::time_point end;
+  };
+  using Entries = std::list<Entry>;
+
+  static Identity identityOf(const FileStatus& file);
+  void remove(Entries::iterator entry);
+
+  const std::size_t maximumFiles_;
+  Clock::time_point (*const now_)();
+  mutable std::mutex mutex_;
+  Entries entries_;  // the last asked about first
+  std::map<Identity, Entries::iterator> places_;
+};
+
+}  // namespace qm

@@ -1,0 +1,263 @@
+#include "companions/wisp_answers.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "companions/url_key.hpp"
+#include "companions/wisp_error.hpp"
+#include "foundation/log.hpp"
+#include "platform/file_io.hpp"
+#include "platform/read_buffer.hpp"
+#include "reputation/backends/wisp_categories.hpp"
+
+namespace qm {
+
+namespace {
+
+using Qvs = QMRWispQvsResponseObjC;
+using CloudScan = QMRWispCloudScanResponseObjC;
+
+// Bytes; between two of them a scan may be given up.
+constexpr std::size_t kPortion = 4 << 20;
+// A file that was changed so shortly before it was read may change again with the same times: file systems
+// count them in steps of up to two seconds.
+constexpr std::int64_t kSettlingNanoseconds = 2'000'000'000;
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "qmwpcored");
+  return log;
+}
+
+// What a verdict of the store is called in the two kinds of answers. A cloud scan cannot say that it does not
+// know: its "clean" is no all-clear.
+struct Meaning {
+  std::string_view verdict;
+  Qvs::SafetyVerdict safetyVerdict;
+  CloudScan::Result result;
+};
+
+const Meaning& meaningOf(std::string_view verdict) {
+  static constexpr std::array<Meaning, 6> meanings{
+      {{SVKSkyvaultSafetyVerdictValueKnownClean, Qvs::knownClean, CloudScan::whitelisted},
+       {SVKSkyvaultSafetyVerdictValueUndetected, Qvs::undetected, CloudScan::clean},
+       {SVKSkyvaultSafetyVerdictValuePU, Qvs::potentiallyUnwanted, CloudScan::pua},
+       {SVKSkyvaultSafetyVerdictValueUnwanted, Qvs::unwanted, CloudScan::pua},
+       {SVKSkyvaultSafetyVerdictValueMalicious, Qvs::malicious, CloudScan::infected},
+       {SVKSkyvaultSafetyVerdictValueUnknown, Qvs::unknown, CloudScan::clean}}};
+  const auto found = std::find_if(meanings.begin(), meanings.end(),
+                                  [&](const Meaning& meaning) { return meaning.verdict == verdict; });
+  return found == meanings.end() ? meanings.back() : *found;
+}
+
+StoredVerdict unknownFor(std::uint32_t ttl) {
+  StoredVerdict verdict;
+  verdict.verdict = SVKSkyvaultSafetyVerdictValueUnknown;
+  verdict.ttl = ttl;
+  return verdict;
+}
+
+Dictionary dictionaryOf(const std::vector<SVKSkyvaultCategory>& categories) {
+  Dictionary all;
+  for (const SVKSkyvaultCategory& category : categories)
+    all.insert_or_assign(category.name, Dictionary{{wisp::kCategoryValueKey, category.value}});
+  return all;
+}
+
+std::shared_ptr<Qvs> qvsResponse(const StoredVerdict& known) {
+  auto response = std::make_shared<Qvs>();
+  response->safetyVerdict = meaningOf(known.verdict).safetyVerdict;
+  // What an analysis says may be refined; what nobody has said anything about, too.
+  response->safetyFinal = response->safetyVerdict != Qvs::unknown && known.source != kVerdictSourceAnalysis;
+  response->ttl = known.ttl;
+  response->prevalence = known.prevalence;
+  response->detectionName = known.infectionName;
+  return response;
+}
+
+std::shared_ptr<CloudScan> cloudScanResponse(const StoredVerdict& known) {
+  auto response = std::make_shared<CloudScan>();
+  response->result = meaningOf(known.verdict).result;
+  response->ttl = known.ttl;
+  response->prevalence = known.prevalence;
+  response->infectionName = known.infectionName;
+  return response;
+}
+
+void fail(ErrorPtr* error, WispError code, std::string text) {
+  setError(error, makeWispError(code, std::move(text)));
+}
+
+void failToRead(ErrorPtr* error, int errorNumber) {
+  fail(error, WispError::unreadable, std::string("The file cannot be read: ") + std::strerror(errorNumber));
+}
+
+// A sample's bytes as far as it was kept, and its hashes.
+struct Content {
+  Content(std::size_t fileSize, std::size_t kept) : buffer(kept), size(fileSize) {}
+  const ReadBuffer buffer;
+  const std::size_t size;  // what the file had when it was opened
+  ScannedFile hashes;
+};
+
+// Reads the whole file and hashes it; keeps it when the buffer is for all of it, and one byte more, else only
+// a portion at a time. A file of another length than it had is not what anybody asked about.
+bool readContent(int descriptor, const WispAnswers::Scan& scan, bool isKept, Content& content,
+                 ErrorPtr* error) {
+  FileDigests digests;
+  std::size_t length = 0;
+  while (scan.isWanted()) {
+    std::uint8_t* const place = content.buffer.bytes() + (isKept ? length : 0);
+    const std::size_t room = std::min(kPortion, content.buffer.size() - (isKept ? length : 0));
+    const std::int64_t count = readAt(descriptor, place, room, static_cast<std::int64_t>(length));
+    if (count < 0) {
+      failToRead(error, errno);
+      return false;
+    }
+    digests.update(place, static_cast<std::size_t>(count));
+    length += static_cast<std::size_t>(count);
+    const bool isAtEnd = count == 0;
+    if (!isAtEnd && length <= content.size) continue;
+    if (length != content.size) break;
+    digests.finish(content.hashes.sha1, content.hashes.sha256);
+    return true;
+  }
+  if (scan.isWanted())
+    fail(error, WispError::unreadable, "The file changes while it is read");
+  else
+    fail(error, WispError::timedOut, "The file was not read to its end in time");
+  return false;
+}
+
+// The whole seconds that are left, at least one: that is the scanner's unit.
+std::chrono::seconds limitOf(const WispAnswers::Scan& scan) {
+  const auto left = scan.deadline - std::chrono::steady_clock::now();
+  return std::max(std::chrono::ceil<std::chrono::seconds>(left), std::chrono::seconds(1));
+}
+
+ErrorPtr errorOfAnalysis(const ErrorPtr& error) {
+  const bool isLate = error->code() == static_cast<std::int64_t>(SampleRulesError::timedOut);
+  return makeWispError(isLate ? WispError::timedOut : WispError::notExamined, error->localizedDescription());
+}
+
+}  // namespace
+
+WispAnswers::WispAnswers(std::string storePath, WispAnswersOptions options)
+    : options_(std::move(options)), store_(std::move(storePath)), cache_(options_.rememberedFiles) {}
+
+// --- Look-ups ---
+
+WispAnswers::QvsResponse WispAnswers::lookUp(const SHA1Value& sha1) {
+  std::optional<StoredVerdict> known;
+  const bool isUsable = store_.find(sha1, known);
+  return qvsResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
+}
+
+WispAnswers::QvsResponse WispAnswers::lookUp(const WebURL& url) {
+  std::optional<StoredURLVerdict> known;
+  const bool isUsable = store_.findURL(urlLookupKeys(url.text), known);
+  const auto response = qvsResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
+  if (known) response->categories = dictionaryOf(known->categories);
+  return response;
+}
+
+WispAnswers::CloudScanResponse WispAnswers::scan(const WebURL& url) {
+  std::optional<StoredURLVerdict> known;
+  const bool isUsable = store_.findURL(urlLookupKeys(url.text), known);
+  const auto response = cloudScanResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
+  if (known) response->categories = dictionaryOf(known->categories);
+  return response;
+}
+
+// --- Scans of files ---
+
+// A peer names any file of the machine: that is what the scan is for, and peers are programs of the product.
+// They learn from it whether the file can be read, and its verdict, and nothing else of its content. What is
+// no regular file is never opened, and nothing is ever written.
+WispAnswers::CloudScanResponse WispAnswers::scan(const FilePath& file, const Scan& its,
+                                                 std::optional<ScannedFile>& analyzed, ErrorPtr* error) {
+  const OpenedFile opened = openRegularFile(file.path, SymbolicLinks::follow);
+  if (opened.descriptor) return scan(opened, its, analyzed, error);
+  if (opened.errorNumber != 0)
+    failToRead(error, opened.errorNumber);
+  else
+    fail(error, WispError::unreadable, std::string("Not a regular file but a ") + name(opened.kind));
+  return nullptr;
+}
+
+WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const Scan& its,
+                                                 std::optional<ScannedFile>& analyzed, ErrorPtr* error) {
+  FileStatus status;
+  if (!statDescriptor(file.descriptor.get(), status)) {
+    failToRead(error, errno);
+    return nullptr;
+  }
+  const auto size = static_cast<std::uint64_t>(status.size);
+  if (size > options_.maximumFileSize) {
+    fail(error, WispError::tooLarge, "The file is larger than is read");
+    return nullptr;
+  }
+  if (const auto remembered = rememberedVerdict(status)) return cloudScanResponse(*remembered);
+
+  const bool isExamined = options_.canExamine() && size <= options_.maximumSampleSize;
+  // One byte more than there is to be: reading it shows that the file grew.
+  Content content(size, isExamined ? size + 1 : kPortion);
+  if (!content.buffer) {
+    fail(error, WispError::busy, "There is no memory for the file");
+    return nullptr;
+  }
+  if (!readContent(file.descriptor.get(), its, isExamined, content, error)) return nullptr;
+
+  ScannedFile& scanned = content.hashes;
+  std::optional<StoredVerdict> known;
+  const bool isUsable = find(scanned, known);
+  if (isExamined && (!known || !isInForce(options_, *known))) {
+    ErrorPtr failure;
+    known = analyzeSample(options_, content.buffer.bytes(), size, limitOf(its), &failure);
+    if (!known) {
+      setError(error, errorOfAnalysis(failure));
+      return nullptr;
+    }
+    scanned.verdict = *known;
+    analyzed = scanned;
+  }
+  scanned.verdict = known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0);
+  cache(status, file.descriptor.get(), scanned);
+  return cloudScanResponse(scanned.verdict);
+}
+
+bool WispAnswers::find(const ScannedFile& file, std::optional<StoredVerdict>& known) {
+  if (!store_.find(file.sha256, known)) return false;
+  return known || store_.find(file.sha1, known);
+}
+
+// What the store says by now comes before what was found out then. What then came from the store and is no
+// longer there does not count.
+std::optional<StoredVerdict> WispAnswers::rememberedVerdict(const FileStatus& status) {
+  const std::optional<ScannedFile> scanned = cache_.find(status);
+  if (!scanned) return std::nullopt;
+  std::optional<StoredVerdict> known;
+  find(*scanned, known);
+  if (known) return isInForce(options_, *known) ? known : std::nullopt;
+  const bool isOwn = scanned->verdict.source == kVerdictSourceAnalysis || scanned->verdict.source.empty();
+  return isOwn ? std::optional(scanned->verdict) : std::nullopt;
+}
+
+void WispAnswers::cache(const FileStatus& before, int descriptor, const ScannedFile& scanned) {
+  FileStatus after;
+  if (!statDescriptor(descriptor, after) || after.changedNanoseconds != before.changedNanoseconds) return;
+  const std::int64_t now = options_.now() * 1'000'000'000;
+  if (now - before.changedNanoseconds > kSettlingNanoseconds) cache_.put(before, scanned);
+}
+
+void WispAnswers::remember(const ScannedFile& analyzed) {
+  store_.remember(analyzed.sha256, analyzed.sha1, analyzed.verdict);
+}
+
+void WispAnswers::clearCache() {
+  cache_.clear();
+  store_.close();
+  QM_LOG(log(), "The cache is cleared");
+}
+
+}  // namespace qm

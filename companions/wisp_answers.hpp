@@ -1,0 +1,75 @@
+// What the Wisp core daemon answers: looks hashes and URLs up in the verdict store, and scans files, with the
+// store first and then with the sample rules. Knows nothing of messages; the service around it does.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "companions/live_verdict_store.hpp"
+#include "companions/sample_analysis.hpp"
+#include "companions/scan_cache.hpp"
+#include "companions/wisp_address.hpp"
+#include "foundation/block.hpp"
+#include "foundation/error.hpp"
+#include "platform/regular_file.hpp"
+#include "reputation/backends/QMRWispCloudScanResponseObjC.hpp"
+#include "reputation/backends/QMRWispQvsResponseObjC.hpp"
+
+namespace qm {
+
+// A file that the rules cannot be applied to, for its size or because there are none, is only looked up.
+struct WispAnswersOptions : SampleAnalysisOptions {
+  std::uint64_t maximumFileSize = 512 << 20;  // bytes; larger ones are not read at all
+  std::uint32_t unknownTTL = 600;             // how long an asker may keep "unknown": seconds
+  std::size_t rememberedFiles = 4096;
+};
+
+// Any thread.
+class WispAnswers {
+ public:
+  using QvsResponse = std::shared_ptr<const QMRWispQvsResponseObjC>;
+  using CloudScanResponse = std::shared_ptr<const QMRWispCloudScanResponseObjC>;
+
+  WispAnswers(std::string storePath, WispAnswersOptions options);
+
+  // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same:
+  // nothing is known then, and nobody may keep that.
+  bool prepare() { return store_.open(); }
+
+  QvsResponse lookUp(const SHA1Value& sha1);
+  // The record of the URL itself, else that of its host, else that of the closest domain above it.
+  QvsResponse lookUp(const WebURL& url);
+  CloudScanResponse scan(const WebURL& url);
+
+  // A scan of a file that still matters, and for how long.
+  struct Scan {
+    std::chrono::steady_clock::time_point deadline;
+    Block<bool()> isWanted;  // asked again and again; the scan is given up when it says no
+  };
+  // Null with an error of kWispErrorDomain. What the rules found is kept by remember(), which may wait for
+  // other programs that use the store.
+  CloudScanResponse scan(const FilePath& file, const Scan& scan, std::optional<ScannedFile>& analyzed,
+                         ErrorPtr* error);
+  void remember(const ScannedFile& analyzed);
+
+  // The next scan reads its file again, and the next question opens the store again.
+  void clearCache();
+
+ private:
+  CloudScanResponse scan(const OpenedFile& file, const Scan& scan, std::optional<ScannedFile>& analyzed,
+                         ErrorPtr* error);
+  // The verdict of the store, of the SHA-256 before that of the SHA-1. False when it cannot be used.
+  bool find(const ScannedFile& file, std::optional<StoredVerdict>& known);
+  std::optional<StoredVerdict> rememberedVerdict(const FileStatus& status);
+  void cache(const FileStatus& before, int descriptor, const ScannedFile& scanned);
+
+  const WispAnswersOptions options_;
+  LiveVerdictStore store_;
+  ScanCache cache_;
+};
+
+}  // namespace qm
