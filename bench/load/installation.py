@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import socket
 import subprocess
 import tempfile
 import time
@@ -117,14 +118,28 @@ class Installation:
     @contextlib.contextmanager
     def backend(self, name):
         """The agents that the backend asks, and the settings that choose it."""
-        parameters = self._product / "config/parameters"
-        parameters.write_text("BASALT=true\n" if name == "basalt" else "")
+        (self._product / "config/parameters").write_text("BASALT=true\n" if name == "basalt" else "")
+        (self._product / "config/settings.toml").write_text("[system]\nwisp-config-state = 2\n")
         with contextlib.ExitStack() as stack:
             if name == "wisp":
-                stack.enter_context(self.start("qmsettingsd"))
-                subprocess.run([self.program("qmr"), "settings", "set", "wisp-config-state", "2"], check=True,
-                               stdout=subprocess.DEVNULL)
-            yield stack.enter_context(self.start({"basalt": "skyvaultd", "wisp": "qmwpcored"}[name]))
+                stack.enter_context(self._start_service("qmsettingsd", "com.quillmarsh.qmsettingsd"))
+            agent = {"basalt": ("skyvaultd", "com.quillmarsh.sp.skyvaultd"),
+                     "wisp": ("qmwpcored", "com.quillmarsh.wisp.qmwpcored")}[name]
+            yield stack.enter_context(self._start_service(*agent))
+
+    def _start_service(self, name, service):
+        process = self.start(name)
+        deadline = time.monotonic() + PATIENCE_SECONDS
+        while not accepts_connections(self.root / "run/quillmarsh" / service):
+            if time.monotonic() > deadline or not process.is_running():
+                raise RuntimeError(f"{name} does not serve")
+            time.sleep(0.01)
+        return process
+
+
+def accepts_connections(path):
+    with socket.socket(socket.AF_UNIX) as client:
+        return client.connect_ex(str(path)) == 0
 
 
 def make_files(folder, size, count, content=os.urandom):

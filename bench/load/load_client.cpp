@@ -1,7 +1,7 @@
-// Asks a service about files in a closed loop, and prints what that took as one line of JSON. The daemon
+// Asks a service about files in a closed loop: prints "asking" when it begins, and at the end (each file had
+// its turn, the time is over, or SIGTERM came) what that took as one line of JSON. The daemon
 // admits it like any other program of the product, so it runs in a staged installation. bench/load/measure
 // drives it.
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -163,6 +163,8 @@ void ask(const Plan& plan) {
   std::vector<std::string> files = readLines(plan.fileList);
   const std::size_t count = files.size();
   const std::unique_ptr<Asker> asker = makeAsker(plan, std::move(files));
+  std::puts("asking");
+  std::fflush(stdout);
   std::puts(Loop(plan, *asker, count).run().dump().c_str());
 }
 
@@ -180,7 +182,8 @@ int run(int count, char** arguments) {
   program.require_subcommand(1);
   Plan plan;
   std::size_t peers = 1;
-  CLI::App* const asking = program.add_subcommand("ask", "Asks, and prints one line of JSON");
+  CLI::App* const asking =
+      program.add_subcommand("ask", "Asks, and prints \"asking\" and then a line of JSON");
   asking->add_option("--service", plan.service)->check(CLI::IsMember({"daemon", "floor", "library"}));
   asking->add_option("--socket", plan.socket, "of the daemon or the floor");
   asking->add_option("--files", plan.fileList, "a file with one path a line")->required();

@@ -49,6 +49,10 @@ class Files:
                                 self._scale.once_count[load.file_bytes])
 
 
+def outcome(client):
+    return json.loads(client.finish().splitlines()[-1])
+
+
 def ask(staged, service, load, files, seconds, processes):
     """One run of the client; what it printed."""
     kind, socket = ("daemon", staged.daemon_socket)
@@ -62,7 +66,7 @@ def ask(staged, service, load, files, seconds, processes):
     arguments += ["--each-once"] if load.files == "fresh" else []
     for process in processes:
         arguments += ["--process", process.pid]
-    result = json.loads(staged.start_client(*arguments).finish())
+    result = outcome(staged.start_client(*arguments))
     result["cpu_us_per_request"] = dict(zip(("service", "backend"), result["cpu_us_per_request"]))
     return result
 
@@ -120,7 +124,7 @@ def first_answer_ms(staged, files, service, start):
     kind, socket = ("floor", staged.floor_socket(service)) if service in FLOORS else ("daemon", staged.daemon_socket)
     client = staged.start_client("ask", "--service", kind, "--socket", socket, "--files", files, "--each-once")
     with start() as process:
-        return 1000 * (json.loads(client.finish())["ended_at"] - process.started_at)
+        return 1000 * (outcome(client)["ended_at"] - process.started_at)
 
 
 def measure_start(staged, scale, backend):
@@ -186,16 +190,17 @@ def measure_big_files(staged, scale, backend):
     result = {"files": scale.big_count, "bytes_each": scale.big_size, "processors": len(processors)}
     gigabytes = scale.big_count * scale.big_size / 1e9
     with staged.start_floor("digest", processors):
-        seconds = json.loads(everything_asked(staged, big, scale.big_count, "digest").finish())["seconds"]
+        seconds = outcome(everything_asked(staged, big, scale.big_count, "digest"))["seconds"]
         result["floor_gigabytes_per_second"] = gigabytes / seconds
     with staged.backend(backend), staged.start("qmreputationd", processors) as daemon:
         ask(staged, "daemon", Load(4 * KIB, 1, 0, "same", "wire"), small, 0, [])
         result["idle_kib"] = status_kib(daemon, "VmRSS")
         client = everything_asked(staged, big, scale.big_count, "daemon")
         beside = staged.start_client("ask", "--socket", staged.daemon_socket, "--files", small, "--seconds", 3600)
-        answers = json.loads(client.finish())
+        beside.read_line()
+        answers = outcome(client)
         result["peak_kib"] = status_kib(daemon, "VmHWM")
         beside.terminate()
-        result["small_beside"] = json.loads(beside.finish())
+        result["small_beside"] = outcome(beside)
         result["gigabytes_per_second"] = gigabytes / answers["seconds"]
     return result
