@@ -66,7 +66,8 @@ std::vector<std::string> readLines(const std::string& path) {
   return lines;
 }
 
-// What is measured: everything asked after the warm-up, until the time is over or each file had its turn.
+// What is measured: everything asked after the warm-up, until the time is over (one turn of all places in
+// flight at least) or each file had its turn.
 class Loop {
  public:
   Loop(const Plan& plan, Asker& asker, std::size_t files) : plan_(plan), asker_(asker), files_(files) {}
@@ -86,7 +87,8 @@ class Loop {
  private:
   bool mayAsk() const {
     if (isEnding || (plan_.eachOnce && lastIdentifier_ == files_)) return false;
-    return !isMeasuring_ || plan_.eachOnce || secondsBetween(begun_, Clock::now()) < plan_.seconds;
+    if (!isMeasuring_ || plan_.eachOnce || lastIdentifier_ < lastBefore_ + plan_.inFlight) return true;
+    return secondsBetween(begun_, Clock::now()) < plan_.seconds;
   }
   void ask() {
     const std::uint64_t identifier = ++lastIdentifier_;
@@ -95,6 +97,7 @@ class Loop {
   }
   void begin() {
     isMeasuring_ = true;
+    lastBefore_ = lastIdentifier_;
     begun_ = ended_ = Clock::now();
     processorAtBegin_ = processorSeconds(plan_.processes);
   }
@@ -145,6 +148,7 @@ class Loop {
   const std::size_t files_;
   std::unordered_map<std::uint64_t, Clock::time_point> asked_;
   std::uint64_t lastIdentifier_ = 0;
+  std::uint64_t lastBefore_ = 0;  // asked during the warm-up
   bool isMeasuring_ = false;
   Clock::time_point begun_;
   Clock::time_point ended_;
