@@ -54,6 +54,18 @@ qm::Log& logger() {
   return log;
 }
 
+// Set up once for the process: that takes longer than the rest of a path's way.
+struct HomeFolder {
+  static const HomeFolder& shared() {
+    static const HomeFolder& homeFolder = *new HomeFolder;  // never destroyed: workers run until the end
+    return homeFolder;
+  }
+
+  qm::ErrorPtr error;
+  const std::unique_ptr<const qm::RegularExpression> pattern =
+      qm::RegularExpression::create(kHomePattern, true, &error);
+};
+
 std::string withExtension(const std::string& path, const std::string& extension) {
   if (extension.empty()) return path;
   return qm::stringByAppendingPathExtension(qm::stringByDeletingPathExtension(path), extension)
@@ -90,15 +102,13 @@ std::string QMRPathAnonymizer::anonymize(const std::string& path) {
   std::string spelled = withExtension(path, extension);
   if (spelled.starts_with(kDataVolumeUsers)) spelled.erase(0, kDataVolume.size());
 
-  qm::ErrorPtr error;
-  const std::unique_ptr<qm::RegularExpression> homeFolder =
-      qm::RegularExpression::create(kHomePattern, true, &error);
-  if (homeFolder == nullptr) {
-    QM_LOG_ERROR(logger(), "Error setting up regex: %{public}@", error);
+  const HomeFolder& homeFolder = HomeFolder::shared();
+  if (homeFolder.pattern == nullptr) {
+    QM_LOG_ERROR(logger(), "Error setting up regex: %{public}@", homeFolder.error);
     return path;
   }
   std::size_t replaced = 0;
-  std::string masked = homeFolder->stringByReplacingMatches(spelled, kProfile, replaced);
+  std::string masked = homeFolder.pattern->stringByReplacingMatches(spelled, kProfile, replaced);
   if (masked.ends_with('/')) masked.pop_back();
 
   const bool isNameKept = extension.empty() || std::find(kProgramExtensions.begin(), kProgramExtensions.end(),

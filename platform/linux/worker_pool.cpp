@@ -126,7 +126,7 @@ void WorkerPool::submit(Task& task, Wake wake) {
     const bool defers = wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake;
     if (defers) self->owesWake = true;
     if (wakes && !defers) {
-      followup.startWorker = activate();
+      activate(followup);
     } else {
       followup.armMonitor = wantsMonitor();
     }
@@ -148,7 +148,7 @@ void WorkerPool::willBlock() {
   {
     const MutexLock lock(mutex_);
     if (oldestRunnable() == nullptr) return;
-    if (active_ < target_ && canActivate()) followup.startWorker = activate();
+    if (active_ < target_ && canActivate()) activate(followup);
   }
   followUp(followup);
 }
@@ -197,17 +197,16 @@ bool WorkerPool::canActivate() const {
   return !idle_.empty() || workers_ < kMaximumWorkers;
 }
 
-bool WorkerPool::activate() {
+void WorkerPool::activate(Followup& followup) {
   ++active_;
   if (idle_.empty()) {
     ++workers_;
-    return true;
+    followup.startWorker = true;
+    return;
   }
-  Worker& worker = *idle_.back();
+  followup.wakeWorker = idle_.back();
   idle_.pop_back();
-  worker.woken = true;
-  worker.wakeUp.notifyOne();
-  return false;
+  followup.wakeWorker->woken = true;
 }
 
 bool WorkerPool::wantsMonitor() {
@@ -217,6 +216,7 @@ bool WorkerPool::wantsMonitor() {
 }
 
 void WorkerPool::followUp(Followup followup) {
+  if (followup.wakeWorker != nullptr) followup.wakeWorker->wakeUp.notifyOne();
   if (followup.startWorker) startWorker();
   if (followup.armMonitor) armMonitor();
 }
@@ -234,11 +234,18 @@ void WorkerPool::startWorker() {
   if (arm) armMonitor();
 }
 
+WorkerPool::Worker& WorkerPool::takeSeat() {
+  if (freeSeats_.empty()) freeSeats_.push_back(seats_.emplace_back(std::make_unique<Worker>()).get());
+  Worker& seat = *freeSeats_.back();
+  freeSeats_.pop_back();
+  return seat;
+}
+
 void WorkerPool::workerMain() {
-  Worker self;
-  currentWorker_ = &self;
   const ::pid_t thread = ::gettid();
   MutexLock lock(mutex_);
+  Worker& self = takeSeat();
+  currentWorker_ = &self;
   threads_.push_back(thread);
   for (;;) {
     self.owesWake = false;
@@ -246,6 +253,8 @@ void WorkerPool::workerMain() {
     if (task == nullptr) {
       if (waitForWork(self, lock)) continue;
       std::erase(threads_, thread);
+      freeSeats_.push_back(&self);
+      currentWorker_ = nullptr;
       return;
     }
     const bool bounded = task->bounded_;
@@ -327,12 +336,12 @@ WorkerPool::Followup WorkerPool::monitorTick() {
     runnable_ = 0;
     return {};
   }
-  Followup followup{.startWorker = false, .armMonitor = true};
+  Followup followup{.armMonitor = true};
   if (!canActivate()) return followup;
   if (active_ < target_) {
-    if (tick_ - oldest->tick_ >= kTicksBeforeDeferredWake) followup.startWorker = activate();
+    if (tick_ - oldest->tick_ >= kTicksBeforeDeferredWake) activate(followup);
   } else if (shouldGrow(*oldest)) {
-    followup.startWorker = activate();
+    activate(followup);
     lastGrowth_ = tick_;
     target_ = saturated() ? processors_ : active_;
   }

@@ -27,6 +27,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "platform/linux/thread_annotations.hpp"
@@ -89,6 +90,8 @@ class WorkerPool {
   void setIdleTime(std::chrono::milliseconds time);
 
  private:
+  // What a worker thread is to the pool. Kept for the next one when the thread ends, so that a call to wake
+  // it which comes late wakes another one in vain, or nobody.
   struct Worker {
     Condition wakeUp;
     bool woken = false;
@@ -113,8 +116,9 @@ class WorkerPool {
     std::array<std::uint64_t, 2> occupied_{};  // one bit for each level with tasks
   };
 
-  // What is left to do once the lock is given up.
+  // What is left to do once the lock is given up: a worker that is woken needs it at once.
   struct Followup {
+    Worker* wakeWorker = nullptr;
     bool startWorker = false;
     bool armMonitor = false;
   };
@@ -123,6 +127,7 @@ class WorkerPool {
   ~WorkerPool() = default;
 
   void workerMain();
+  Worker& takeSeat() QM_REQUIRES(mutex_);
   bool waitForWork(Worker& self, MutexLock& lock) QM_REQUIRES(mutex_);
   void push(Task& task) QM_REQUIRES(mutex_);
   Task* takeNext() QM_REQUIRES(mutex_);
@@ -130,8 +135,8 @@ class WorkerPool {
   // The task that waits longest among those that may run.
   Task* oldestRunnable() const QM_REQUIRES(mutex_);
   bool canActivate() const QM_REQUIRES(mutex_);
-  // Wakes an idle worker; else counts a new one and returns true: start it once the lock is given up.
-  bool activate() QM_REQUIRES(mutex_);
+  // One more active worker: an idle one, or else a new one.
+  void activate(Followup& followup) QM_REQUIRES(mutex_);
   // True when the monitor is to be armed once the lock is given up.
   bool wantsMonitor() QM_REQUIRES(mutex_);
   void followUp(Followup followup);
@@ -158,6 +163,9 @@ class WorkerPool {
   std::uint64_t nextSequence_ QM_GUARDED_BY(mutex_) = 0;
   std::uint64_t picks_ QM_GUARDED_BY(mutex_) = 0;
 
+  std::vector<std::unique_ptr<Worker>> seats_
+      QM_GUARDED_BY(mutex_);  // as many as there ever were workers at once
+  std::vector<Worker*> freeSeats_ QM_GUARDED_BY(mutex_);
   std::vector<Worker*> idle_ QM_GUARDED_BY(mutex_);  // the last one to become idle is woken first
   std::size_t workers_ QM_GUARDED_BY(mutex_) = 0;    // running, woken, starting and idle
   std::vector<::pid_t> threads_ QM_GUARDED_BY(mutex_);
