@@ -51,7 +51,8 @@ std::string_view textIn(const Dictionary& metadata, std::string_view key) {
 // An outcome that counts no longer at the time, or that the rules as they are now may not give.
 bool isOutdated(const StoredVerdict& known, std::int64_t now, std::int64_t rulesChanged) {
   if (known.source != kVerdictSourceAnalysis) return false;
-  if (known.added < std::min(rulesChanged, now)) return true;
+  if (known.added <= rulesChanged && rulesChanged <= now)
+    return true;  // in the same second either may be first
   const std::int64_t age = now - known.added;
   return known.verdict == SVKSkyvaultSafetyVerdictValueUndetected && (age < 0 || age >= known.ttl);
 }
