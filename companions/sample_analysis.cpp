@@ -1,6 +1,5 @@
 #include "companions/sample_analysis.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include "foundation/value.hpp"
@@ -54,7 +53,8 @@ std::optional<StoredVerdict> SampleAnalysis::analyze(const void* bytes, std::siz
 bool SampleAnalysis::isInForce(const StoredVerdict& known) const {
   if (known.source != kVerdictSourceAnalysis) return true;
   const std::int64_t now = now_();
-  if (known.added < std::min(rules_.get().changed, now)) return false;
+  const std::int64_t changed = rules_.get().changed;
+  if (known.added <= changed && changed <= now) return false;  // in the same second either may be first
   const std::int64_t age = now - known.added;
   return known.verdict != SVKSkyvaultSafetyVerdictValueUndetected || (age >= 0 && age < known.ttl);
 }

@@ -127,7 +127,7 @@ bool VerdictStore::Reader::open(const std::string& path, int access, std::chrono
   if (!checkIdentity(database, path, identity, error)) return false;
   for (const VerdictKind kind : kAllKinds) {
     status = prepareFor(kind);
-    if (status == SQLITE_OK || (status == SQLITE_NOTFOUND && kind != VerdictKind::sha256)) continue;
+    if (status == SQLITE_OK || status == SQLITE_NOTFOUND) continue;
     failWith(error, database.failure(withoutTable(status)), path);
     return false;
   }

@@ -90,8 +90,8 @@ struct ReadStatements;
 
 class VerdictStore {
  public:
-  // With readWrite a missing file is made (0644) together with its folders (0755), and an older store is
-  // brought up to date. With readOnly nothing is changed and a missing file is an error. With look the same,
+  // With readWrite a missing file is made (0644) together with its folders (0755), and an older store or an
+  // empty file is brought up to date. With readOnly nothing is changed and a missing file is an error. With look the same,
   // for a moment: a user who may not take part in the locking beside the file, where nobody else has the
   // store open, sees the file as it is.
   enum class Access : std::uint8_t { look, readOnly, readWrite };

@@ -96,10 +96,11 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(standardTestFile()), true).options,
             kWanted | kOptionSageSuccess)
       << "also what older rules found";
+  theTime += 1;
   EXPECT_EQ(analyze(answers, script, kExamined), "undetected");
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options,
             kOptionFromServer | kOptionSageSuccess);
-  answers.setRules(options_.rules, theTime += 1);
+  answers.setRules(options_.rules, theTime);
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess)
       << "the rules are newer";
   ASSERT_TRUE(VerdictStore::open(store_, VerdictStore::Access::readWrite)

@@ -153,6 +153,8 @@ TEST_F(VerdictStoreTest, RefusesFilesThatAreNoSoundStoreOfThisVersionAndLeavesTh
     EXPECT_EQ(contentOf(path_), before);
     std::filesystem::remove(path_);
   };
+  folder_.write("qxmac/var/verdicts.sqlite", "");
+  EXPECT_EQ(open(Access::readOnly)->count(), VerdictStore::Counts()) << "an empty file is an empty store";
   ASSERT_NE(open(), nullptr);
   tamper("PRAGMA user_version = 99; CREATE TABLE md5_verdicts (x)");
   expectRefused(VerdictStoreError::newerVersion);
