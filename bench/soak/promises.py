@@ -4,8 +4,8 @@ import collections
 import statistics
 
 # Descriptors at rest are the same each time, to the last one. Memory, what is the process's own (Private_Dirty), may seem
-# to grow by so much over all the rests of one life, as the slope through them has it: the allocator's arenas fill up
-# for a while. A leak of 100 bytes a request is 10 MiB in 100,000.
+# to grow by so much over one life, as the slope through all its rests but the first has it: until then, and for a while
+# longer, the allocator's arenas fill up. A leak of 100 bytes a request is 10 MiB in 100,000.
 MEMORY_GROWTH_KIB = 4096
 # Fewer rests than these have no slope.
 RESTS_FOR_A_SLOPE = 5
@@ -51,7 +51,7 @@ def trends(rests):
         if len(points) < RESTS_FOR_A_SLOPE:
             continue
         span = points[-1].requests - points[0].requests
-        growth = slope([(point.requests, point.memory_kib) for point in points]) * span
+        growth = slope([(point.requests, point.memory_kib) for point in points[1:]]) * span
         places = (0, len(points) // 2, -1)
         found.append({"service": service, "life": life, "rests": len(points), "requests": span,
                       "descriptors": [points[place].descriptors for place in places],
