@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "foundation/value.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 

@@ -13,7 +13,7 @@
 #include "foundation/log.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 

@@ -11,7 +11,7 @@
 #include "platform/digest.hpp"
 #include "platform/file_io.hpp"
 #include "platform/read_buffer.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
+#include "platform/linux/skyvault_wire.hpp"
 
 namespace qm {
 

@@ -14,7 +14,7 @@
 #include "companions/sample_analysis.hpp"
 #include "foundation/error.hpp"
 #include "foundation/value.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "foundation/log.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
+#include "platform/linux/skyvault_wire.hpp"
 
 namespace qm {
 

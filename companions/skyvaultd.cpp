@@ -15,7 +15,7 @@
 #include "platform/service_manager.hpp"
 #include "platform/system_log.hpp"
 #include "platform/xpc.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
+#include "platform/linux/skyvault_wire.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "validation/QMRSignatureVerifier.hpp"
 #include "validation/QRMXPCConnectionValidator.hpp"

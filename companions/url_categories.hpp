@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 

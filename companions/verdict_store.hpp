@@ -20,7 +20,7 @@
 
 #include "foundation/error.hpp"
 #include "platform/digest.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm {
 

@@ -41,7 +41,7 @@ int main() {
     if (!isError) return dispatch_listener_event(context, event);
     // Without its name nobody can reach the service; what started it decides what comes next.
     handle_listener_event(context, event);
-    std::quick_exit(EXIT_FAILURE);
+    std::_Exit(EXIT_FAILURE);
   });
   listener.activate();
   qm::notifyServiceManagerReady();

@@ -49,7 +49,8 @@ struct LogRegistry {
   void apply(Log& log) const {
     const LogSettings settings = source == nullptr ? LogSettings() : source(log.subsystem(), log.category());
     const unsigned flags = (settings.info ? Log::kInfo : 0) | (settings.debug ? Log::kDebug : 0) |
-                           (settings.privateData ? Log::kPrivate : 0);
+                           (settings.privateData ? Log::kPrivate : 0) |
+                           (settings.sinkDecides ? Log::kSinkDecides : 0);
     log.flags_.store(flags, std::memory_order_relaxed);
   }
 
@@ -89,10 +90,25 @@ Log& Log::create(std::string_view subsystem, std::string_view category) {
   return LogRegistry::shared().handle(subsystem, category);
 }
 
-void Log::emit(LogLevel level, std::string_view message) {
+bool Log::sinkWants(LogLevel level) const {
+  const std::shared_ptr<LogSink> sink = LogRegistry::shared().currentSink();
+  return sink != nullptr && sink->isEnabled(subsystem_, category_, level);
+}
+
+log_format::PrivateParts Log::privateParts() const {
+  const unsigned flags = flags_.load(std::memory_order_relaxed);
+  if ((flags & kSinkDecides) != 0) return log_format::PrivateParts::marked;
+  return (flags & kPrivate) != 0 ? log_format::PrivateParts::shown : log_format::PrivateParts::hidden;
+}
+
+void Log::emit(LogLevel level, const log_format::Line& line) {
   const std::shared_ptr<LogSink> sink = LogRegistry::shared().currentSink();
   if (sink == nullptr) return;
-  sink->write({.subsystem = subsystem_, .category = category_, .level = level, .message = message});
+  sink->write({.subsystem = subsystem_,
+               .category = category_,
+               .level = level,
+               .message = line.text,
+               .privateParts = line.privateParts});
 }
 
 namespace log_format {
@@ -125,8 +141,8 @@ void appendLiteral(std::string& out, std::string_view literal) {
   }
 }
 
-bool isHidden(const Placeholder& placeholder, bool showPrivate) {
-  if (showPrivate || placeholder.privacy == Privacy::isPublic) return false;
+bool isPrivate(const Placeholder& placeholder) {
+  if (placeholder.privacy == Privacy::isPublic) return false;
   const bool isText = placeholder.conversion == '@' || placeholder.conversion == 's';
   return isText || placeholder.privacy == Privacy::isPrivate;
 }
@@ -175,15 +191,21 @@ void appendArgument(std::string& out, const Placeholder& placeholder, const Argu
 
 }  // namespace
 
-std::string render(std::string_view format, const Argument* arguments, std::size_t count, bool showPrivate) {
-  std::string line;
-  line.reserve(format.size() + 32 * count);
+Line render(std::string_view format, const Argument* arguments, std::size_t count,
+            PrivateParts privateParts) {
+  Line line;
+  line.text.reserve(format.size() + 32 * count);
   std::size_t position = 0;
   for (std::size_t used = 0;; ++used) {
     const Placeholder placeholder = nextPlaceholder(format, position);
-    appendLiteral(line, format.substr(position, placeholder.literalLength));
+    appendLiteral(line.text, format.substr(position, placeholder.literalLength));
     if (placeholder.conversion == 0 || used == count) return line;
-    appendArgument(line, placeholder, arguments[used], isHidden(placeholder, showPrivate));
+    const std::size_t begin = line.text.size();
+    const bool isItsPrivate = isPrivate(placeholder);
+    appendArgument(line.text, placeholder, arguments[used],
+                   isItsPrivate && privateParts == PrivateParts::hidden);
+    if (isItsPrivate && privateParts == PrivateParts::marked && line.text.size() > begin)
+      line.privateParts.push_back({begin, line.text.size()});
     position = placeholder.next;
   }
 }

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -37,6 +38,8 @@ struct LogEntry {
   std::string_view category;
   LogLevel level = LogLevel::standard;
   std::string_view message;  // rendered, private parts as the configuration says
+  // Where the message has private parts that are still to be hidden; only for a sink that decides.
+  std::span<const log_format::Range> privateParts{};
 };
 
 // Where the lines go. Called from any thread, also several at once; must not log itself.
@@ -44,6 +47,10 @@ class LogSink {
  public:
   virtual ~LogSink() = default;
   virtual void write(const LogEntry& entry) = 0;
+  // For a sink that decides: whether it takes info and debug lines just now.
+  virtual bool isEnabled(std::string_view /*subsystem*/, std::string_view /*category*/, LogLevel /*level*/) {
+    return true;
+  }
 };
 
 // What is switched on for one subsystem and category.
@@ -51,6 +58,9 @@ struct LogSettings {
   bool info = false;
   bool debug = false;
   bool privateData = false;
+  // The others do not count: the sink, a system's log with settings of its own, is asked at each line and
+  // hides private parts itself.
+  bool sinkDecides = false;
 };
 using LogSettingsSource = LogSettings (*)(std::string_view subsystem, std::string_view category);
 
@@ -71,27 +81,28 @@ class Log {
   const std::string& subsystem() const { return subsystem_; }
   const std::string& category() const { return category_; }
   bool isEnabled(LogLevel level) const {
+    if (level != LogLevel::debug && level != LogLevel::info) return true;
     const unsigned flags = flags_.load(std::memory_order_relaxed);
-    return level == LogLevel::debug  ? (flags & kDebug) != 0
-           : level == LogLevel::info ? (flags & kInfo) != 0
-                                     : true;
+    if ((flags & kSinkDecides) != 0) return sinkWants(level);
+    return (flags & (level == LogLevel::debug ? kDebug : kInfo)) != 0;
   }
-  bool showsPrivateData() const { return (flags_.load(std::memory_order_relaxed) & kPrivate) != 0; }
 
   // Not for callers: the macros come here with a checked format.
   template <class... Arguments>
   void write(LogLevel level, const char* format, const Arguments&... arguments) {
     const std::array<log_format::Argument, sizeof...(Arguments)> packed{
         log_format::pack<std::decay_t<const Arguments&>>(arguments)...};
-    emit(level, log_format::render(format, packed.data(), packed.size(), showsPrivateData()));
+    emit(level, log_format::render(format, packed.data(), packed.size(), privateParts()));
   }
 
  private:
   friend struct LogRegistry;
-  static constexpr unsigned kInfo = 1, kDebug = 2, kPrivate = 4;
+  static constexpr unsigned kInfo = 1, kDebug = 2, kPrivate = 4, kSinkDecides = 8;
 
   Log(std::string_view subsystem, std::string_view category) : subsystem_(subsystem), category_(category) {}
-  void emit(LogLevel level, std::string_view message);
+  bool sinkWants(LogLevel level) const;
+  log_format::PrivateParts privateParts() const;
+  void emit(LogLevel level, const log_format::Line& line);
 
   const std::string subsystem_;
   const std::string category_;

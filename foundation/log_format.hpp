@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "foundation/block.hpp"
 #include "foundation/error.hpp"
@@ -244,8 +245,25 @@ Argument pack(const T& value) {
   return argument;
 }
 
-// The line: literal text as it stands, each placeholder filled in order; private ones as "<private>" unless
-// shown.
-std::string render(std::string_view format, const Argument* arguments, std::size_t count, bool showPrivate);
+// What becomes of the private parts of a line.
+enum class PrivateParts : std::uint8_t {
+  hidden,  // "<private>" stands in their place
+  shown,
+  marked,  // as shown, and the line says where they are
+};
+
+// A stretch of a line, in bytes.
+struct Range {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+};
+
+struct Line {
+  std::string text;
+  std::vector<Range> privateParts;  // in order; empty unless they are marked
+};
+
+// Literal text as it stands, each placeholder filled in order.
+Line render(std::string_view format, const Argument* arguments, std::size_t count, PrivateParts privateParts);
 
 }  // namespace qm::log_format

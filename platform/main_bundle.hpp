@@ -1,5 +1,5 @@
-// The running program's bundle. On Linux the folder of the executable, its information the Info.plist in the
-// ELF section ".info_plist".
+// The running program's bundle: the folder of the executable, its information the Info.plist in a section of
+// it (Mach-O __TEXT,__info_plist; ELF ".info_plist").
 #pragma once
 
 #include <optional>
@@ -19,7 +19,8 @@ class MainBundle {
   std::optional<std::string> bundleIdentifier() const;    // CFBundleIdentifier
   std::optional<std::string> shortVersionString() const;  // CFBundleShortVersionString
   const std::string& bundlePath() const { return bundlePath_; }
-  // The path of a resource file if there is one of that name: in the Resources folder beside the executable.
+  // The path of a resource file if there is one of that name: on Linux in the Resources folder beside
+  // the executable, on macOS where the system looks.
   std::optional<std::string> pathForResource(std::string_view name) const;
 
  private:

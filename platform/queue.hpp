@@ -55,8 +55,10 @@ class Queue {
 
   friend bool operator==(const Queue& a, const Queue& b) { return a.core_ == b.core_; }
 
+  // For the platform layer.
   struct Core;
   explicit Queue(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+  const std::shared_ptr<Core>& core() const { return core_; }
 
  private:
   void syncBody(void (*body)(void*), void* context) const;

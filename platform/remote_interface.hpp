@@ -42,6 +42,8 @@ class RemoteInterface {
 
   explicit operator bool() const { return !protocolName_.empty(); }
   const std::string& protocolName() const { return protocolName_; }
+  // By selector.
+  const std::map<std::string, RemoteMethodSignature, std::less<>>& methods() const { return methods_; }
   // Null when the protocol has no such method.
   const RemoteMethodSignature* method(std::string_view selector) const;
 

@@ -158,6 +158,8 @@ XPCObject xpcErrorReplyTimedOut();          // no reply in time (only with a tim
 // The request breaks a limit of the transport and was not sent: sent again it would be refused again. The log
 // says which one. The connection goes on.
 XPCObject xpcErrorMessageRefused();
+// The text of an error object; empty for any other object.
+std::string xpcErrorDescription(const XPCObject& error);
 
 // A listening place that only its holder can connect to. Travels in messages.
 class XPCEndpoint : public XPCObject {

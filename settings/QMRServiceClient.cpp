@@ -255,7 +255,7 @@ void QMRServiceClient::connectionInvalidated() {
 }
 
 void QMRServiceClient::terminateProcessWithCode(int code) {
-  std::quick_exit(code);
+  std::_Exit(code);
 }
 
 void QMRServiceClient::resetSubscriptions() {

@@ -33,7 +33,7 @@ std::string argumentKey(std::size_t index) {
   return "argument " + std::to_string(index);
 }
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
   return "'" + shownText(text) + "'";
 }
 
@@ -140,7 +140,7 @@ class Encoder {
       return coded("NSURL", kStringKey, XPCObject::string(url->url().absoluteString()));
     if (const auto* record = dynamic_cast<const Record*>(&object))
       return coded(record->className(), kFieldsKey, entries(record->fields(), depth));
-    return refuse("class " + quoted(object.className()) + " cannot be coded");
+    return refuse("class " + inQuotes(object.className()) + " cannot be coded");
   }
 
   ErrorPtr* const error_;
@@ -221,7 +221,7 @@ class Decoder {
         return scalar(object, XPCType::uint64, "a uint64", key);
       case RemoteType::uint32:
         if (object.uint64Value() > std::numeric_limits<std::uint32_t>::max())
-          return corrupt("value for key " + quoted(key) + " does not fit into 32 bits");
+          return corrupt("value for key " + inQuotes(key) + " does not fit into 32 bits");
         return scalar(object, XPCType::uint64, "a uint64", key);
       case RemoteType::real:
         return scalar(object, XPCType::real, "a double", key);
@@ -248,16 +248,16 @@ class Decoder {
   XPCObject required(const XPCDictionary& dictionary, std::string_view key, XPCType type) {
     const XPCObject value = dictionary.value(key);
     if (!value) {
-      missing("no value for key " + quoted(key));
+      missing("no value for key " + inQuotes(key));
       return {};
     }
     if (value.type() == type) return value;
-    corrupt("value for key " + quoted(key) + " is of another type");
+    corrupt("value for key " + inQuotes(key) + " is of another type");
     return {};
   }
   bool hasOnly(const XPCDictionary& dictionary, std::size_t count) {
     if (dictionary.count() == count) return true;
-    corrupt("unknown keys beside those of " + quoted(classOf(dictionary)));
+    corrupt("unknown keys beside those of " + inQuotes(classOf(dictionary)));
     return false;
   }
 
@@ -265,14 +265,14 @@ class Decoder {
   std::optional<Value> scalar(const XPCObject& object, XPCType type, const char* name,
                               const std::string& key) {
     if (object.type() == type) return valueFromXPCObject(object);
-    return corrupt("value for key " + quoted(key) + " is not " + name);
+    return corrupt("value for key " + inQuotes(key) + " is not " + name);
   }
 
   std::nullopt_t unexpected(const XPCObject& object, const CodedClasses& allowed, std::string_view key) {
     std::string names;
     for (const CodedClass& its : allowed) names += (names.empty() ? "" : ", ") + std::string(its.name);
-    return corrupt("value for key " + quoted(key) + " was of unexpected class " + quoted(classOf(object)) +
-                   ". Allowed classes are '{(" + names + ")}'.");
+    return corrupt("value for key " + inQuotes(key) + " was of unexpected class " +
+                   inQuotes(classOf(object)) + ". Allowed classes are '{(" + names + ")}'.");
   }
 
   std::optional<Value> decode(const XPCObject& object, const Allowed& allowed, std::string_view key) {
@@ -304,7 +304,7 @@ class Decoder {
     if (its.name == "NSDictionary") return decodeDictionary(coded, contents);
     if (its.name == "NSError") return decodeError(coded);
     if (its.name == "NSURL") return decodeURL(coded);
-    return corrupt("class " + quoted(its.name) + " is not coded as a dictionary");
+    return corrupt("class " + inQuotes(its.name) + " is not coded as a dictionary");
   }
 
   std::optional<Dictionary> decodeEntries(const XPCObject& entries, const CodedClasses& contents) {
@@ -344,7 +344,7 @@ class Decoder {
     const XPCObject text = required(coded, kStringKey, XPCType::string);
     if (!text || !hasOnly(coded, 2)) return std::nullopt;
     std::optional<URL> url = URL::create(*text.stringValue());
-    if (!url) return corrupt("no URL: " + quoted(*text.stringValue()));
+    if (!url) return corrupt("no URL: " + inQuotes(*text.stringValue()));
     return Value(std::make_shared<const URLObject>(std::move(*url)));
   }
 

@@ -50,12 +50,16 @@ std::optional<AcceptedPeer> AdmissionPlaces::leave(std::uint32_t userID) {
 // A client that comes and goes without waiting for its welcome leaves one peer behind each time.
 void AdmissionPlaces::forgetWhoHungUp() {
   for (auto& [userID, user] : users_) {
-    const auto gone =
-        std::stable_partition(user.waiting.begin(), user.waiting.end(),
-                              [](const AcceptedPeer& accepted) { return !hasHungUp(accepted); });
-    for (auto each = gone; each != user.waiting.end(); ++each) closeSocketElsewhere(std::move(each->socket));
-    waiting_ -= static_cast<std::size_t>(user.waiting.end() - gone);
-    user.waiting.erase(gone, user.waiting.end());
+    std::deque<AcceptedPeer> staying;
+    for (AcceptedPeer& accepted : user.waiting) {
+      if (hasHungUp(accepted)) {
+        closeSocketElsewhere(std::move(accepted.socket));
+        --waiting_;
+      } else {
+        staying.push_back(std::move(accepted));
+      }
+    }
+    user.waiting.swap(staying);
   }
 }
 

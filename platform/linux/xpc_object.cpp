@@ -267,6 +267,10 @@ XPCObject xpcErrorMessageRefused() {
   return only;
 }
 
+std::string xpcErrorDescription(const XPCObject& error) {
+  return contentOr<ErrorRepresentation>(error, XPCType::error, {});
+}
+
 namespace xpc {
 
 XPCObject adoptDescriptor(FileDescriptor descriptor) {

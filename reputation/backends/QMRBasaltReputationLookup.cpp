@@ -11,8 +11,6 @@
 #include "foundation/strings.hpp"
 #include "platform/activity.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClient.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
 #include "settings/QMRNamespace.hpp"
 
 using namespace qm::skyvault;
@@ -58,8 +56,8 @@ qm::Array descriptionsOf(const std::vector<SVKSkyvaultCategory>& categories) {
 }  // namespace
 
 std::shared_ptr<QMRBasaltReputationLookup> QMRBasaltReputationLookup::create() {
-  std::shared_ptr<SVKSkyvaultServiceClient> client =
-      SVKSkyvaultServiceClient::create(QMRNamespace::namespacedWithId(kServiceName));
+  SkyvaultClient client = qm::createSkyvaultServiceClient(QMRNamespace::namespacedWithId(kServiceName),
+                                                          QMRNamespace::namespacedWithPath(kProgramPath));
   return client ? std::make_shared<QMRBasaltReputationLookup>(std::move(client)) : nullptr;
 }
 

@@ -14,7 +14,7 @@
 #include "platform/queue.hpp"
 #include "reputation/QMRReputationLookup.hpp"
 #include "reputation/QMRResponseConsolidator.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 // Replies are called on whatever queue the client completes on.
 class QMRBasaltReputationLookup final : public QMRReputationLookup {

@@ -1,8 +1,8 @@
 // Keeps what a Skyvault client's completions were called with.
 #pragma once
 
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/linux/skyvault_wire.hpp"
 #include "support/testing.hpp"
 
 namespace qm::test {

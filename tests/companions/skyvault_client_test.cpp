@@ -1,7 +1,7 @@
 // The client against an agent in this process that does what the test says.
 
 #include "platform/file_io.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "platform/linux/SVKSkyvaultServiceClient.hpp"
 #include "support/scripted_service.hpp"
 #include "tests/companions/completions.hpp"
 

@@ -4,7 +4,7 @@
 #include "filefacts/QMRHashProvider.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_handle.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "platform/linux/SVKSkyvaultServiceClient.hpp"
 #include "support/reputation_peer.hpp"
 #include "tests/companions/completions.hpp"
 #include "tests/companions/samples.hpp"

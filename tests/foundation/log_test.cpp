@@ -61,6 +61,34 @@ TEST(LogLevels, ThatAreOffEvaluateNothing) {
   EXPECT_EQ(evaluated, 1);
 }
 
+// A system's log that has settings of its own.
+TEST(LogSinks, MayDecideAtEachLineAndHidePrivatePartsThemselves) {
+  struct Deciding final : LogSink {
+    void write(const LogEntry& entry) override {
+      line = entry.message;
+      for (auto part = entry.privateParts.rbegin(); part != entry.privateParts.rend(); ++part)
+        line.replace(part->begin, part->end - part->begin, "#");
+    }
+    bool isEnabled(std::string_view, std::string_view category, LogLevel level) override {
+      return category == "LogTest" && level == wanted;
+    }
+    LogLevel wanted = LogLevel::info;
+    std::string line;
+  };
+  const auto sink = std::make_shared<Deciding>();
+  setLogSink(sink);
+  setLogSettings(
+      [](auto, auto) { return LogSettings{.debug = true, .privateData = true, .sinkDecides = true}; });
+  QM_LOG_DEBUG(testLog(), "debug");
+  QM_LOG_DEBUG(Log::create(kQMRLogSubsystem, "LogTestOther"), "debug");
+  EXPECT_EQ(sink->line, "");
+  sink->wanted = LogLevel::debug;
+  QM_LOG_DEBUG(testLog(), "%@ in %{public}s, %{private}d%s", "a", "b", 1, "");
+  EXPECT_EQ(sink->line, "# in b, #");
+  setLogSink(nullptr);
+  setLogSettings(nullptr);
+}
+
 TEST(LogFormats, AreCheckedAgainstTheirArguments) {
   using log_format::Types;
   static_assert(Types<std::string, int>::matches("%@ %d"));

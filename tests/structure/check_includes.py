@@ -23,6 +23,7 @@ STAND_ALONE = REPUTATION + ["reputation/backends", "client", "companions", "plat
 FLOORS = {
     "foundation": [],
     "platform": FOUNDATION,
+    "platform/common": SEAM,
     "platform/linux": SEAM,
     "platform/darwin": SEAM,
     "filefacts": SEAM,

@@ -4,7 +4,7 @@
 #include <array>
 #include <optional>
 
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm::qmverdicts {
 

@@ -15,11 +15,11 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "platform/file_io.hpp"
 #include "platform/interruption.hpp"
 #include "platform/regular_file.hpp"
 #include "platform/terminal.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 #include "tools/qmr/progress_line.hpp"
 #include "tools/qmverdicts/csv_format.hpp"
 #include "tools/qmverdicts/debian_import.hpp"

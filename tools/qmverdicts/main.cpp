@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/system_root.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "tools/qmverdicts/file_commands.hpp"
 #include "tools/qmverdicts/import_command.hpp"

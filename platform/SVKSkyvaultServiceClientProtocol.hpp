@@ -1,5 +1,6 @@
 // What the Basalt backend needs of the Skyvault client framework: the calls it makes and what it reads from
-// the answers. Implemented by SVKSkyvaultServiceClient; tests put their substitute here.
+// the answers. The framework is closed: on macOS its client is called where the framework is there, on Linux
+// a client of our own stands in for it. Tests put their substitute here.
 #pragma once
 
 #include <chrono>
@@ -15,8 +16,24 @@
 #include "platform/file_handle.hpp"
 #include "platform/url.hpp"
 
-// The safety verdict values. The texts are those of the substitute client and its agent; only their equality
-// counts.
+namespace qm::skyvault {
+
+inline constexpr const char* kServiceName = "com.quillmarsh.sp.skyvaultd";              // to be namespaced
+inline constexpr const char* kProgramPath = "/Library/Quillmarsh/qxmac/bin/skyvaultd";  // to be namespaced
+
+// The bits of the response options.
+inline constexpr std::uint64_t kOptionFromServer = 1;
+inline constexpr std::uint64_t kOptionSageThrottled = 2;
+inline constexpr std::uint64_t kOptionSageFailed = 4;
+inline constexpr std::uint64_t kOptionFailed = 8;
+inline constexpr std::uint64_t kOptionSageSuccess = 16;
+inline constexpr std::uint64_t kOptionSageUploadRequested = 32;
+inline constexpr std::uint64_t kOptionSageUploaded = 64;
+inline constexpr std::uint64_t kOptionHipsEventsRequested = 128;
+
+}  // namespace qm::skyvault
+
+// The safety verdict values. The texts are ours; only their equality counts.
 inline constexpr const char* SVKSkyvaultSafetyVerdictValueKnownClean = "known_clean";
 inline constexpr const char* SVKSkyvaultSafetyVerdictValueUndetected = "undetected";
 inline constexpr const char* SVKSkyvaultSafetyVerdictValuePU = "pu";
@@ -71,3 +88,12 @@ class SVKSkyvaultServiceClientProtocol {
                                      std::chrono::milliseconds timeout, Completion completion) = 0;
   virtual std::string description() const = 0;
 };
+
+namespace qm {
+
+// A client of the agent behind the service name, as it stands. Null when there can be none: on macOS without
+// the framework, on Linux when the agent's program (a product path) is not installed.
+std::shared_ptr<SVKSkyvaultServiceClientProtocol> createSkyvaultServiceClient(
+    const std::string& machServiceName, const std::string& agentProgram);
+
+}  // namespace qm

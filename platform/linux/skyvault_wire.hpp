@@ -14,10 +14,9 @@
 
 #include <cstdint>
 
-namespace qm::skyvault {
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
-inline constexpr const char* kServiceName = "com.quillmarsh.sp.skyvaultd";              // to be namespaced
-inline constexpr const char* kProgramPath = "/Library/Quillmarsh/qxmac/bin/skyvaultd";  // to be namespaced
+namespace qm::skyvault {
 
 inline constexpr const char* kRequestKey = "request";    // string
 inline constexpr const char* kSHA256Key = "sha256";      // string, 64 lower-case hexadecimal digits
@@ -41,16 +40,6 @@ inline constexpr const char* kCategoryNameKey = "name";             //   string
 inline constexpr const char* kCategoryValueKey = "value";           //   boolean
 inline constexpr const char* kErrorCodeKey = "error-code";          // signed, an ErrorCode
 inline constexpr const char* kErrorTextKey = "error-text";          // string, a sentence for people
-
-// The bits of the response options.
-inline constexpr std::uint64_t kOptionFromServer = 1;
-inline constexpr std::uint64_t kOptionSageThrottled = 2;
-inline constexpr std::uint64_t kOptionSageFailed = 4;
-inline constexpr std::uint64_t kOptionFailed = 8;
-inline constexpr std::uint64_t kOptionSageSuccess = 16;
-inline constexpr std::uint64_t kOptionSageUploadRequested = 32;
-inline constexpr std::uint64_t kOptionSageUploaded = 64;
-inline constexpr std::uint64_t kOptionHipsEventsRequested = 128;
 
 // The codes of the client's errors, some of them given by the agent.
 inline constexpr const char* kErrorDomain = "com.quillmarsh.SVKSkyvaultServiceClient";

@@ -1,4 +1,4 @@
-#include "reputation/backends/SVKSkyvaultServiceClient.hpp"
+#include "platform/linux/SVKSkyvaultServiceClient.hpp"
 
 #include <mutex>
 #include <optional>
@@ -7,9 +7,8 @@
 #include "foundation/log.hpp"
 #include "foundation/object_description.hpp"
 #include "platform/file_io.hpp"
+#include "platform/linux/skyvault_wire.hpp"
 #include "platform/system_root.hpp"
-#include "reputation/backends/skyvault_wire.hpp"
-#include "settings/QMRNamespace.hpp"
 
 using qm::XPCArray;
 using qm::XPCConnection;
@@ -166,11 +165,11 @@ class SVKSkyvaultServiceClient::Connection : public std::enable_shared_from_this
   XPCConnection current_;
 };
 
-std::shared_ptr<SVKSkyvaultServiceClient> SVKSkyvaultServiceClient::create(
-    const std::string& machServiceName) {
-  const std::string program = qm::hostPath(QMRNamespace::namespacedWithPath(qm::skyvault::kProgramPath));
-  if (!qm::fileExists(program.c_str())) {
-    QM_LOG_ERROR(log(), "The Skyvault agent is not installed: there is no %{public}@", program);
+std::shared_ptr<SVKSkyvaultServiceClientProtocol> qm::createSkyvaultServiceClient(
+    const std::string& machServiceName, const std::string& agentProgram) {
+  const std::string program = hostPath(agentProgram);
+  if (!fileExists(program.c_str())) {
+    QM_LOG_ERROR(log(), "The Skyvault agent is not installed: there is no %{public}s", program);
     return nullptr;
   }
   return std::make_shared<SVKSkyvaultServiceClient>(

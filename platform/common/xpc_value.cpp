@@ -2,7 +2,7 @@
 #include <type_traits>
 
 #include "foundation/error.hpp"
-#include "platform/linux/xpc_object.hpp"
+#include "platform/xpc.hpp"
 
 namespace qm {
 namespace {
@@ -113,10 +113,8 @@ Value valueFromXPCObject(const XPCObject& object) {
       return arrayFrom(object.asArray());
     case XPCType::dictionary:
       return dictionaryFrom(object.asDictionary());
-    case XPCType::error: {
-      const auto* error = xpc::representationAs<xpc::ErrorRepresentation>(object, XPCType::error);
-      return Dictionary{{"XPCErrorDescription", Value(error->content)}};
-    }
+    case XPCType::error:
+      return Dictionary{{"XPCErrorDescription", xpcErrorDescription(object)}};
     case XPCType::null:
     case XPCType::fileDescriptor:
     case XPCType::endpoint:

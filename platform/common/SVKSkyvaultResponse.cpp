@@ -1,4 +1,4 @@
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 std::string SVKSkyvaultCategory::description() const {
   return name + (value ? ": yes" : ": no");

@@ -9,16 +9,12 @@
 #include <memory>
 #include <string>
 
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "platform/queue.hpp"
 #include "platform/xpc.hpp"
-#include "reputation/backends/SVKSkyvaultServiceClientProtocol.hpp"
 
 class SVKSkyvaultServiceClient final : public SVKSkyvaultServiceClientProtocol {
  public:
-  // The client of the service with this name, as it stands. Null exactly when the agent's program is not
-  // installed.
-  static std::shared_ptr<SVKSkyvaultServiceClient> create(const std::string& machServiceName);
-
   // Makes a new connection each time it is called, not yet activated. Called on the thread of a call to the
   // client.
   using ConnectionMaker = qm::Block<qm::XPCConnection()>;

@@ -13,7 +13,8 @@ void FileDescriptor::reset(int descriptor) {
   if (descriptor != kNone && descriptor == descriptor_) std::abort();
   if (descriptor_ != kNone) {
     const int savedErrno = errno;
-    // Not repeated after EINTR: Linux has released the descriptor by then.
+    // Not repeated after EINTR: the system has released the descriptor by then, or another thread may have
+    // it.
     ::close(descriptor_);
     errno = savedErrno;
   }

@@ -1,0 +1,49 @@
+#include "platform/main_bundle.hpp"
+
+#include <utility>
+
+#include "platform/darwin/foundation_value.hpp"
+
+namespace qm {
+namespace {
+
+std::optional<std::string> stringForKey(const Dictionary& dictionary, std::string_view key) {
+  const std::string* const value = find<std::string>(dictionary, key);
+  return value == nullptr ? std::nullopt : std::optional<std::string>(*value);
+}
+
+}  // namespace
+
+const MainBundle& MainBundle::instance() {
+  static const MainBundle bundle;
+  return bundle;
+}
+
+MainBundle::MainBundle() {
+  @autoreleasepool {
+    NSBundle* bundle = NSBundle.mainBundle;
+    // The framework reads the section __TEXT,__info_plist of a program without a bundle folder.
+    std::optional<Value> information = valueFrom(bundle.infoDictionary, OtherObjects::described);
+    if (Dictionary* entries = information ? information->as<Dictionary>() : nullptr)
+      infoDictionary_ = std::move(*entries);
+    bundlePath_ = textFrom(bundle.bundlePath);
+  }
+}
+
+std::optional<std::string> MainBundle::bundleIdentifier() const {
+  return stringForKey(infoDictionary_, "CFBundleIdentifier");
+}
+
+std::optional<std::string> MainBundle::shortVersionString() const {
+  return stringForKey(infoDictionary_, "CFBundleShortVersionString");
+}
+
+std::optional<std::string> MainBundle::pathForResource(std::string_view name) const {
+  if (name.empty()) return std::nullopt;
+  @autoreleasepool {
+    NSString* path = [NSBundle.mainBundle pathForResource:stringFrom(name) ofType:nil];
+    return path == nil ? std::nullopt : std::optional(textFrom(path));
+  }
+}
+
+}  // namespace qm

@@ -1,0 +1,24 @@
+#include "platform/property_list.hpp"
+
+#include "platform/darwin/foundation_value.hpp"
+
+namespace qm {
+
+std::optional<Value> parsePropertyList(const void* bytes, std::size_t length, ErrorPtr* error) {
+  @autoreleasepool {
+    NSData* data = [NSData dataWithBytes:bytes length:bytes == nullptr ? 0 : length];
+    NSError* failure = nil;
+    id list = [NSPropertyListSerialization propertyListWithData:data
+                                                        options:NSPropertyListImmutable
+                                                         format:nullptr
+                                                          error:&failure];
+    if (list == nil) {
+      setError(error, errorFrom(failure));
+      return std::nullopt;
+    }
+    // Sets and the identifiers of archives have no value of their own.
+    return valueFrom(list, OtherObjects::described);
+  }
+}
+
+}  // namespace qm

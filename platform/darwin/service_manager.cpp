@@ -1,0 +1,8 @@
+#include "platform/service_manager.hpp"
+
+namespace qm {
+
+// launchd holds what is sent to the service's name until the listener is activated: there is nothing to say.
+void notifyServiceManagerReady() {}
+
+}  // namespace qm

@@ -1,0 +1,196 @@
+// The client of the Skyvault client framework.
+//
+// The framework is closed and is not built against: where it is not loaded there is no class of its client,
+// and no client is made. Its selectors and the fields of its answers are known. What is not known is taken
+// for likely here, and nowhere else: the widths of numbers, and that the constants of the verdicts are
+// exported under their names.
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "foundation/log.hpp"
+#include "foundation/object_description.hpp"
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/darwin/foundation_value.hpp"
+
+@protocol SVKSafetyVerdictFields
+@property(readonly) NSString* value;
+@property(readonly) NSString* infectionName;
+@end
+
+@protocol SVKCategoryFields
+@property(readonly) NSString* name;
+@property(readonly) BOOL value;
+@end
+
+@protocol SVKResponseFields
+@property(readonly) id<SVKSafetyVerdictFields> safetyVerdict;
+@property(readonly) NSUInteger options;
+@property(readonly) NSUInteger ttl;
+@property(readonly) NSInteger prevalence;
+@property(readonly) NSArray* categories;
+@end
+
+using FrameworkCompletion = void (^)(id<SVKResponseFields> response, NSError* error);
+
+@protocol SVKClientCalls
+- (id)initWithMachServiceName:(NSString*)machServiceName;
+- (void)queryReputationForFileHash:(NSString*)sha256
+                           timeout:(NSUInteger)milliseconds
+                        completion:(FrameworkCompletion)completion;
+- (void)analyzeMetadata:(NSDictionary*)metadata
+                timeout:(NSUInteger)milliseconds
+             completion:(FrameworkCompletion)completion;
+- (void)analyzeFileHandle:(NSFileHandle*)fileHandle
+                 metadata:(NSDictionary*)metadata
+                  timeout:(NSUInteger)milliseconds
+               completion:(FrameworkCompletion)completion;
+- (void)queryReputationForURL:(NSURL*)url
+                   categories:(NSArray*)categories
+                     metadata:(NSDictionary*)metadata
+                      timeout:(NSUInteger)milliseconds
+                   completion:(FrameworkCompletion)completion;
+@end
+
+namespace qm {
+namespace {
+
+Log& log() {
+  static Log& log = Log::create(kQMRLogSubsystem, "SVKSkyvaultServiceClient");
+  return log;
+}
+
+struct VerdictConstant {
+  const char* symbol;  // the framework's
+  const char* value;   // ours
+};
+constexpr VerdictConstant kVerdicts[] = {
+    {"SVKSkyvaultSafetyVerdictValueKnownClean", SVKSkyvaultSafetyVerdictValueKnownClean},
+    {"SVKSkyvaultSafetyVerdictValueUndetected", SVKSkyvaultSafetyVerdictValueUndetected},
+    {"SVKSkyvaultSafetyVerdictValuePU", SVKSkyvaultSafetyVerdictValuePU},
+    {"SVKSkyvaultSafetyVerdictValueUnwanted", SVKSkyvaultSafetyVerdictValueUnwanted},
+    {"SVKSkyvaultSafetyVerdictValueMalicious", SVKSkyvaultSafetyVerdictValueMalicious},
+    {"SVKSkyvaultSafetyVerdictValueUnknown", SVKSkyvaultSafetyVerdictValueUnknown}};
+
+// Our text for the framework's; a text that is none of its constants stays as it is.
+std::string verdictValue(NSString* value) {
+  for (const VerdictConstant& constant : kVerdicts) {
+    const auto* exported = static_cast<const __unsafe_unretained id*>(::dlsym(RTLD_DEFAULT, constant.symbol));
+    if (exported != nullptr && [value isEqualToString:*exported]) return constant.value;
+  }
+  return textFrom(value);
+}
+
+std::vector<SVKSkyvaultCategory> categoriesFrom(NSArray* categories) {
+  std::vector<SVKSkyvaultCategory> result;
+  for (id<SVKCategoryFields> category in categories)
+    result.push_back({.name = textFrom(category.name), .value = category.value != NO});
+  return result;
+}
+
+std::shared_ptr<const SVKSkyvaultResponse> responseFrom(id<SVKResponseFields> response) {
+  if (response == nil) return nullptr;
+  auto result = std::make_shared<SVKSkyvaultResponse>();
+  id<SVKSafetyVerdictFields> verdict = response.safetyVerdict;
+  result->safetyVerdict.value = verdictValue(verdict.value);
+  if (verdict.infectionName != nil) result->safetyVerdict.infectionName = textFrom(verdict.infectionName);
+  result->options = response.options;
+  result->ttl = response.ttl;
+  result->prevalence = response.prevalence;
+  result->categories = categoriesFrom(response.categories);
+  return result;
+}
+
+NSDictionary* dictionaryFrom(const Dictionary& metadata) {
+  return objectFrom(Value(metadata));
+}
+
+NSUInteger wholeMilliseconds(std::chrono::milliseconds timeout) {
+  return static_cast<NSUInteger>(std::max<std::chrono::milliseconds::rep>(timeout.count(), 0));
+}
+
+class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
+ public:
+  explicit FrameworkClient(id<SVKClientCalls> client) : client_(client) {}
+
+  void queryReputationForFileHash(const std::string& sha256Hex, std::chrono::milliseconds timeout,
+                                  Completion completion) override {
+    @autoreleasepool {
+      [client_ queryReputationForFileHash:stringFrom(sha256Hex)
+                                  timeout:wholeMilliseconds(timeout)
+                               completion:answerTo(std::move(completion), nullptr)];
+    }
+  }
+
+  void analyzeMetadata(const Dictionary& metadata, std::chrono::milliseconds timeout,
+                       Completion completion) override {
+    @autoreleasepool {
+      [client_ analyzeMetadata:dictionaryFrom(metadata)
+                       timeout:wholeMilliseconds(timeout)
+                    completion:answerTo(std::move(completion), nullptr)];
+    }
+  }
+
+  void analyzeFileHandle(std::shared_ptr<FileHandle> fileHandle, const Dictionary& metadata,
+                         std::chrono::milliseconds timeout, Completion completion) override {
+    @autoreleasepool {
+      // Ours owns the descriptor, and is kept until the answer.
+      NSFileHandle* handle = fileHandle == nullptr
+                                 ? nil
+                                 : [[NSFileHandle alloc] initWithFileDescriptor:fileHandle->fileDescriptor()
+                                                                 closeOnDealloc:NO];
+      [client_ analyzeFileHandle:handle
+                        metadata:dictionaryFrom(metadata)
+                         timeout:wholeMilliseconds(timeout)
+                      completion:answerTo(std::move(completion), std::move(fileHandle))];
+    }
+  }
+
+  void queryReputationForURL(const URL& url, const std::optional<std::vector<std::string>>& categories,
+                             const std::optional<Dictionary>& metadata, std::chrono::milliseconds timeout,
+                             Completion completion) override {
+    @autoreleasepool {
+      const Array names = categories ? Array(categories->begin(), categories->end()) : Array();
+      [client_ queryReputationForURL:[NSURL URLWithString:stringFrom(url.absoluteString())
+                                         encodingInvalidCharacters:NO]
+                          categories:categories ? objectFrom(Value(names)) : nil
+                            metadata:metadata ? dictionaryFrom(*metadata) : nil
+                             timeout:wholeMilliseconds(timeout)
+                          completion:answerTo(std::move(completion), nullptr)];
+    }
+  }
+
+  std::string description() const override { return objectDescription("SVKSkyvaultServiceClient", this); }
+
+ private:
+  static FrameworkCompletion answerTo(Completion completion, std::shared_ptr<FileHandle> kept) {
+    const Completion its = std::move(completion);
+    const std::shared_ptr<FileHandle> handle = std::move(kept);
+    return ^(id<SVKResponseFields> response, NSError* error) {
+      (void)handle;
+      its(responseFrom(response), errorFrom(error));
+    };
+  }
+
+  const id<SVKClientCalls> client_;
+};
+
+}  // namespace
+
+std::shared_ptr<SVKSkyvaultServiceClientProtocol> createSkyvaultServiceClient(
+    const std::string& machServiceName, const std::string& /*agentProgram*/) {
+  @autoreleasepool {
+    Class framework = NSClassFromString(@"SVKSkyvaultServiceClient");
+    if (framework == nil) {
+      QM_LOG_ERROR(log(), "The Skyvault client framework is not loaded");
+      return nullptr;
+    }
+    id<SVKClientCalls> client = [static_cast<id<SVKClientCalls>>([framework alloc])
+        initWithMachServiceName:stringFrom(machServiceName)];
+    return client == nil ? nullptr : std::make_shared<FrameworkClient>(client);
+  }
+}
+
+}  // namespace qm
