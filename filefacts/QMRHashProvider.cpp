@@ -11,6 +11,7 @@
 #include "foundation/log.hpp"
 #include "platform/digest.hpp"
 #include "platform/file_io.hpp"
+#include "platform/long_work.hpp"
 #include "platform/read_buffer.hpp"
 
 namespace {
@@ -22,6 +23,9 @@ constexpr std::size_t kHashCacheCountLimit = 1024;
 // and each byte would go out to the main memory and come back. Smaller portions are no faster, and would cost
 // a file system of another machine more questions.
 constexpr std::size_t kReadPortion = 128 * 1024;
+
+// A file of more bytes waits for a processor before it is read, so that small ones need not wait for it.
+constexpr std::uint64_t kLargestShortFile = 1024 * 1024;
 
 enum class ErrorCode : std::int64_t {
   readFailed = 100,
@@ -55,6 +59,11 @@ qm::Data dataOf(const Digest& digest) {
 
 // One reading of a file: what was read, and how it ended.
 struct FileReading {
+  explicit FileReading(std::uint64_t fileSize) {
+    if (fileSize > kLargestShortFile) longWork.emplace();
+  }
+
+  std::optional<qm::LongWork> longWork;
   qm::FileDigests digests;
   std::optional<qm::Data> magicBytes;
   std::int64_t byteCount = 0;
@@ -92,6 +101,7 @@ void readAndHash(int descriptor, const qm::ReadBuffer& buffer, std::uint64_t rea
       reading.errnoValue = errno;
       return;
     }
+    if (reading.longWork) reading.longWork->advanced();
     QM_LOG_DEBUG(log, "Read and hashed %zd bytes", count);
     reading.byteCount += count;
   }
@@ -123,6 +133,7 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
     QM_LOG_ERROR(log, "Error: file too big (%zu bytes) for hashing", fileSize);
     return nullptr;
   }
+  FileReading reading(fileSize);
   const auto expectedSize = static_cast<std::int64_t>(fileSize);
   const std::uint64_t readSize = std::min(fileSize, kHashBufferMaxSize);
   const qm::ReadBuffer buffer(std::min(static_cast<std::size_t>(readSize), kReadPortion));
@@ -131,7 +142,6 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
     QM_LOG_ERROR(log, "Error allocating buffer of %zd bytes: %s", expectedSize, errnoText(errno));
     return nullptr;
   }
-  FileReading reading;
   readAndHash(descriptor, buffer, readSize, reading);
   if (reading.failed) {
     QM_LOG_ERROR(log, "Error reading from file descriptor (errno=%d): %s", reading.errnoValue,

@@ -14,6 +14,7 @@
 
 #include "platform/file_descriptor.hpp"
 #include "platform/linux/process_threads.hpp"
+#include "platform/long_work.hpp"
 
 namespace qm {
 namespace {
@@ -33,6 +34,10 @@ constexpr std::uint64_t kTicksBeforeGrowth = 2;
 constexpr std::uint64_t kTicksBeforeSaturatedGrowth = 20;
 constexpr std::size_t kSaturatedWorkersPerProcessor = 4;
 constexpr std::uint64_t kTicksBetweenCountsWhenSaturated = 5;
+
+// When long work has not advanced for so long it is not busy but stuck, and whoever waits for its end goes
+// on.
+constexpr std::chrono::seconds kLongWorkPatience = 5s;
 
 int makeTimer() {
   const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
@@ -153,6 +158,65 @@ void WorkerPool::willBlock() {
   followUp(followup);
 }
 
+void WorkerPool::beginLongWork() {
+  requireNoForkedChild("long work was begun");
+  if (Worker* const self = currentWorker_; self != nullptr) {
+    self->owesWake = false;
+    Followup followup;
+    {
+      const MutexLock lock(mutex_);
+      --active_;
+      if (self->runsBounded) --runningBounded_;
+      if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
+        followup.startWorker = activate();
+      else
+        followup.armMonitor = wantsMonitor();
+    }
+    followUp(followup);
+  }
+  waitForLongWork();
+}
+
+void WorkerPool::waitForLongWork() {
+  MutexLock lock(mutex_);
+  bool stuck = false;
+  while (longWork_ >= processors_ && !stuck) {
+    const auto deadline = lastLongWork_ + kLongWorkPatience;
+    stuck = !longWorkTurn_.waitUntil(lock, deadline) && lastLongWork_ + kLongWorkPatience <= deadline;
+  }
+  ++longWork_;
+  // Past what is stuck all go at once: none of them starts the time anew for those that wait as long.
+  if (!stuck) lastLongWork_ = std::chrono::steady_clock::now();
+}
+
+void WorkerPool::longWorkAdvanced() {
+  const MutexLock lock(mutex_);
+  lastLongWork_ = std::chrono::steady_clock::now();
+}
+
+void WorkerPool::endLongWork() {
+  const MutexLock lock(mutex_);
+  --longWork_;
+  lastLongWork_ = std::chrono::steady_clock::now();
+  longWorkTurn_.notifyOne();
+  const Worker* const self = currentWorker_;
+  if (self == nullptr) return;
+  ++active_;
+  if (self->runsBounded) ++runningBounded_;
+}
+
+LongWork::LongWork() {
+  WorkerPool::shared().beginLongWork();
+}
+
+void LongWork::advanced() {
+  WorkerPool::shared().longWorkAdvanced();
+}
+
+LongWork::~LongWork() {
+  WorkerPool::shared().endLongWork();
+}
+
 WorkerPool::Statistics WorkerPool::statistics() const {
   const MutexLock lock(mutex_);
   return {workers_, idle_.size(), runningBounded_, waiting_.load(std::memory_order_relaxed)};
@@ -248,7 +312,7 @@ void WorkerPool::workerMain() {
       std::erase(threads_, thread);
       return;
     }
-    const bool bounded = task->bounded_;
+    const bool bounded = self.runsBounded = task->bounded_;
     if (bounded) ++runningBounded_;
     const bool arm = wantsMonitor();
     lock.unlock();

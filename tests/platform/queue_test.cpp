@@ -1,6 +1,9 @@
 #include "platform/queue.hpp"
 
+#include <semaphore>
+
 #include "platform/linux/worker_pool.hpp"
+#include "platform/long_work.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -100,6 +103,35 @@ TEST(ConcurrentQueue, StartsMoreWorkWhileItemsBlockAndSerialQueuesGoOnAtTheBound
     EXPECT_EQ(WorkerPool::shared().statistics().waiting, 1U) << "the concurrent item, all the while";
   }
   ranBeyondTheBound.wait();
+}
+
+TEST(ConcurrentQueue, ServesShortItemsBesideMoreLongWorkThanMayRun) {
+  const Queue queue = Queue::concurrent("test.long");
+  const auto processors = static_cast<int>(WorkerPool::shared().processors());
+  const int count = boundOfConcurrentItems() + processors;
+  std::atomic<int> inside = 0;
+  std::counting_semaphore<> begun(0);
+  std::latch end(1);
+  std::latch done(count);
+  for (int index = 0; index < count; ++index) {
+    queue.async([&] {
+      {
+        const LongWork turn;
+        EXPECT_LE(++inside, processors);
+        begun.release();
+        end.wait();
+        --inside;
+      }
+      done.count_down();
+    });
+  }
+  for (int index = 0; index < processors; ++index) begun.acquire();
+  std::promise<void> shortItem;
+  queue.async([&] { shortItem.set_value(); });
+  shortItem.get_future().wait();
+  end.count_down();
+  done.wait();
+  EXPECT_EQ(inside, 0);
 }
 
 TEST(QualityOfService, OrdersWhatWaits) {
