@@ -59,8 +59,9 @@ qm::Data dataOf(const Digest& digest) {
 
 // One reading of a file: what was read, and how it ended.
 struct FileReading {
-  explicit FileReading(std::uint64_t fileSize) {
-    if (fileSize > kLargestShortFile) longWork.emplace();
+  // To be called with every size in bytes that the file is said or seen to have.
+  void reaches(std::uint64_t size) {
+    if (size > kLargestShortFile && !longWork) longWork.emplace();
   }
 
   std::optional<qm::LongWork> longWork;
@@ -87,6 +88,7 @@ std::int64_t readOnce(int descriptor, const qm::ReadBuffer& buffer, std::uint64_
       reading.magicBytes = qm::Data(buffer.bytes(), std::min<std::size_t>(length, kMagicBytesLength));
     reading.digests.update(buffer.bytes(), length);
     total += length;
+    reading.reaches(static_cast<std::uint64_t>(reading.byteCount) + total);
     if (length < wanted || total == size) return static_cast<std::int64_t>(total);
   }
 }
@@ -101,7 +103,6 @@ void readAndHash(int descriptor, const qm::ReadBuffer& buffer, std::uint64_t rea
       reading.errnoValue = errno;
       return;
     }
-    if (reading.longWork) reading.longWork->advanced();
     QM_LOG_DEBUG(log, "Read and hashed %zd bytes", count);
     reading.byteCount += count;
   }
@@ -133,7 +134,8 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
     QM_LOG_ERROR(log, "Error: file too big (%zu bytes) for hashing", fileSize);
     return nullptr;
   }
-  FileReading reading(fileSize);
+  FileReading reading;
+  reading.reaches(fileSize);
   const auto expectedSize = static_cast<std::int64_t>(fileSize);
   const std::uint64_t readSize = std::min(fileSize, kHashBufferMaxSize);
   const qm::ReadBuffer buffer(std::min(static_cast<std::size_t>(readSize), kReadPortion));

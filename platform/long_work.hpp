@@ -6,15 +6,20 @@ namespace qm {
 
 class LongWork {
  public:
-  // Any thread, not nested. Returns when it is the work's turn: as many run at a time as there are
-  // processors, and the others too when none of those has advanced for seconds. A queue's thread that waits
-  // here or works is replaced at once when items wait, so the work must not itself wait for other long work.
+  // Any thread, not nested; ends on the same thread. Returns when it is the work's turn, first come first
+  // served: as much runs at a time as there are processors, and more when what runs is asleep, waiting for a
+  // disk perhaps. A queue's thread that waits here or works is replaced when items wait.
   LongWork();
   ~LongWork();
-  // Says, every second or so at least, that the work is not stuck.
-  void advanced();
   LongWork(const LongWork&) = delete;
   LongWork& operator=(const LongWork&) = delete;
+
+  // True when the work may use another processor beside its own for its next piece: one is free and nobody
+  // waits for a turn. To be asked before each piece, milliseconds at most: others wait until it is.
+  bool mayUseAnotherProcessor();
+
+ private:
+  bool usesAnotherProcessor_ = false;
 };
 
 }  // namespace qm

@@ -1,20 +1,15 @@
 #include "platform/linux/worker_pool.hpp"
 
-#include <fcntl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <string_view>
 #include <thread>
 
-#include "platform/file_descriptor.hpp"
 #include "platform/linux/process_threads.hpp"
-#include "platform/long_work.hpp"
 
 namespace qm {
 namespace {
@@ -24,6 +19,7 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMaximumWorkers = 512;
 constexpr std::size_t kBoundedWorkers = 64;
 constexpr std::size_t kBoundedWorkersPerProcessor = 5;
+constexpr std::size_t kMaximumAside = kMaximumWorkers / 2;
 
 constexpr std::uint64_t kPicksPerOldest = 16;
 
@@ -35,29 +31,10 @@ constexpr std::uint64_t kTicksBeforeSaturatedGrowth = 20;
 constexpr std::size_t kSaturatedWorkersPerProcessor = 4;
 constexpr std::uint64_t kTicksBetweenCountsWhenSaturated = 5;
 
-// When long work has not advanced for so long it is not busy but stuck, and whoever waits for its end goes
-// on.
-constexpr std::chrono::seconds kLongWorkPatience = 5s;
-
 int makeTimer() {
   const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
   if (timer < 0) endProcess("no timer for the workers: ", std::strerror(errno));
   return timer;
-}
-
-// True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
-// the kernel, or cannot be looked at.
-bool isRunnable(::pid_t thread) {
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "/proc/self/task/%d/stat", thread);
-  const FileDescriptor file(::open(text.data(), O_RDONLY | O_CLOEXEC));
-  if (!file) return false;
-  const auto length = ::read(file.get(), text.data(), text.size());
-  if (length <= 0) return false;
-  // "1234 (name) S ...", proc(5)
-  const std::string_view line(text.data(), static_cast<std::size_t>(length));
-  const auto nameEnd = line.rfind(") ");
-  return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
 }
 
 }  // namespace
@@ -128,7 +105,8 @@ void WorkerPool::submit(Task& task, Wake wake) {
     push(task);
     Worker* const self = currentWorker_;
     const bool wakes = active_ < target_ && canActivate() && (!task.bounded_ || boundedAllowed());
-    const bool defers = wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake;
+    const bool defers =
+        wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake && !self->isAside;
     if (defers) self->owesWake = true;
     if (wakes && !defers) {
       followup.startWorker = activate();
@@ -158,63 +136,34 @@ void WorkerPool::willBlock() {
   followUp(followup);
 }
 
-void WorkerPool::beginLongWork() {
-  requireNoForkedChild("long work was begun");
-  if (Worker* const self = currentWorker_; self != nullptr) {
-    self->owesWake = false;
-    Followup followup;
-    {
-      const MutexLock lock(mutex_);
-      --active_;
-      if (self->runsBounded) --runningBounded_;
-      if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
-        followup.startWorker = activate();
-      else
-        followup.armMonitor = wantsMonitor();
-    }
-    followUp(followup);
-  }
-  waitForLongWork();
-}
-
-void WorkerPool::waitForLongWork() {
-  MutexLock lock(mutex_);
-  bool stuck = false;
-  while (longWork_ >= processors_ && !stuck) {
-    const auto deadline = lastLongWork_ + kLongWorkPatience;
-    stuck = !longWorkTurn_.waitUntil(lock, deadline) && lastLongWork_ + kLongWorkPatience <= deadline;
-  }
-  ++longWork_;
-  // Past what is stuck all go at once: none of them starts the time anew for those that wait as long.
-  if (!stuck) lastLongWork_ = std::chrono::steady_clock::now();
-}
-
-void WorkerPool::longWorkAdvanced() {
-  const MutexLock lock(mutex_);
-  lastLongWork_ = std::chrono::steady_clock::now();
-}
-
-void WorkerPool::endLongWork() {
-  const MutexLock lock(mutex_);
-  --longWork_;
-  lastLongWork_ = std::chrono::steady_clock::now();
-  longWorkTurn_.notifyOne();
-  const Worker* const self = currentWorker_;
+void WorkerPool::stepAside() {
+  Worker* const self = currentWorker_;
   if (self == nullptr) return;
+  self->owesWake = false;
+  Followup followup;
+  {
+    const MutexLock lock(mutex_);
+    if (aside_ == kMaximumAside) return;
+    self->isAside = true;
+    ++aside_;
+    --active_;
+    if (self->runsBounded) --runningBounded_;
+    if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
+      followup.startWorker = activate();
+    else
+      followup.armMonitor = wantsMonitor();
+  }
+  followUp(followup);
+}
+
+void WorkerPool::stepBack() {
+  Worker* const self = currentWorker_;
+  if (self == nullptr || !self->isAside) return;
+  const MutexLock lock(mutex_);
+  self->isAside = false;
+  --aside_;
   ++active_;
   if (self->runsBounded) ++runningBounded_;
-}
-
-LongWork::LongWork() {
-  WorkerPool::shared().beginLongWork();
-}
-
-void LongWork::advanced() {
-  WorkerPool::shared().longWorkAdvanced();
-}
-
-LongWork::~LongWork() {
-  WorkerPool::shared().endLongWork();
 }
 
 WorkerPool::Statistics WorkerPool::statistics() const {

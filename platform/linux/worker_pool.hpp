@@ -15,9 +15,9 @@
 // serial queues get another worker so soon; concurrent ones after 20 ms, while there are fewer than four busy
 // workers for each processor.
 //
-// Long work does not count for any of this, and not against the bounds but the last: a worker that begins it
-// is replaced at once when a task waits. As much of it as there are processors runs at a time, the rest
-// sleeps.
+// A worker that steps aside for long work does not count for any of this, and not against the bounds but the
+// last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
+// queues go on beside any number of long works.
 //
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
 // that is more; the others (serial queues) beyond that as well, up to 512 workers in all. Past its bound a
@@ -86,10 +86,9 @@ class WorkerPool {
   // Before a worker blocks: whatever it has submitted and not woken anybody for gets a worker now.
   void willBlock();
 
-  // Around long work, see platform/long_work.hpp. The first returns when it is the caller's turn.
-  void beginLongWork();
-  void longWorkAdvanced();
-  void endLongWork();
+  // Around long work of the calling thread, see platform/long_work.hpp; without effect when it is no worker.
+  void stepAside();
+  void stepBack();
 
   Statistics statistics() const;
   std::size_t processors() const { return processors_; }
@@ -103,6 +102,7 @@ class WorkerPool {
     bool woken = false;
     bool owesWake = false;  // has submitted a task and woken nobody for it
     bool runsBounded = false;
+    bool isAside = false;
   };
 
   // Tasks that wait, first in first out for each level.
@@ -133,7 +133,6 @@ class WorkerPool {
   ~WorkerPool() = default;
 
   void workerMain();
-  void waitForLongWork();
   bool waitForWork(Worker& self, MutexLock& lock) QM_REQUIRES(mutex_);
   void push(Task& task) QM_REQUIRES(mutex_);
   Task* takeNext() QM_REQUIRES(mutex_);
@@ -174,13 +173,9 @@ class WorkerPool {
   std::vector<::pid_t> threads_ QM_GUARDED_BY(mutex_);
   std::size_t active_ QM_GUARDED_BY(mutex_) = 0;  // the same without the idle
   std::size_t runningBounded_ QM_GUARDED_BY(mutex_) = 0;
+  std::size_t aside_ QM_GUARDED_BY(mutex_) = 0;
   std::size_t target_ QM_GUARDED_BY(mutex_);
   std::chrono::milliseconds idleTime_ QM_GUARDED_BY(mutex_){5000};
-
-  std::size_t longWork_ QM_GUARDED_BY(mutex_) = 0;  // whose turn it is
-  std::chrono::steady_clock::time_point lastLongWork_
-      QM_GUARDED_BY(mutex_);  // when one began in its turn, advanced or ended
-  Condition longWorkTurn_;
 
   bool monitorArmed_ QM_GUARDED_BY(mutex_) = false;
   std::uint64_t tick_ QM_GUARDED_BY(mutex_) = 0;
