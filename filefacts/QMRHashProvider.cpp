@@ -7,10 +7,11 @@
 #include <system_error>
 #include <utility>
 
+#include "filefacts/concurrent_digests.hpp"
 #include "filefacts/hash_cache.hpp"
 #include "foundation/log.hpp"
-#include "platform/digest.hpp"
 #include "platform/file_io.hpp"
+#include "platform/long_work.hpp"
 #include "platform/read_buffer.hpp"
 
 namespace {
@@ -22,6 +23,11 @@ constexpr std::size_t kHashCacheCountLimit = 1024;
 // and each byte would go out to the main memory and come back. Smaller portions are no faster, and would cost
 // a file system of another machine more questions.
 constexpr std::size_t kReadPortion = 128 * 1024;
+// Of a file that two processors may work on: they lose a moment with each portion until both are at it.
+constexpr std::size_t kReadPortionOfLongFile = 512 * 1024;
+
+// A file of more bytes waits for a processor before it is read, so that small ones need not wait for it.
+constexpr std::uint64_t kLargestShortFile = 1024 * 1024;
 
 enum class ErrorCode : std::int64_t {
   readFailed = 100,
@@ -55,38 +61,64 @@ qm::Data dataOf(const Digest& digest) {
 
 // One reading of a file: what was read, and how it ended.
 struct FileReading {
-  qm::FileDigests digests;
+  // The buffer holds a portion, or two: the next one is read while the other is digested.
+  FileReading(const qm::ReadBuffer& buffer, std::size_t size)
+      : portionSize(size),
+        portion(buffer.bytes()),
+        spare(buffer.size() > size ? buffer.bytes() + size : nullptr) {}
+
+  // To be called with every size in bytes that the file is said or seen to have.
+  void reaches(std::uint64_t size) {
+    if (size > kLargestShortFile && !longWork) longWork.emplace();
+  }
+  void digestPortion(std::size_t length);
+
+  const std::size_t portionSize;
+  std::uint8_t* portion;  // where the next one is read to
+  std::uint8_t* spare;    // another place, or null
+  std::optional<qm::LongWork> longWork;
+  qm::ConcurrentDigests digests;
   std::optional<qm::Data> magicBytes;
   std::int64_t byteCount = 0;
   bool failed = false;
   int errnoValue = 0;
 };
 
+// A processor that nobody else wants does half of it, while the next portion is read to the other place.
+void FileReading::digestPortion(std::size_t length) {
+  if (spare == nullptr || !longWork || !longWork->mayUseAnotherProcessor()) {
+    digests.update(portion, length);
+    return;
+  }
+  digests.updateConcurrently(portion, length);
+  std::swap(portion, spare);
+}
+
 // One read of up to `size` bytes at the end of what was read so far. Like the system's it ends early at the
 // end of the file, where the file gave less than was asked, and before a portion that failed; what it returns
 // is the system's, too.
-std::int64_t readOnce(int descriptor, const qm::ReadBuffer& buffer, std::uint64_t size,
-                      FileReading& reading) {
+std::int64_t readOnce(int descriptor, std::uint64_t size, FileReading& reading) {
   std::uint64_t total = 0;
   while (true) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - total, buffer.size()));
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - total, reading.portionSize));
     const std::int64_t count =
-        qm::readAt(descriptor, buffer.bytes(), wanted, reading.byteCount + static_cast<std::int64_t>(total));
+        qm::readAt(descriptor, reading.portion, wanted, reading.byteCount + static_cast<std::int64_t>(total));
     if (count <= 0) return total > 0 ? static_cast<std::int64_t>(total) : count;
     const auto length = static_cast<std::size_t>(count);
     if (!reading.magicBytes)
-      reading.magicBytes = qm::Data(buffer.bytes(), std::min<std::size_t>(length, kMagicBytesLength));
-    reading.digests.update(buffer.bytes(), length);
+      reading.magicBytes = qm::Data(reading.portion, std::min<std::size_t>(length, kMagicBytesLength));
+    reading.digestPortion(length);
     total += length;
+    reading.reaches(static_cast<std::uint64_t>(reading.byteCount) + total);
     if (length < wanted || total == size) return static_cast<std::int64_t>(total);
   }
 }
 
-void readAndHash(int descriptor, const qm::ReadBuffer& buffer, std::uint64_t readSize, FileReading& reading) {
+void readAndHash(int descriptor, std::uint64_t readSize, FileReading& reading) {
   qm::Log& log = hashProviderLog();
   // Past the largest size that is accepted the announced one cannot be met any more.
   while (reading.byteCount <= static_cast<std::int64_t>(kMaxFileSizeForHashing)) {
-    const std::int64_t count = readOnce(descriptor, buffer, readSize, reading);
+    const std::int64_t count = readOnce(descriptor, readSize, reading);
     if (count <= 0) {
       reading.failed = count < 0;
       reading.errnoValue = errno;
@@ -125,14 +157,19 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
   }
   const auto expectedSize = static_cast<std::int64_t>(fileSize);
   const std::uint64_t readSize = std::min(fileSize, kHashBufferMaxSize);
-  const qm::ReadBuffer buffer(std::min(static_cast<std::size_t>(readSize), kReadPortion));
+  const bool isLong = fileSize > kLargestShortFile;
+  const std::size_t portionSize =
+      isLong ? kReadPortionOfLongFile
+             : static_cast<std::size_t>(std::min<std::uint64_t>(fileSize, kReadPortion));
+  const qm::ReadBuffer buffer(isLong ? 2 * portionSize : portionSize);
   if (!buffer) {
     // Deliberately, the caller's error stays as it is.
     QM_LOG_ERROR(log, "Error allocating buffer of %zd bytes: %s", expectedSize, errnoText(errno));
     return nullptr;
   }
-  FileReading reading;
-  readAndHash(descriptor, buffer, readSize, reading);
+  FileReading reading(buffer, portionSize);
+  reading.reaches(fileSize);
+  readAndHash(descriptor, readSize, reading);
   if (reading.failed) {
     QM_LOG_ERROR(log, "Error reading from file descriptor (errno=%d): %s", reading.errnoValue,
                  errnoText(reading.errnoValue));

@@ -11,7 +11,7 @@ namespace qm {
 using SHA1Value = std::array<std::uint8_t, 20>;
 using SHA256Value = std::array<std::uint8_t, 32>;
 
-// Both digests of one stream, fed from the same buffer.
+// Both digests of one stream.
 class FileDigests {
  public:
   FileDigests();
@@ -20,6 +20,9 @@ class FileDigests {
   FileDigests& operator=(const FileDigests&) = delete;
 
   void update(const void* bytes, std::size_t length);
+  // Each alone; the two may be fed from different threads at once.
+  void updateSHA1(const void* bytes, std::size_t length);
+  void updateSHA256(const void* bytes, std::size_t length);
   // Once, after the last update.
   void finish(SHA1Value& sha1, SHA256Value& sha256);
 

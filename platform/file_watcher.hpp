@@ -20,7 +20,7 @@ class FileWatcher {
   // The path is that of the file system, absolute. The handler runs on a thread of the watcher's: once at the
   // start, when nothing can be missed any more, with settled false; then after every change that may concern
   // the file, sometimes without need; and with settled true when it asked for it and nothing happened since.
-  // Where the system cannot watch it is called that first time only.
+  // Where the system cannot watch, changes go unnoticed, and there may not even be the first call.
   FileWatcher(std::string path, std::chrono::milliseconds settlingTime, Handler handler);
   // Returns when the handler has run for the last time. Not from the handler.
   ~FileWatcher();

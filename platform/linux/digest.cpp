@@ -86,6 +86,14 @@ void FileDigests::update(const void* bytes, std::size_t length) {
   }
 }
 
+void FileDigests::updateSHA1(const void* bytes, std::size_t length) {
+  contexts_->sha1.update(bytes, length);
+}
+
+void FileDigests::updateSHA256(const void* bytes, std::size_t length) {
+  contexts_->sha256.update(bytes, length);
+}
+
 void FileDigests::finish(SHA1Value& sha1, SHA256Value& sha256) {
   contexts_->sha1.finish(sha1.data());
   contexts_->sha256.finish(sha256.data());

@@ -1,13 +1,12 @@
 #include "platform/linux/path_watcher.hpp"
 
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <utility>
@@ -42,6 +41,12 @@ std::thread startQuietThread(Body body) {
   return thread;
 }
 
+// True when `set`, an epoll instance, has the descriptor from now on until it is closed.
+bool addReadable(int set, int descriptor) {
+  epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
+  return ::epoll_ctl(set, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
 }  // namespace
 
 PathWatcher::PathWatcher(std::string path, std::chrono::milliseconds settlingTime, Handler handler)
@@ -49,13 +54,14 @@ PathWatcher::PathWatcher(std::string path, std::chrono::milliseconds settlingTim
       settlingTime_(settlingTime),
       handler_(std::move(handler)),
       stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      thread_(startQuietThread([this] { run(); })) {}
+      waited_(::epoll_create1(EPOLL_CLOEXEC)) {
+  if (addReadable(waited_.get(), stop_.get())) thread_ = startQuietThread([this] { run(); });
+}
 
 PathWatcher::~PathWatcher() {
-  if (stop_) {
-    const std::uint64_t one = 1;
-    while (::write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-    }
+  if (!thread_.joinable()) return;
+  const std::uint64_t one = 1;
+  while (::write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
   }
   thread_.join();
 }
@@ -64,15 +70,12 @@ void PathWatcher::run() {
   watchAnew();
   bool wantsSettled = handler_(false);
   Clock::time_point settlesAt = Clock::now() + settlingTime_;
-  if (!stop_ || !inotify_) return;
   while (true) {
-    std::array<pollfd, 2> waited{pollfd{.fd = stop_.get(), .events = POLLIN, .revents = 0},
-                                 pollfd{.fd = inotify_.get(), .events = POLLIN, .revents = 0}};
-    const int ready = ::poll(waited.data(), waited.size(), wantsSettled ? millisecondsUntil(settlesAt) : -1);
-    if (ready < 0 && errno != EINTR) return;
-    if (ready < 0) continue;
-    if (waited[0].revents != 0) return;
-    if (waited[1].revents != 0 && drainEvents()) {
+    // Unlike poll(2) it goes on waiting when the process may have fewer descriptors than it has.
+    epoll_event ready{};
+    ::epoll_wait(waited_.get(), &ready, 1, wantsSettled ? millisecondsUntil(settlesAt) : -1);
+    if (isStopped()) return;
+    if (drainEvents()) {
       watchAnew();
       wantsSettled = handler_(false);
       settlesAt = Clock::now() + settlingTime_;
@@ -83,11 +86,16 @@ void PathWatcher::run() {
   }
 }
 
+bool PathWatcher::isStopped() const {
+  std::uint64_t count = 0;
+  return ::read(stop_.get(), &count, sizeof count) == sizeof count;
+}
+
 // The file is watched last: whatever appears later makes an event. The old watches end when the new ones
 // stand; when those cannot be had, the old ones stay.
 void PathWatcher::watchAnew() {
   FileDescriptor fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  if (!fresh) return;
+  if (!addReadable(waited_.get(), fresh.get())) return;
   const std::vector<std::string> folders = foldersOnTheWay("/", stringByDeletingLastPathComponent(path_));
   const std::vector<int> watches = watchFoldersOnTheWay(fresh.get(), folders, kFolderEvents | IN_CLOSE_WRITE);
   // Also by itself, for a file reached through a link and for what a folder holds.

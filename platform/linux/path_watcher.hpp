@@ -19,7 +19,8 @@ class PathWatcher {
   // The path is absolute. The handler runs on the watcher's thread: once at the start, when nothing can be
   // missed any more, with settled false; then after every change that may concern the file, sometimes without
   // need; and with settled true when it asked for it and nothing happened since. Where the system gives no
-  // watch the handler is called that first time only.
+  // watch, changes after the first call go unnoticed; without descriptors to wait with there is no thread and
+  // no call.
   PathWatcher(std::string path, std::chrono::milliseconds settlingTime, Handler handler);
   // Returns when the handler has run for the last time.
   ~PathWatcher();
@@ -28,15 +29,17 @@ class PathWatcher {
 
  private:
   void run();
+  bool isStopped() const;
   void watchAnew();
   bool drainEvents();
 
   const std::string path_;
   const std::chrono::milliseconds settlingTime_;
   const Handler handler_;
-  const FileDescriptor stop_;  // an eventfd, readable when the thread is to end
-  FileDescriptor inotify_;     // the thread's own
-  int fileWatch_ = -1;         // that of the file itself, where there is one
+  const FileDescriptor stop_;    // an eventfd, readable when the thread is to end
+  const FileDescriptor waited_;  // an epoll instance with stop_ and inotify_
+  FileDescriptor inotify_;       // the thread's own
+  int fileWatch_ = -1;           // that of the file itself, where there is one
   std::thread thread_;
 };
 

@@ -1,14 +1,20 @@
 #include "platform/linux/process_threads.hpp"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include "platform/file_descriptor.hpp"
 
 namespace qm {
 namespace {
@@ -54,6 +60,19 @@ bool startProcessThread(const char* name, std::function<void()> body) {
   } catch (const std::system_error&) {
     return false;
   }
+}
+
+bool isRunnable(::pid_t thread) {
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "/proc/self/task/%d/stat", thread);
+  const FileDescriptor file(::open(text.data(), O_RDONLY | O_CLOEXEC));
+  if (!file) return false;
+  const auto length = ::read(file.get(), text.data(), text.size());
+  if (length <= 0) return false;
+  // "1234 (name) S ...", proc(5)
+  const std::string_view line(text.data(), static_cast<std::size_t>(length));
+  const auto nameEnd = line.rfind(") ");
+  return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
 }
 
 bool isForkedChild() {

@@ -3,6 +3,8 @@
 // them, nor touch what it shares with its parent.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 
 namespace qm {
@@ -10,6 +12,10 @@ namespace qm {
 // Starts a thread that is never joined. Signals are left to the main thread, except for those a thread causes
 // itself. False when there is no thread to be had now (limits, memory). The name holds 15 characters.
 [[nodiscard]] bool startProcessThread(const char* name, std::function<void()> body);
+
+// True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
+// the kernel, or cannot be looked at.
+bool isRunnable(::pid_t thread);
 
 // True in a child that was forked after the first startProcessThread().
 bool isForkedChild();

@@ -1,18 +1,14 @@
 #include "platform/linux/worker_pool.hpp"
 
-#include <fcntl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <string_view>
 #include <thread>
 
-#include "platform/file_descriptor.hpp"
 #include "platform/linux/process_threads.hpp"
 
 namespace qm {
@@ -23,6 +19,7 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMaximumWorkers = 512;
 constexpr std::size_t kBoundedWorkers = 64;
 constexpr std::size_t kBoundedWorkersPerProcessor = 5;
+constexpr std::size_t kMaximumAside = kMaximumWorkers / 2;
 
 constexpr std::uint64_t kPicksPerOldest = 16;
 
@@ -38,21 +35,6 @@ int makeTimer() {
   const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
   if (timer < 0) endProcess("no timer for the workers: ", std::strerror(errno));
   return timer;
-}
-
-// True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
-// the kernel, or cannot be looked at.
-bool isRunnable(::pid_t thread) {
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "/proc/self/task/%d/stat", thread);
-  const FileDescriptor file(::open(text.data(), O_RDONLY | O_CLOEXEC));
-  if (!file) return false;
-  const auto length = ::read(file.get(), text.data(), text.size());
-  if (length <= 0) return false;
-  // "1234 (name) S ...", proc(5)
-  const std::string_view line(text.data(), static_cast<std::size_t>(length));
-  const auto nameEnd = line.rfind(") ");
-  return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
 }
 
 }  // namespace
@@ -123,7 +105,8 @@ void WorkerPool::submit(Task& task, Wake wake) {
     push(task);
     Worker* const self = currentWorker_;
     const bool wakes = active_ < target_ && canActivate() && (!task.bounded_ || boundedAllowed());
-    const bool defers = wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake;
+    const bool defers =
+        wakes && wake == Wake::mayBeDeferred && self != nullptr && !self->owesWake && !self->isAside;
     if (defers) self->owesWake = true;
     if (wakes && !defers) {
       activate(followup);
@@ -151,6 +134,36 @@ void WorkerPool::willBlock() {
     if (active_ < target_ && canActivate()) activate(followup);
   }
   followUp(followup);
+}
+
+void WorkerPool::stepAside() {
+  Worker* const self = currentWorker_;
+  if (self == nullptr) return;
+  self->owesWake = false;
+  Followup followup;
+  {
+    const MutexLock lock(mutex_);
+    if (aside_ == kMaximumAside) return;
+    self->isAside = true;
+    ++aside_;
+    --active_;
+    if (self->runsBounded) --runningBounded_;
+    if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
+      activate(followup);
+    else
+      followup.armMonitor = wantsMonitor();
+  }
+  followUp(followup);
+}
+
+void WorkerPool::stepBack() {
+  Worker* const self = currentWorker_;
+  if (self == nullptr || !self->isAside) return;
+  const MutexLock lock(mutex_);
+  self->isAside = false;
+  --aside_;
+  ++active_;
+  if (self->runsBounded) ++runningBounded_;
 }
 
 WorkerPool::Statistics WorkerPool::statistics() const {
@@ -257,7 +270,7 @@ void WorkerPool::workerMain() {
       currentWorker_ = nullptr;
       return;
     }
-    const bool bounded = task->bounded_;
+    const bool bounded = self.runsBounded = task->bounded_;
     if (bounded) ++runningBounded_;
     const bool arm = wantsMonitor();
     lock.unlock();

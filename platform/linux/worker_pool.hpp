@@ -15,6 +15,10 @@
 // serial queues get another worker so soon; concurrent ones after 20 ms, while there are fewer than four busy
 // workers for each processor.
 //
+// A worker that steps aside for long work does not count for any of this, and not against the bounds but the
+// last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
+// queues go on beside any number of long works.
+//
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
 // that is more; the others (serial queues) beyond that as well, up to 512 workers in all. Past its bound a
 // task waits. Workers that find nothing to do for the idle time end.
@@ -83,6 +87,10 @@ class WorkerPool {
   // Before a worker blocks: whatever it has submitted and not woken anybody for gets a worker now.
   void willBlock();
 
+  // Around long work of the calling thread, see platform/long_work.hpp; without effect when it is no worker.
+  void stepAside();
+  void stepBack();
+
   Statistics statistics() const;
   std::size_t processors() const { return processors_; }
   std::size_t boundedLimit() const { return boundedLimit_; }
@@ -96,6 +104,8 @@ class WorkerPool {
     Condition wakeUp;
     bool woken = false;
     bool owesWake = false;  // has submitted a task and woken nobody for it
+    bool runsBounded = false;
+    bool isAside = false;
   };
 
   // Tasks that wait, first in first out for each level.
@@ -171,6 +181,7 @@ class WorkerPool {
   std::vector<::pid_t> threads_ QM_GUARDED_BY(mutex_);
   std::size_t active_ QM_GUARDED_BY(mutex_) = 0;  // the same without the idle
   std::size_t runningBounded_ QM_GUARDED_BY(mutex_) = 0;
+  std::size_t aside_ QM_GUARDED_BY(mutex_) = 0;
   std::size_t target_ QM_GUARDED_BY(mutex_);
   std::chrono::milliseconds idleTime_ QM_GUARDED_BY(mutex_){5000};
 

@@ -1,6 +1,8 @@
 #include "filefacts/QMRHashProvider.hpp"
 
 #include "platform/file_io.hpp"
+#include "platform/linux/worker_pool.hpp"
+#include "platform/queue.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -46,6 +48,36 @@ TEST_F(HashProvider, ALargeFileIsReadSixteenMebibytesAtATime) {
   EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 7);
   EXPECT_EQ(recorder.count(LogLevel::debug, "Read and hashed 16777216 bytes"), 2U);
   EXPECT_EQ(recorder.count(LogLevel::debug, "Read and hashed 8388608 bytes"), 1U);
+}
+
+TEST_F(HashProvider, DigestsAreTheSameHoweverManyProcessorsThereAreForAFile) {
+  const std::string content = std::string(3 * 1024 * 1024, 'a') + std::string(1024 * 1024 + 7, 'b');
+  const std::string path = folder.write("f", content);
+  const auto expected =
+      QMRHashProvider::generateHashesForBuffer(content.data(), content.size())->description();
+  const auto hash = [&] { EXPECT_EQ(QMRHashProvider::generateHashesForPath(path)->description(), expected); };
+  std::vector<std::jthread> threads;
+  for (int thread = 0; thread < 6; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int round = 0; round <= thread; ++round) hash();
+    });
+  }
+  threads.clear();
+  const auto workers = static_cast<std::ptrdiff_t>(qm::WorkerPool::shared().boundedLimit());
+  std::latch running(workers);
+  std::latch end(1);
+  std::latch done(workers);
+  for (std::ptrdiff_t worker = 0; worker < workers; ++worker) {
+    qm::Queue::global().async([&] {
+      running.count_down();
+      end.wait();
+      done.count_down();
+    });
+  }
+  running.wait();
+  hash();
+  end.count_down();
+  done.wait();
 }
 
 TEST_F(HashProvider, TheLimitOfTheSizeIsExact) {

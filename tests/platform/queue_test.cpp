@@ -1,6 +1,9 @@
 #include "platform/queue.hpp"
 
+#include <semaphore>
+
 #include "platform/linux/worker_pool.hpp"
+#include "platform/long_work.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -100,6 +103,70 @@ TEST(ConcurrentQueue, StartsMoreWorkWhileItemsBlockAndSerialQueuesGoOnAtTheBound
     EXPECT_EQ(WorkerPool::shared().statistics().waiting, 1U) << "the concurrent item, all the while";
   }
   ranBeyondTheBound.wait();
+}
+
+// Long work that keeps its processor busy until it is told to end.
+struct BusyWork {
+  void operator()() {
+    const LongWork turn;
+    ++inside;
+    begun.release();
+    while (!end) std::this_thread::yield();
+    --inside;
+  }
+
+  std::atomic<bool> end = false;
+  std::atomic<int> inside = 0;
+  std::counting_semaphore<> begun{0};
+};
+
+TEST(LongWork, LetsShortItemsPassAndRunsAsMuchAsThereAreProcessors) {
+  const Queue queue = Queue::concurrent("test.long");
+  const auto processors = static_cast<int>(WorkerPool::shared().processors());
+  const int count = boundOfConcurrentItems() + processors;
+  BusyWork work;
+  std::latch done(count);
+  for (int index = 0; index < count; ++index) {
+    queue.async([&] {
+      work();
+      done.count_down();
+    });
+  }
+  for (int index = 0; index < processors; ++index) work.begun.acquire();
+  std::promise<void> shortItem;
+  queue.async([&] { shortItem.set_value(); });
+  shortItem.get_future().wait();
+  EXPECT_EQ(work.inside, processors);
+  work.end = true;
+  done.wait();
+  EXPECT_TRUE(eventually([] { return WorkerPool::shared().statistics().runningBounded == 0; }));
+}
+
+TEST(LongWork, DoesNotWaitForWhatIsAsleep) {
+  std::latch allInside(static_cast<std::ptrdiff_t>(WorkerPool::shared().processors()) + 3);
+  const auto work = [&] {
+    const LongWork turn;
+    allInside.arrive_and_wait();
+  };
+  std::vector<std::jthread> threads;
+  for (std::size_t index = 0; index < WorkerPool::shared().processors() + 3; ++index)
+    threads.emplace_back(work);
+}
+
+TEST(LongWork, UsesAnotherProcessorWhileNobodyWaits) {
+  const auto processors = WorkerPool::shared().processors();
+  if (processors < 2) GTEST_SKIP() << "there is no other processor";
+  LongWork lone;
+  EXPECT_TRUE(lone.mayUseAnotherProcessor());
+  BusyWork work;
+  std::vector<std::jthread> others;
+  for (std::size_t index = 1; index < processors; ++index) others.emplace_back(std::ref(work));
+  EXPECT_TRUE(eventually([&] { return !lone.mayUseAnotherProcessor(); }));
+  for (std::size_t index = 1; index < processors; ++index) work.begun.acquire();
+  EXPECT_FALSE(lone.mayUseAnotherProcessor());
+  work.end = true;
+  others.clear();
+  EXPECT_TRUE(lone.mayUseAnotherProcessor());
 }
 
 TEST(QualityOfService, OrdersWhatWaits) {
