@@ -168,7 +168,7 @@ void hashFilesAtOnce(benchmark::State& state) {
 }
 
 void smallBesideLarge(benchmark::State& state) {
-  constexpr std::size_t kLarge = 64 << 20;
+  constexpr std::size_t kLarge = 8 << 20;
   constexpr std::size_t kSmall = 4 << 10;
   constexpr std::ptrdiff_t kLargeFiles = 64;
   const qm::FileDescriptor large(::memfd_create("large", MFD_CLOEXEC));  // a single hole
