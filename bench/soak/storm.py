@@ -101,13 +101,17 @@ class Disturbance:
         if self._is_on:
             self.end()
             return
+        self._begun = time.monotonic()
         self.begin(self._dice)
         self._is_on, self._next = True, time.monotonic() + self._dice.expovariate(1 / self._length)
 
     def end(self):
-        if self._is_on:
-            self.undo()
-        self._is_on, self._next = False, time.monotonic() + self._dice.expovariate(1 / self._pause)
+        """What it takes to come back, where everything is slow, the quiet that follows takes as well."""
+        if not self._is_on:
+            return
+        self.undo()
+        now = time.monotonic()
+        self._is_on, self._next = False, now + (now - self._begun) + self._dice.expovariate(1 / self._pause)
 
 
 class AgentDeaths(Disturbance):
