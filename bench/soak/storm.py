@@ -101,13 +101,17 @@ class Disturbance:
         if self._is_on:
             self.end()
             return
+        self._begun = time.monotonic()
         self.begin(self._dice)
         self._is_on, self._next = True, time.monotonic() + self._dice.expovariate(1 / self._length)
 
     def end(self):
-        if self._is_on:
-            self.undo()
-        self._is_on, self._next = False, time.monotonic() + self._dice.expovariate(1 / self._pause)
+        """What it takes to come back, where everything is slow, the quiet that follows takes as well."""
+        if not self._is_on:
+            return
+        self.undo()
+        now = time.monotonic()
+        self._is_on, self._next = False, now + (now - self._begun) + self._dice.expovariate(1 / self._pause)
 
 
 class AgentDeaths(Disturbance):
@@ -115,10 +119,13 @@ class AgentDeaths(Disturbance):
 
     def __init__(self, agents, diary, seed):
         super().__init__(random.Random(f"{seed} agents"), 0.2, 0.1)
-        self._agents, self._diary = agents, diary
+        self._agents, self._diary = list(agents), diary
 
     def begin(self, dice):
         self._agent = dice.choice(self._agents)
+        # Its clients subscribe again after two seconds, and after 120 when that was in vain too often.
+        if self._agent.name == "qmsettingsd":
+            self._agents.remove(self._agent)
         self._way = dice.choice((signal.SIGKILL, signal.SIGKILL, signal.SIGTERM, signal.SIGSTOP))
         self._time = self._diary.begin("agent")
         self._diary.write("agent " + ("stopped" if self._way == signal.SIGSTOP else "killed"), agent=self._agent.name,
