@@ -45,6 +45,18 @@ void FileDigests::update(const void* bytes, std::size_t length) {
   });
 }
 
+void FileDigests::updateSHA1(const void* bytes, std::size_t length) {
+  inPortions(bytes, length, kLongest, [this](const std::uint8_t* portion, CC_LONG count) {
+    CC_SHA1_Update(&contexts_->sha1, portion, count);
+  });
+}
+
+void FileDigests::updateSHA256(const void* bytes, std::size_t length) {
+  inPortions(bytes, length, kLongest, [this](const std::uint8_t* portion, CC_LONG count) {
+    CC_SHA256_Update(&contexts_->sha256, portion, count);
+  });
+}
+
 void FileDigests::finish(SHA1Value& sha1, SHA256Value& sha256) {
   CC_SHA1_Final(sha1.data(), &contexts_->sha1);
   CC_SHA256_Final(sha256.data(), &contexts_->sha256);

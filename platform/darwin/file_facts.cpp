@@ -20,6 +20,7 @@ void fill(FileStatus& status, const struct stat& facts) {
   status.created = facts.st_birthtimespec.tv_sec;
   status.accessed = facts.st_atimespec.tv_sec;
   status.modified = facts.st_mtimespec.tv_sec;
+  status.changedNanoseconds = facts.st_ctimespec.tv_sec * 1'000'000'000 + facts.st_ctimespec.tv_nsec;
   status.isRegularFile = S_ISREG(facts.st_mode);
   status.isDirectory = S_ISDIR(facts.st_mode);
 }

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "platform/linux/process_threads.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 
 namespace qm {
 namespace {

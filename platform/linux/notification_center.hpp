@@ -12,7 +12,7 @@
 #include "platform/file_descriptor.hpp"
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/inotify.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/notify.hpp"
 
 namespace qm {

@@ -11,7 +11,7 @@
 #include "platform/linux/activity_context.hpp"
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/process_threads.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/linux/worker_pool.hpp"
 
 namespace qm {

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "foundation/log.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/linux/xpc_connection.hpp"
 #include "platform/remote_connection.hpp"
 

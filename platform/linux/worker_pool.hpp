@@ -34,7 +34,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 
 namespace qm {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/linux/event_loop.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_outbox.hpp"
 #include "platform/linux/xpc_peer.hpp"

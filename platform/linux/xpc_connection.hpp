@@ -7,7 +7,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/linux/xpc_channel.hpp"
 #include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_object.hpp"

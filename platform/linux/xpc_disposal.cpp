@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/queue.hpp"
 
 namespace qm::xpc {

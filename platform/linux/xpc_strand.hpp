@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "foundation/block.hpp"
-#include "platform/linux/thread_annotations.hpp"
+#include "platform/common/thread_annotations.hpp"
 #include "platform/queue.hpp"
 
 namespace qm::xpc {
