@@ -109,6 +109,14 @@ std::optional<Value> fromDictionary(NSDictionary* dictionary, OtherObjects other
   return result;
 }
 
+// Errors within errors count as depth, too.
+ErrorPtr fromError(NSError* error, int depth) {
+  std::optional<Value> userInfo = convert(error.userInfo, OtherObjects::described, depth + 1);
+  Dictionary* entries = userInfo ? userInfo->as<Dictionary>() : nullptr;
+  return makeError(textFrom(error.domain), error.code,
+                   entries == nullptr ? Dictionary() : std::move(*entries));
+}
+
 // Nothing for an object of another class.
 std::optional<Value> convertKnown(id object, OtherObjects others, int depth) {
   if ([object isKindOfClass:[NSString class]]) return textFrom(object);
@@ -123,7 +131,7 @@ std::optional<Value> convertKnown(id object, OtherObjects others, int depth) {
   if ([object isKindOfClass:[NSNull class]]) return Value();
   if ([object isKindOfClass:[NSUUID class]]) return fromUUID(object);
   if ([object isKindOfClass:[NSURL class]]) return fromURL(object);
-  if ([object isKindOfClass:[NSError class]]) return Value(errorFrom(object));
+  if ([object isKindOfClass:[NSError class]]) return Value(fromError(object, depth));
   if ([object isKindOfClass:[NSXPCListenerEndpoint class]])
     return Value(std::make_shared<const EndpointObject>(remote::endpointHolding((__bridge CFTypeRef)object)));
   if ([object isKindOfClass:[QMRemoteRecord class]])
@@ -192,11 +200,7 @@ std::optional<Value> valueFrom(id object, OtherObjects others) {
 }
 
 ErrorPtr errorFrom(NSError* error) {
-  if (error == nil) return nullptr;
-  std::optional<Value> userInfo = valueFrom(error.userInfo, OtherObjects::described);
-  Dictionary* entries = userInfo ? userInfo->as<Dictionary>() : nullptr;
-  return makeError(textFrom(error.domain), error.code,
-                   entries == nullptr ? Dictionary() : std::move(*entries));
+  return error == nil ? nullptr : fromError(error, 0);
 }
 
 }  // namespace qm
