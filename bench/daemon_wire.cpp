@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -50,10 +51,14 @@ FileDescriptor connectWhenThere(const std::string& path, int type) {
 
 FileDescriptor admittedConnection(const std::string& socketPath) {
   FileDescriptor socket = connectWhenThere(socketPath, SOCK_STREAM);
+  const timeval patience{.tv_sec = kServicePatience.count(), .tv_usec = 0};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   std::array<std::uint8_t, xpc::kHeaderBytes + xpc::kNonceBytes> handshake{};
   if (::recv(socket.get(), handshake.data(), handshake.size(), MSG_WAITALL) !=
       static_cast<ssize_t>(handshake.size()))
     throw std::runtime_error("the service does not admit this program");
+  constexpr timeval forEver{};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &forEver, sizeof forEver);
   xpc::writeHeader({.bodyBytes = xpc::kNonceBytes, .kind = xpc::FrameKind::hello}, handshake.data());
   sendWhole(socket.get(), handshake, {});
   return socket;

@@ -91,6 +91,10 @@ class Asker {
         receive();
       }
     } catch (const std::exception& error) {
+      if (!socket_) {
+        hasHung_ = true;
+        record("hung", Clock::now(), error.what());
+      }
       endAll("lost", error.what());
     }
   }
