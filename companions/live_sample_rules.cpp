@@ -14,6 +14,7 @@ namespace {
 
 // How long the folder is left alone before it is read: an editor may be at work.
 constexpr std::chrono::milliseconds kSettlingTime{300};
+constexpr std::int64_t kSecond = 1'000'000'000;  // in nanoseconds
 
 Log& log() {
   static Log& log = Log::create(kQMRLogSubsystem, "SampleRules");
@@ -74,18 +75,20 @@ bool LiveSampleRules::compile(std::vector<SampleRuleSource> sources) {
     QM_LOG_ERROR(log(), "There are no sample rules in %{public}@, no sample is examined", folder_);
   else
     QM_LOG(log(), "%zu sample rules from %{public}@", rules->count(), folder_);
-  observer_(std::move(rules), newestChange());
+  observer_(std::move(rules), changeTime());
   return true;
 }
 
-// A file that came or went is a change of the folder; of a folder that is gone there is no time but this.
-std::int64_t LiveSampleRules::newestChange() const {
+// Until rules are taken over samples are examined with those before, however old the new ones' files are. At
+// the start the folder says when it was changed: also that a file came or went, and one that brings old times
+// of its own with it is as new as it is here.
+std::int64_t LiveSampleRules::changeTime() const {
   FileStatus status;
-  std::int64_t newest =
-      statPath(folder_.c_str(), status) ? status.modified : Date::now().nanosecondsSince1970 / 1'000'000'000;
+  if (!isFirst_ || !statPath(folder_.c_str(), status)) return Date::now().nanosecondsSince1970 / kSecond;
+  std::int64_t newest = status.changedNanoseconds;
   for (const auto& [file, text] : inUse_)
-    if (statPath(file.c_str(), status)) newest = std::max(newest, status.modified);
-  return newest;
+    if (statPath(file.c_str(), status)) newest = std::max(newest, status.changedNanoseconds);
+  return newest / kSecond;
 }
 
 }  // namespace qm

@@ -20,8 +20,8 @@ inline constexpr std::string_view kSampleRulesProductPath = "/Library/Quillmarsh
 
 class LiveSampleRules {
  public:
-  // Gets every new set of rules, and when the newest change in the folder was made (seconds since 1970). Runs
-  // on the thread of the constructor first, then on a thread of its own.
+  // Gets every new set of rules, and the time (seconds since 1970) up to which samples may have been examined
+  // with others. Runs on the thread of the constructor first, then on a thread of its own.
   using Observer = std::function<void(std::shared_ptr<const SampleRules> rules, std::int64_t changed)>;
 
   // Compiles what is there, then follows the folder. The path is that of the file system, absolute.
@@ -35,7 +35,7 @@ class LiveSampleRules {
   void reload();
   // False when the rule library failed; the rules in use stay.
   bool compile(std::vector<SampleRuleSource> sources);
-  std::int64_t newestChange() const;
+  std::int64_t changeTime() const;
 
   const std::string folder_;
   const Observer observer_;

@@ -28,15 +28,15 @@ bool SampleAnalysis::canExamine() const {
 
 std::optional<StoredVerdict> SampleAnalysis::analyze(const void* bytes, std::size_t length,
                                                      std::chrono::seconds limit, ErrorPtr* error) const {
+  StoredVerdict found;
+  // When it began, and before the rules are taken: rules that change meanwhile make it be repeated.
+  found.added = now_();
   const std::shared_ptr<const SampleRules> rules = rules_.get().compiled;
-  if (rules == nullptr) {
+  if (rules == nullptr || rules->count() == 0) {
     setError(error, makeError(kSampleRulesErrorDomain, static_cast<std::int64_t>(SampleRulesError::failed),
                               {{kLocalizedDescriptionKey, "There are no sample rules"}}));
     return std::nullopt;
   }
-  StoredVerdict found;
-  // When it began: rules that change meanwhile make it be repeated.
-  found.added = now_();
   ErrorPtr failure;
   const std::optional<SampleFinding> finding = rules->scan(bytes, length, limit, &failure);
   if (failure != nullptr) {

@@ -1,5 +1,5 @@
 // The rules that samples are examined with: YARA rule files (https://yara.readthedocs.io), compiled once.
-// Used by the Skyvault agent.
+// Used by the Skyvault agent and the Wisp core daemon.
 //
 // A rule says in its meta data what a match means: `verdict` ("malicious", "unwanted" or "pu") and `name`,
 // the infection name (the rule's identifier when there is none). Private rules are helpers and need neither.

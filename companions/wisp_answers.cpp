@@ -50,13 +50,6 @@ const Meaning& meaningOf(std::string_view verdict) {
   return found == meanings.end() ? meanings.back() : *found;
 }
 
-StoredVerdict unknownFor(std::uint32_t ttl) {
-  StoredVerdict verdict;
-  verdict.verdict = SVKSkyvaultSafetyVerdictValueUnknown;
-  verdict.ttl = ttl;
-  return verdict;
-}
-
 Dictionary dictionaryOf(const std::vector<SVKSkyvaultCategory>& categories) {
   Dictionary all;
   for (const SVKSkyvaultCategory& category : categories)
@@ -158,23 +151,32 @@ void WispAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_
 WispAnswers::QvsResponse WispAnswers::lookUp(const SHA1Value& sha1) {
   std::optional<StoredVerdict> known;
   const bool isUsable = store_.find(sha1, known);
-  return qvsResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
+  return qvsResponse(known ? *known : unknown(isUsable));
 }
 
 WispAnswers::QvsResponse WispAnswers::lookUp(const WebURL& url) {
+  return answerAbout(url, qvsResponse);
+}
+
+WispAnswers::CloudScanResponse WispAnswers::scan(const WebURL& url) {
+  return answerAbout(url, cloudScanResponse);
+}
+
+template <class Response>
+std::shared_ptr<Response> WispAnswers::answerAbout(
+    const WebURL& url, std::shared_ptr<Response> (*responseFor)(const StoredVerdict& known)) {
   std::optional<StoredURLVerdict> known;
   const bool isUsable = store_.findURL(urlLookupKeys(url.text), known);
-  const auto response = qvsResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
+  const auto response = responseFor(known ? *known : unknown(isUsable));
   if (known) response->categories = dictionaryOf(known->categories);
   return response;
 }
 
-WispAnswers::CloudScanResponse WispAnswers::scan(const WebURL& url) {
-  std::optional<StoredURLVerdict> known;
-  const bool isUsable = store_.findURL(urlLookupKeys(url.text), known);
-  const auto response = cloudScanResponse(known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0));
-  if (known) response->categories = dictionaryOf(known->categories);
-  return response;
+StoredVerdict WispAnswers::unknown(bool isStoreUsable) const {
+  StoredVerdict verdict;
+  verdict.verdict = SVKSkyvaultSafetyVerdictValueUnknown;
+  verdict.ttl = isStoreUsable ? options_.unknownTTL : 0;
+  return verdict;
 }
 
 // --- Scans of files ---
@@ -229,7 +231,7 @@ WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const S
     scanned.verdict = *known;
     analyzed = scanned;
   }
-  scanned.verdict = known ? *known : unknownFor(isUsable ? options_.unknownTTL : 0);
+  scanned.verdict = known ? *known : unknown(isUsable);
   cache(status, file.descriptor.get(), scanned);
   return cloudScanResponse(scanned.verdict);
 }

@@ -64,6 +64,11 @@ class WispAnswers {
   void clearCache();
 
  private:
+  template <class Response>
+  std::shared_ptr<Response> answerAbout(const WebURL& url,
+                                        std::shared_ptr<Response> (*responseFor)(const StoredVerdict& known));
+  // Without a store that can be used nobody may keep it.
+  StoredVerdict unknown(bool isStoreUsable) const;
   CloudScanResponse scan(const OpenedFile& file, const Scan& scan, std::optional<ScannedFile>& analyzed,
                          ErrorPtr* error);
   // The verdict of the store, of the SHA-256 before that of the SHA-1. False when it cannot be used.

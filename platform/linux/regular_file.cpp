@@ -77,7 +77,8 @@ OpenedFile openRegularFile(const std::string& path, SymbolicLinks links) {
   if (opened.kind != FileKind::regular) return opened;
 
   const std::string samePlace = "/proc/self/fd/" + std::to_string(place.get());
-  opened.descriptor.reset(::open(samePlace.c_str(), O_RDONLY | O_CLOEXEC));
+  // Without waiting for the holder of a lease, or later for what a file of the kernel's has to say.
+  opened.descriptor.reset(::open(samePlace.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   // The size counts at the moment of opening: the file may have grown since it was looked at.
   if (!opened.descriptor || ::fstat(opened.descriptor.get(), &status) != 0) {
     opened.errorNumber = errno;

@@ -1,6 +1,7 @@
 #include "platform/file_io.hpp"
 
 #include "platform/file_handle.hpp"
+#include "platform/regular_file.hpp"
 #include "support/child_process.hpp"
 
 namespace {
@@ -22,6 +23,18 @@ TEST(OpenForReading, DoesNotWaitForTheWriterOfAFIFO) {
   char byte = 0;
   EXPECT_EQ(readAt(fifo.get(), &byte, 1, 0), -1);
   EXPECT_EQ(errno, ESPIPE);
+}
+
+TEST(OpenRegularFile, DoesNotWaitForTheHolderOfALease) {
+  const ScratchFolder folder;
+  const std::string path = folder.write("leased", "x");
+  ::signal(SIGIO, SIG_IGN);  // what the holder is told with
+  {
+    const FileDescriptor holder(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::fcntl(holder.get(), F_SETLEASE, F_WRLCK), 0);
+    EXPECT_EQ(openRegularFile(path, SymbolicLinks::follow).errorNumber, EWOULDBLOCK);
+  }
+  EXPECT_TRUE(openRegularFile(path, SymbolicLinks::follow).descriptor);
 }
 
 TEST(ReadTextFile, ContentAndErrors) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <ostream>
 #include <utility>
+#include <vector>
 
 #include "tools/qmr/display_text.hpp"
 
@@ -188,14 +189,15 @@ void URLRun::showProgress(const std::string& url) {
 }
 
 RunOutcome URLRun::conclude() {
-  std::deque<QuestionPtr> rest;
+  // As they are now: the backend may still answer.
+  std::vector<std::optional<URLAnswer>> rest;
   {
     const std::lock_guard lock(mutex_);
-    rest.swap(questions_);
+    for (const QuestionPtr& question : questions_) rest.push_back(question->answer);
   }
-  for (const QuestionPtr& question : rest) {
-    if (question->answer)
-      write(*question->answer);
+  for (const std::optional<URLAnswer>& answer : rest) {
+    if (answer)
+      write(*answer);
     else
       summary_.addUnanswered();
   }
