@@ -1,6 +1,7 @@
 #include "filefacts/concurrent_digests.hpp"
 
-#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <utility>
 
 #include "platform/queue.hpp"
@@ -14,37 +15,45 @@ class ConcurrentDigests::Shared : public std::enable_shared_from_this<Shared> {
 
   // Leaves the SHA-1 of the bytes to whoever comes first: the queue's item or the caller in complete().
   void offer(const void* bytes, std::size_t length) {
-    bytes_ = bytes;
-    length_ = length;
-    state_.store(State::offered);
-    if (itemWaits_.exchange(true)) return;
-    Queue::global().async([self = shared_from_this()] {
-      self->itemWaits_.store(false);
-      self->compute();
-    });
+    {
+      const std::lock_guard lock(mutex_);
+      bytes_ = bytes;
+      length_ = length;
+      state_ = State::offered;
+      if (std::exchange(itemWaits_, true)) return;
+    }
+    Queue::global().async([self = shared_from_this()] { self->compute(true); });
   }
 
   // Returns when nothing is left of what was offered.
   void complete() {
-    compute();
-    state_.wait(State::taken);
+    compute(false);
+    std::unique_lock lock(mutex_);
+    isDone_.wait(lock, [this] { return state_ == State::done; });
   }
 
  private:
-  enum class State : int { done, offered, taken };
+  enum class State { done, offered, taken };
 
-  void compute() {
-    State expected = State::offered;
-    if (!state_.compare_exchange_strong(expected, State::taken)) return;
+  void compute(bool isItem) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (isItem) itemWaits_ = false;
+      if (state_ != State::offered) return;
+      state_ = State::taken;
+    }
     digests.updateSHA1(bytes_, length_);
-    state_.store(State::done);
-    state_.notify_one();
+    const std::lock_guard lock(mutex_);
+    state_ = State::done;
+    isDone_.notify_one();
   }
 
-  const void* bytes_ = nullptr;
+  std::mutex mutex_;
+  std::condition_variable isDone_;
+  const void* bytes_ = nullptr;  // whoever took the offer reads these two without the lock
   std::size_t length_ = 0;
-  std::atomic<State> state_ = State::done;
-  std::atomic<bool> itemWaits_ = false;
+  State state_ = State::done;
+  bool itemWaits_ = false;
 };
 
 ConcurrentDigests::ConcurrentDigests() : shared_(std::make_shared<Shared>()) {}
