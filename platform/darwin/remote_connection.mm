@@ -72,7 +72,7 @@ id proxyFor(const RemoteConnection::Core::Call& call, const std::shared_ptr<Sess
 
 std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(NSXPCConnection* connection,
                                                                  bool isOffered) {
-  const auto core = std::make_shared<Core>(std::make_shared<Session>(connection), isOffered);
+  const auto core = std::make_shared<Core>(std::make_shared<Session>(connection, isOffered), isOffered);
   auto result = std::make_shared<RemoteConnection>(core);
   core->owner_ = result;
   const std::weak_ptr<Core> weak = core;
@@ -83,6 +83,21 @@ std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(NSXPCConnection
     if (const auto self = weak.lock()) self->invalidated();
   };
   return result;
+}
+
+void RemoteConnection::Core::Session::resume() {
+  // More resumes than suspends are an error.
+  if (!isResumed_.exchange(true)) [connection resume];
+}
+
+void RemoteConnection::Core::Session::invalidate() {
+  // One that was never active must not be released; the listener takes care of those that it offers. Nobody
+  // is called meanwhile.
+  if (!isOffered_ && !isResumed_.exchange(true)) {
+    connection.exportedObject = nil;
+    [connection resume];
+  }
+  [connection invalidate];
 }
 
 RemoteConnection::Core::Core(std::shared_ptr<Session> session, bool isOffered)
@@ -134,7 +149,7 @@ void RemoteConnection::Core::resume() {
     if (isOffered_) self_ = owner_.lock();
     its = session_;
   }
-  [its->connection resume];
+  its->resume();
 }
 
 void RemoteConnection::Core::invalidate() {
@@ -145,7 +160,7 @@ void RemoteConnection::Core::invalidate() {
     self_ = owner_.lock();
     its = session_;
   }
-  [its->connection invalidate];
+  its->invalidate();
 }
 
 void RemoteConnection::Core::abandon() {
