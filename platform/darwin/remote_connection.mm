@@ -269,11 +269,11 @@ std::shared_ptr<RemoteConnection> RemoteConnection::createWithMachServiceName(st
 }
 
 std::shared_ptr<RemoteConnection> RemoteConnection::createWithListenerEndpoint(const XPCEndpoint& endpoint) {
-  const CFTypeRef held = remote::heldEndpoint(endpoint);
+  // Without an endpoint of remote calls: one whose listener is gone, so that the connection becomes invalid.
+  const XPCEndpoint used =
+      remote::heldEndpoint(endpoint) == nullptr ? RemoteListener::anonymousListener()->endpoint() : endpoint;
   @autoreleasepool {
-    // Without an endpoint of remote calls: one that leads nowhere, so that the connection becomes invalid.
-    NSXPCListenerEndpoint* its =
-        held == nullptr ? [[NSXPCListenerEndpoint alloc] init] : (__bridge NSXPCListenerEndpoint*)held;
+    auto* its = (__bridge NSXPCListenerEndpoint*)remote::heldEndpoint(used);
     return Core::create([[NSXPCConnection alloc] initWithListenerEndpoint:its], false);
   }
 }
