@@ -1,6 +1,7 @@
 #include "platform/darwin/foundation_value.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <memory>
 #include <type_traits>
@@ -67,11 +68,13 @@ Value fromNumber(NSNumber* number) {
   return std::int64_t{number.longLongValue};
 }
 
-// What is further away than 64 bits of nanoseconds reach becomes the last that they do.
+// What is further away than 64 bits of nanoseconds reach becomes the last that they do; what is no time,
+// which a peer can send, the date 0.
 Value fromDate(NSDate* date) {
   constexpr double kLimit = 9.2e18;
-  return Date{static_cast<std::int64_t>(
-      std::clamp(date.timeIntervalSince1970 * kNanosecondsPerSecond, -kLimit, kLimit))};
+  const double nanoseconds = date.timeIntervalSince1970 * kNanosecondsPerSecond;
+  if (std::isnan(nanoseconds)) return Date{};
+  return Date{static_cast<std::int64_t>(std::clamp(nanoseconds, -kLimit, kLimit))};
 }
 
 Value fromUUID(NSUUID* uuid) {

@@ -8,10 +8,11 @@ namespace {
 dispatch_queue_t makeQueue(const std::string& label, bool isSerial, QualityOfService qos,
                            int relativePriority) {
   dispatch_queue_attr_t attributes = isSerial ? DISPATCH_QUEUE_SERIAL : DISPATCH_QUEUE_CONCURRENT;
-  // A class that does not exist leaves the attributes as they are: a queue without one.
+  // For a class that does not exist there are no attributes, or the same: a queue without one.
   if (qos != QualityOfService::unspecified)
-    attributes = dispatch_queue_attr_make_with_qos_class(attributes, static_cast<dispatch_qos_class_t>(qos),
-                                                         relativePriority);
+    if (const dispatch_queue_attr_t withClass = dispatch_queue_attr_make_with_qos_class(
+            attributes, static_cast<dispatch_qos_class_t>(qos), relativePriority))
+      attributes = withClass;
   // Objects that the system's frameworks make for an item go when it has run.
   attributes = dispatch_queue_attr_make_with_autorelease_frequency(attributes,
                                                                    DISPATCH_AUTORELEASE_FREQUENCY_WORK_ITEM);

@@ -72,7 +72,7 @@ id proxyFor(const RemoteConnection::Core::Call& call, const std::shared_ptr<Sess
 
 std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(NSXPCConnection* connection,
                                                                  bool isOffered) {
-  const auto core = std::make_shared<Core>(std::make_shared<Session>(connection), isOffered);
+  const auto core = std::make_shared<Core>(std::make_shared<Session>(connection, isOffered), isOffered);
   auto result = std::make_shared<RemoteConnection>(core);
   core->owner_ = result;
   const std::weak_ptr<Core> weak = core;
@@ -83,6 +83,21 @@ std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(NSXPCConnection
     if (const auto self = weak.lock()) self->invalidated();
   };
   return result;
+}
+
+void RemoteConnection::Core::Session::resume() {
+  // More resumes than suspends are an error.
+  if (!isResumed_.exchange(true)) [connection resume];
+}
+
+void RemoteConnection::Core::Session::invalidate() {
+  // One that was never active must not be released; the listener takes care of those that it offers. Nobody
+  // is called meanwhile.
+  if (!isOffered_ && !isResumed_.exchange(true)) {
+    connection.exportedObject = nil;
+    [connection resume];
+  }
+  [connection invalidate];
 }
 
 RemoteConnection::Core::Core(std::shared_ptr<Session> session, bool isOffered)
@@ -134,7 +149,7 @@ void RemoteConnection::Core::resume() {
     if (isOffered_) self_ = owner_.lock();
     its = session_;
   }
-  [its->connection resume];
+  its->resume();
 }
 
 void RemoteConnection::Core::invalidate() {
@@ -145,7 +160,7 @@ void RemoteConnection::Core::invalidate() {
     self_ = owner_.lock();
     its = session_;
   }
-  [its->connection invalidate];
+  its->invalidate();
 }
 
 void RemoteConnection::Core::abandon() {
@@ -254,11 +269,11 @@ std::shared_ptr<RemoteConnection> RemoteConnection::createWithMachServiceName(st
 }
 
 std::shared_ptr<RemoteConnection> RemoteConnection::createWithListenerEndpoint(const XPCEndpoint& endpoint) {
-  const CFTypeRef held = remote::heldEndpoint(endpoint);
+  // Without an endpoint of remote calls: one whose listener is gone, so that the connection becomes invalid.
+  const XPCEndpoint used =
+      remote::heldEndpoint(endpoint) == nullptr ? RemoteListener::anonymousListener()->endpoint() : endpoint;
   @autoreleasepool {
-    // Without an endpoint of remote calls: one that leads nowhere, so that the connection becomes invalid.
-    NSXPCListenerEndpoint* its =
-        held == nullptr ? [[NSXPCListenerEndpoint alloc] init] : (__bridge NSXPCListenerEndpoint*)held;
+    auto* its = (__bridge NSXPCListenerEndpoint*)remote::heldEndpoint(used);
     return Core::create([[NSXPCConnection alloc] initWithListenerEndpoint:its], false);
   }
 }

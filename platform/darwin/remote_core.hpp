@@ -3,6 +3,7 @@
 
 #import <Foundation/Foundation.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,12 +23,20 @@ class RemoteConnection::Core final : public std::enable_shared_from_this<Core> {
   // before its last release.
   class Session {
    public:
-    explicit Session(NSXPCConnection* its) : connection(its) {}
-    ~Session() { [connection invalidate]; }
+    Session(NSXPCConnection* its, bool isOffered) : connection(its), isOffered_(isOffered) {}
+    ~Session() { invalidate(); }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
+    // Both do nothing the second time.
+    void resume();
+    void invalidate();
+
     NSXPCConnection* const connection;
+
+   private:
+    const bool isOffered_;
+    std::atomic<bool> isResumed_{false};
   };
 
   Core(std::shared_ptr<Session> session, bool isOffered);

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -48,7 +49,7 @@ class RemoteListener::Core final : public std::enable_shared_from_this<Core> {
       const std::lock_guard lock(mutex_);
       owner_ = std::move(owner);
     }
-    [listener_ resume];
+    activate();
   }
   void invalidate() {
     {
@@ -57,6 +58,7 @@ class RemoteListener::Core final : public std::enable_shared_from_this<Core> {
       isInvalid_ = true;
       std::swap(released, delegate_);
     }
+    activate();  // an inactive one must not be released; it refuses everybody
     [listener_ invalidate];
   }
   XPCEndpoint endpoint() const {
@@ -71,6 +73,9 @@ class RemoteListener::Core final : public std::enable_shared_from_this<Core> {
   }
 
  private:
+  void activate() {
+    if (!isActivated_.exchange(true)) [listener_ resume];
+  }
   // The framework holds its delegate weakly.
   void watch() {
     frameworkDelegate_ = [[QMRemoteListenerDelegate alloc]
@@ -94,6 +99,7 @@ class RemoteListener::Core final : public std::enable_shared_from_this<Core> {
 
   NSXPCListener* const listener_;
   QMRemoteListenerDelegate* frameworkDelegate_ = nil;
+  std::atomic<bool> isActivated_{false};
 
   std::mutex mutex_;
   std::weak_ptr<RemoteListener> owner_;

@@ -1,7 +1,9 @@
 #include "platform/darwin/remote_methods.hpp"
 
+#include <atomic>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -53,12 +55,14 @@ qm::Log& log() {
                            actionData:(NSDictionary*)actionData
                     andFinishCallback:(void (^)(int64_t result))finishCallback {
   void (^finish)(int64_t) = [finishCallback copy];
+  const auto isAnswered = std::make_shared<std::atomic<bool>>(false);
   [self call:"remoteActionWasPushedWithName:progressListener:actionData:andFinishCallback:"
       arguments:{qm::valueFrom(name, qm::OtherObjects::refused),
                  qm::valueFrom(progressListener, qm::OtherObjects::refused),
                  qm::valueFrom(actionData, qm::OtherObjects::refused)}
-          reply:[finish](const qm::Array& values) {
-            if (finish != nil) finish(*values.front().as<std::int64_t>());
+          reply:[finish, isAnswered](const qm::Array& values) {
+            // The framework takes one reply; several handlers of an action may each give theirs.
+            if (finish != nil && !isAnswered->exchange(true)) finish(*values.front().as<std::int64_t>());
           }];
 }
 

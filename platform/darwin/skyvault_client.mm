@@ -5,8 +5,10 @@
 // for likely here, and nowhere else: the widths of numbers, and that the constants of the verdicts are
 // exported under their names.
 #include <dlfcn.h>
+#include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <utility>
 
@@ -14,6 +16,7 @@
 #include "foundation/object_description.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "platform/darwin/foundation_value.hpp"
+#include "platform/queue.hpp"
 
 @protocol SVKSafetyVerdictFields
 @property(readonly) NSString* value;
@@ -136,11 +139,13 @@ class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
   void analyzeFileHandle(std::shared_ptr<FileHandle> fileHandle, const Dictionary& metadata,
                          std::chrono::milliseconds timeout, Completion completion) override {
     @autoreleasepool {
-      // Ours owns the descriptor, and is kept until the answer.
-      NSFileHandle* handle = fileHandle == nullptr
-                                 ? nil
-                                 : [[NSFileHandle alloc] initWithFileDescriptor:fileHandle->fileDescriptor()
-                                                                 closeOnDealloc:NO];
+      // With a descriptor of its own: the framework may keep the handle longer than we keep ours.
+      NSFileHandle* handle = nil;
+      if (fileHandle != nullptr) {
+        const int own = ::fcntl(fileHandle->fileDescriptor(), F_DUPFD_CLOEXEC, 0);
+        if (own < 0) return fail(std::move(completion), makePOSIXError(errno));
+        handle = [[NSFileHandle alloc] initWithFileDescriptor:own closeOnDealloc:YES];
+      }
       [client_ analyzeFileHandle:handle
                         metadata:dictionaryFrom(metadata)
                          timeout:wholeMilliseconds(timeout)
@@ -165,6 +170,10 @@ class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
   std::string description() const override { return objectDescription("SVKSkyvaultServiceClient", this); }
 
  private:
+  static void fail(Completion completion, ErrorPtr error) {
+    Queue::global().async(
+        [completion = std::move(completion), error = std::move(error)] { completion(nullptr, error); });
+  }
   static FrameworkCompletion answerTo(Completion completion, std::shared_ptr<FileHandle> kept) {
     const Completion its = std::move(completion);
     const std::shared_ptr<FileHandle> handle = std::move(kept);
