@@ -1,6 +1,7 @@
 #include "platform/darwin/foundation_value.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <memory>
 #include <type_traits>
@@ -70,8 +71,9 @@ Value fromNumber(NSNumber* number) {
 // What is further away than 64 bits of nanoseconds reach becomes the last that they do.
 Value fromDate(NSDate* date) {
   constexpr double kLimit = 9.2e18;
-  return Date{static_cast<std::int64_t>(
-      std::clamp(date.timeIntervalSince1970 * kNanosecondsPerSecond, -kLimit, kLimit))};
+  const double nanoseconds = date.timeIntervalSince1970 * kNanosecondsPerSecond;
+  if (std::isnan(nanoseconds)) return Date{0};  // a binary list may hold such a date
+  return Date{static_cast<std::int64_t>(std::clamp(nanoseconds, -kLimit, kLimit))};
 }
 
 Value fromUUID(NSUUID* uuid) {
