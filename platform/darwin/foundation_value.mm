@@ -68,11 +68,12 @@ Value fromNumber(NSNumber* number) {
   return std::int64_t{number.longLongValue};
 }
 
-// What is further away than 64 bits of nanoseconds reach becomes the last that they do.
+// What is further away than 64 bits of nanoseconds reach becomes the last that they do; what is no time,
+// which a peer can send, the date 0.
 Value fromDate(NSDate* date) {
   constexpr double kLimit = 9.2e18;
   const double nanoseconds = date.timeIntervalSince1970 * kNanosecondsPerSecond;
-  if (std::isnan(nanoseconds)) return Date{0};  // a binary list may hold such a date
+  if (std::isnan(nanoseconds)) return Date{};
   return Date{static_cast<std::int64_t>(std::clamp(nanoseconds, -kLimit, kLimit))};
 }
 
@@ -152,10 +153,12 @@ std::optional<Value> convert(id object, OtherObjects others, int depth) {
 
 NSString* stringFrom(std::string_view text) {
   const std::string wellFormed = lossyUTF8(text);
-  NSString* string = [[NSString alloc] initWithBytes:wellFormed.data()
-                                              length:wellFormed.size()
-                                            encoding:NSUTF8StringEncoding];
-  return string == nil ? @"" : string;
+  // Unlike NSString's own initialisers this keeps a leading byte-order mark: the text is not a file's.
+  constexpr Boolean kIsExternalRepresentation = false;
+  const CFStringRef string = CFStringCreateWithBytes(
+      nullptr, reinterpret_cast<const UInt8*>(wellFormed.data()), static_cast<CFIndex>(wellFormed.size()),
+      kCFStringEncodingUTF8, kIsExternalRepresentation);
+  return string == nullptr ? @"" : (__bridge_transfer NSString*)string;
 }
 
 std::string textFrom(NSString* string) {
