@@ -141,20 +141,26 @@ void appendLiteral(std::string& out, std::string_view literal) {
   }
 }
 
-bool isPrivate(const Placeholder& placeholder) {
+bool isText(const Placeholder& placeholder) {
+  return placeholder.conversion == '@' || placeholder.conversion == 's';
+}
+
+bool isNil(const Argument& text) {
+  return text.kind == Argument::Kind::pointer ? text.pointer == nullptr : text.kind != Argument::Kind::text;
+}
+
+// That there is no text is no secret.
+bool isPrivate(const Placeholder& placeholder, const Argument& argument) {
   if (placeholder.privacy == Privacy::isPublic) return false;
-  const bool isText = placeholder.conversion == '@' || placeholder.conversion == 's';
-  return isText || placeholder.privacy == Privacy::isPrivate;
+  return isText(placeholder) ? !isNil(argument) : placeholder.privacy == Privacy::isPrivate;
 }
 
 void appendText(std::string& out, const Placeholder& placeholder, const Argument& argument, bool hidden) {
-  const bool isPointer = argument.kind == Argument::Kind::pointer;
-  const bool isNil = isPointer ? argument.pointer == nullptr : argument.kind != Argument::Kind::text;
-  if (isNil)
+  if (isNil(argument))
     out.append("(null)");
   else if (hidden)
     out.append("<private>");
-  else if (isPointer && argument.describe != nullptr)
+  else if (argument.kind == Argument::Kind::pointer && argument.describe != nullptr)
     out.append(limited(argument.describe(argument.pointer), placeholder.precision));
   else
     out.append(limited(argument.text, placeholder.precision));
@@ -181,7 +187,7 @@ void appendNumber(std::string& out, const Placeholder& placeholder, const Argume
 }
 
 void appendArgument(std::string& out, const Placeholder& placeholder, const Argument& argument, bool hidden) {
-  if (placeholder.conversion == '@' || placeholder.conversion == 's')
+  if (isText(placeholder))
     appendText(out, placeholder, argument, hidden);
   else if (hidden)
     out.append("<private>");
@@ -201,7 +207,7 @@ Line render(std::string_view format, const Argument* arguments, std::size_t coun
     appendLiteral(line.text, format.substr(position, placeholder.literalLength));
     if (placeholder.conversion == 0 || used == count) return line;
     const std::size_t begin = line.text.size();
-    const bool isItsPrivate = isPrivate(placeholder);
+    const bool isItsPrivate = isPrivate(placeholder, arguments[used]);
     appendArgument(line.text, placeholder, arguments[used],
                    isItsPrivate && privateParts == PrivateParts::hidden);
     if (isItsPrivate && privateParts == PrivateParts::marked && line.text.size() > begin)

@@ -44,8 +44,8 @@ OSStatus copyGuestWithAuditToken(const AuditToken& token, SecCodePtr& code);
 // but cannot be evaluated on this platform.
 OSStatus createRequirementWithString(const std::string& text, SecRequirementPtr& requirement);
 
-// First the signature, then the requirement. May take as long as the file system does, up to a deadline. On
-// failure the status and, through `error` (may be null), an NSOSStatusErrorDomain error with it.
+// First the signature, then the requirement. May take as long as the file system does, on Linux up to a
+// deadline. On failure the status and, through `error` (may be null), an NSOSStatusErrorDomain error with it.
 OSStatus checkValidityWithErrors(const SecCodePtr& code, const SecRequirementPtr& requirement,
                                  ErrorPtr* error);
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -12,12 +13,19 @@
 namespace qm {
 namespace {
 
+// A file system that keeps no creation time says 0 (stat(2)).
+std::int64_t creationTime(const struct stat& facts) {
+  if (facts.st_birthtimespec.tv_sec != 0 || facts.st_birthtimespec.tv_nsec != 0)
+    return facts.st_birthtimespec.tv_sec;
+  return std::min({facts.st_atimespec.tv_sec, facts.st_mtimespec.tv_sec, facts.st_ctimespec.tv_sec});
+}
+
 void fill(FileStatus& status, const struct stat& facts) {
   status.device = facts.st_dev;
   status.inode = facts.st_ino;
   status.size = facts.st_size;
   status.owner = facts.st_uid;
-  status.created = facts.st_birthtimespec.tv_sec;
+  status.created = creationTime(facts);
   status.accessed = facts.st_atimespec.tv_sec;
   status.modified = facts.st_mtimespec.tv_sec;
   status.changedNanoseconds = facts.st_ctimespec.tv_sec * 1'000'000'000 + facts.st_ctimespec.tv_nsec;

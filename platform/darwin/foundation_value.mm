@@ -153,10 +153,12 @@ std::optional<Value> convert(id object, OtherObjects others, int depth) {
 
 NSString* stringFrom(std::string_view text) {
   const std::string wellFormed = lossyUTF8(text);
-  NSString* string = [[NSString alloc] initWithBytes:wellFormed.data()
-                                              length:wellFormed.size()
-                                            encoding:NSUTF8StringEncoding];
-  return string == nil ? @"" : string;
+  // Unlike NSString's own initialisers this keeps a leading byte-order mark: the text is not a file's.
+  constexpr Boolean kIsExternalRepresentation = false;
+  const CFStringRef string = CFStringCreateWithBytes(
+      nullptr, reinterpret_cast<const UInt8*>(wellFormed.data()), static_cast<CFIndex>(wellFormed.size()),
+      kCFStringEncodingUTF8, kIsExternalRepresentation);
+  return string == nullptr ? @"" : (__bridge_transfer NSString*)string;
 }
 
 std::string textFrom(NSString* string) {

@@ -1,10 +1,24 @@
 #include "platform/property_list.hpp"
 
+#include <string>
+
 #include "platform/darwin/foundation_value.hpp"
 
 namespace qm {
+namespace {
+
+constexpr std::size_t kLargestSize = 16 * 1024 * 1024;
+constexpr std::int64_t kReadCorrupt = 3840;
+
+}  // namespace
 
 std::optional<Value> parsePropertyList(const void* bytes, std::size_t length, ErrorPtr* error) {
+  if (length > kLargestSize) {
+    setError(error, makeError(kCocoaErrorDomain, kReadCorrupt,
+                              {{kDebugDescriptionKey, "The property list is larger than " +
+                                                          std::to_string(kLargestSize) + " bytes"}}));
+    return std::nullopt;
+  }
   @autoreleasepool {
     NSData* data = [NSData dataWithBytes:bytes length:bytes == nullptr ? 0 : length];
     NSError* failure = nil;

@@ -1,9 +1,9 @@
 // The client of the Skyvault client framework.
 //
-// The framework is closed and is not built against: where it is not loaded there is no class of its client,
-// and no client is made. Its selectors and the fields of its answers are known. What is not known is taken
-// for likely here, and nowhere else: the widths of numbers, and that the constants of the verdicts are
-// exported under their names.
+// The framework is closed and is not built against, at most linked weakly (QM_SKYVAULT_FRAMEWORK): where it
+// is not loaded there is no class of its client, and no client is made. Its selectors and the fields of its
+// answers are known. What is not known is taken for likely here, and nowhere else: the widths of numbers, and
+// that the constants of the verdicts are exported under their names.
 #include <dlfcn.h>
 #include <fcntl.h>
 

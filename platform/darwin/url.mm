@@ -1,6 +1,7 @@
 #include "platform/url.hpp"
 
-#include "foundation/strings.hpp"
+#include <algorithm>
+
 #include "platform/darwin/foundation_value.hpp"
 
 namespace qm {
@@ -11,8 +12,8 @@ namespace {
 std::optional<std::string> hostIn(std::string_view text) {
   const std::size_t slashes = text.find("//");
   if (slashes == std::string_view::npos || text.find_first_of("/?#") != slashes) return std::nullopt;
-  // Only a scheme may stand in front.
-  if (slashes != 0 && text.find(':') != slashes - 1) return std::nullopt;
+  // Only a scheme may stand in front; behind an "@" a ":" ends none.
+  if (slashes != 0 && text.find_first_of(":@") != slashes - 1) return std::nullopt;
   std::string_view host = text.substr(slashes + 2);
   host = host.substr(0, host.find_first_of("/?#"));
   if (const std::size_t at = host.rfind('@'); at != std::string_view::npos) host = host.substr(at + 1);
@@ -23,7 +24,9 @@ std::optional<std::string> hostIn(std::string_view text) {
 }  // namespace
 
 std::optional<URL> URL::create(std::string_view text) {
-  if (!isValidUTF8(text) || text.find('\0') != std::string_view::npos) return std::nullopt;
+  // The framework would not see all of what is none: it drops a byte-order mark.
+  if (!std::all_of(text.begin(), text.end(), [](char c) { return c > '\0' && c <= '~'; }))
+    return std::nullopt;
   @autoreleasepool {
     if ([NSURL URLWithString:stringFrom(text) encodingInvalidCharacters:NO] == nil) return std::nullopt;
     return URL(std::string(text), hostIn(text));

@@ -83,8 +83,8 @@ TEST(LogSinks, MayDecideAtEachLineAndHidePrivatePartsThemselves) {
   QM_LOG_DEBUG(Log::create(kQMRLogSubsystem, "LogTestOther"), "debug");
   EXPECT_EQ(sink->line, "");
   sink->wanted = LogLevel::debug;
-  QM_LOG_DEBUG(testLog(), "%@ in %{public}s, %{private}d%s", "a", "b", 1, "");
-  EXPECT_EQ(sink->line, "# in b, #");
+  QM_LOG_DEBUG(testLog(), "%@ in %{public}s, %{private}d%s %@", "a", "b", 1, "", nullptr);
+  EXPECT_EQ(sink->line, "# in b, # (null)");
   setLogSink(nullptr);
   setLogSettings(nullptr);
 }
