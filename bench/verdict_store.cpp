@@ -161,7 +161,7 @@ void importAndLookUp(benchmark::State& state) {
         bare.put(batch);
         bares += secondsSince(start);
         start = Clock::now();
-        require(store->importAll(std::move(batch)).has_value());
+        require(store->importAll(batch).has_value());
         ours += secondsSince(start);
       }
       if (asker != nullptr) worst = asker->stop();

@@ -307,17 +307,21 @@ int VerdictStore::Writer::importOne(const Key& key, const typename Table<Key>::R
   return put(key, record);
 }
 
-std::optional<VerdictStore::ImportOutcome> VerdictStore::importAll(std::vector<VerdictEntry> entries,
+std::optional<VerdictStore::ImportOutcome> VerdictStore::importAll(const std::vector<VerdictEntry>& entries,
                                                                    ErrorPtr* error) {
   if (!checkAll(entries, error)) return std::nullopt;
-  // In the order of the table a page is changed once for all of its rows.
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const VerdictEntry& a, const VerdictEntry& b) { return a.first < b.first; });
+  // In the order of the table a page is changed once for all of its rows; of one key the last comes last.
+  std::vector<const VerdictEntry*> ordered;
+  ordered.reserve(entries.size());
+  for (const VerdictEntry& entry : entries) ordered.push_back(&entry);
+  std::sort(ordered.begin(), ordered.end(), [](const VerdictEntry* a, const VerdictEntry* b) {
+    return std::tie(a->first, a) < std::tie(b->first, b);
+  });
   ImportOutcome outcome;
   const auto work = [&](Writer& writer) {
-    for (const auto& [key, record] : entries) {
-      const auto importOne = [&](const auto& k) { return writer.importOne(k, record, outcome); };
-      if (const int status = std::visit(importOne, key); status != SQLITE_DONE) return status;
+    for (const VerdictEntry* const entry : ordered) {
+      const auto importOne = [&](const auto& key) { return writer.importOne(key, entry->second, outcome); };
+      if (const int status = std::visit(importOne, entry->first); status != SQLITE_DONE) return status;
     }
     return SQLITE_DONE;
   };

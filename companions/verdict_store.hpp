@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "foundation/error.hpp"
-#include "platform/digest.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/digest.hpp"
 
 namespace qm {
 
@@ -91,9 +91,9 @@ struct ReadStatements;
 class VerdictStore {
  public:
   // With readWrite a missing file is made (0644) together with its folders (0755), and an older store or an
-  // empty file is brought up to date. With readOnly nothing is changed and a missing file is an error. With look the same,
-  // for a moment: a user who may not take part in the locking beside the file, where nobody else has the
-  // store open, sees the file as it is.
+  // empty file is brought up to date. With readOnly nothing is changed and a missing file is an error. With
+  // look the same, for a moment: a user who may not take part in the locking beside the file, where nobody
+  // else has the store open, sees the file as it is.
   enum class Access : std::uint8_t { look, readOnly, readWrite };
 
   // How long a change waits for one that another program is making.
@@ -125,7 +125,7 @@ class VerdictStore {
     std::size_t kept = 0;       // a person had given another verdict, which stays
   };
   // Takes all, in the order of their keys, or none. Of two with one key the later counts.
-  std::optional<ImportOutcome> importAll(std::vector<VerdictEntry> entries, ErrorPtr* error = nullptr);
+  std::optional<ImportOutcome> importAll(const std::vector<VerdictEntry>& entries, ErrorPtr* error = nullptr);
 
   // Keeps what an analysis found under both hashes, unless one of them has a verdict from another source. The
   // verdict in force afterwards, nothing on failure.

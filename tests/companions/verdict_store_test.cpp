@@ -200,7 +200,7 @@ TEST_F(VerdictStoreTest, LookupsDuringAnImportAllSucceedAndSeeWholeBatches) {
       std::vector<VerdictEntry> entries;
       for (unsigned i = first; i < first + 2'000; ++i)
         entries.emplace_back(numbered(i), StoredURLVerdict{kMalicious, {}});
-      if (!store->importAll(std::move(entries))) return false;
+      if (!store->importAll(entries)) return false;
     }
     return true;
   });
