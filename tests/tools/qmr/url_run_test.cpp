@@ -22,6 +22,8 @@ class Provider final : public QMRReputationLookup {
     if (url == "dropped" || url == "silent") return;
     Queue::global().async([this, self = shared_from_this(), url, callback] { answer(url, callback); });
   }
+  // What it never answered holds the run that asked.
+  void forgetUnanswered() { kept_ = nullptr; }
   std::atomic<std::size_t> mostAtOnce = 0;
   Block<void()> whenSilent;
 
@@ -64,6 +66,7 @@ class URLRunTest : public ::testing::Test {
       if (stopsWhenSilent) weak.lock()->stop();
     };
     const RunOutcome outcome = run->run();
+    provider->forgetUnanswered();
     EXPECT_FALSE(outcome.feederStuck);
     return {outcome.exitStatus, out.str(), err.str()};
   }
