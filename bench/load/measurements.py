@@ -183,24 +183,27 @@ def everything_asked(staged, files, count, service):
 
 
 def measure_big_files(staged, scale, backend):
-    """All big files at once, and small ones one after the other beside them, on all processors."""
+    """All big files at once, and again with small ones one after the other beside them, on all processors."""
     big = stage.make_sparse_files(staged.memory / "big", scale.big_size, scale.big_count)
     small = stage.make_files(staged.root / "small", 4 * KIB, 16)
     processors = staged.client_processors | staged.service_processors
     result = {"files": scale.big_count, "bytes_each": scale.big_size, "processors": len(processors)}
     gigabytes = scale.big_count * scale.big_size / 1e9
+
+    def rate(client):
+        return gigabytes / outcome(client)["seconds"]
+
     with staged.start_floor("digest", processors):
-        seconds = outcome(everything_asked(staged, big, scale.big_count, "digest"))["seconds"]
-        result["floor_gigabytes_per_second"] = gigabytes / seconds
+        result["floor_gigabytes_per_second"] = rate(everything_asked(staged, big, scale.big_count, "digest"))
     with staged.backend(backend), staged.start("qmreputationd", processors) as daemon:
         ask(staged, "daemon", Load(4 * KIB, 1, 0, "same", "wire"), small, 0, [])
         result["idle_kib"] = status_kib(daemon, "VmRSS")
+        result["gigabytes_per_second"] = rate(everything_asked(staged, big, scale.big_count, "daemon"))
         client = everything_asked(staged, big, scale.big_count, "daemon")
         beside = staged.start_client("ask", "--socket", staged.daemon_socket, "--files", small, "--seconds", 3600)
         beside.read_line()
-        answers = outcome(client)
+        result["beside_small_gigabytes_per_second"] = rate(client)
         result["peak_kib"] = status_kib(daemon, "VmHWM")
         beside.terminate()
         result["small_beside"] = outcome(beside)
-        result["gigabytes_per_second"] = gigabytes / answers["seconds"]
     return result

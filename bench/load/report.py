@@ -92,7 +92,8 @@ def big_lines(big):
            f"{big['gigabytes_per_second']:.2f} GB/s (floor {big['floor_gigabytes_per_second']:.2f}), peak "
            f"{big['peak_kib'] / KIB:.1f} MiB resident (idle {big['idle_kib'] / KIB:.1f})")
     yield (f"beside them, 4 KiB, one in flight: {beside['answers']} answers, p50 {beside['p50_us'] / 1000:.2f} ms, "
-           f"p99 {beside['p99_us'] / 1000:.2f} ms, {beside['unanswered']} without an answer when the big ones had theirs")
+           f"p99 {beside['p99_us'] / 1000:.2f} ms, {beside['unanswered']} without an answer when the big ones had theirs; "
+           f"the big ones {big['beside_small_gigabytes_per_second']:.2f} GB/s")
 
 
 def aim_lines(aims):
