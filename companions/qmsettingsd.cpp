@@ -44,6 +44,7 @@ void tell(const qm::SettingsStore::Change& change) {
 
 int main() {
   qm::raiseDescriptorLimit();
+  qm::boundHeap();
   qm::installSystemLog();
   const auto store = std::make_shared<qm::SettingsStore>(
       qm::installedPath(qm::kSettingsProductPath), qm::installedPath(qm::kSettingsStateProductPath),

@@ -22,6 +22,7 @@
 
 int main() {
   qm::raiseDescriptorLimit();
+  qm::boundHeap();
   qm::installSystemLog();
   const auto answers = std::make_shared<qm::SkyvaultAnswers>(qm::installedPath(qm::kVerdictStoreProductPath),
                                                              qm::SkyvaultAnswersOptions());

@@ -18,6 +18,7 @@
 
 int main() {
   qm::raiseDescriptorLimit();
+  qm::boundHeap();
   qm::installSystemLog();
   daemon_log();
   const qm::Queue queue = qm::Queue::concurrent("com.quillmarsh.reputationhandlingqueue");

@@ -3,7 +3,7 @@
 //
 // Reads a number of requests a line from standard input; asks until so many have got the right verdict, and
 // prints one line of JSON: how many were asked, and each request that ended in any other way, with its times
-// (CLOCK_MONOTONIC, in seconds). The ends:
+// (CLOCK_MONOTONIC, in seconds; of a lost one since when it may have been lost). The ends:
 //
 //   unanswered  the transport said that the daemon let the request go
 //   error       a reply with "error", or with a verdict that says so
@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -101,6 +102,7 @@ class Asker {
   void connect() {
     const auto deadline = Clock::now() + kAdmissionPatience;
     while (!socket_) try {
+        lastHeard_ = Clock::now();
         socket_ = bench::admittedConnection(plan_.socket);
       } catch (const std::runtime_error&) {
         if (Clock::now() > deadline) throw;
@@ -139,6 +141,7 @@ class Asker {
         hasHung_ = true;
         return endAll("hung", "");
       }
+      lastHeard_ = Clock::now();
       reader_.feed(*bytes, {});
     }
     const auto request = open_.extract(frame.header.identifier);
@@ -163,7 +166,9 @@ class Asker {
     ++answered_;
   }
   void endAll(const char* end, const std::string& detail) {
-    for (const auto& entry : std::exchange(open_, {})) record(end, entry.second.at, detail);
+    // The connection may have ended before the request that finds it so was asked.
+    for (const auto& entry : std::exchange(open_, {}))
+      record(end, std::min(entry.second.at, lastHeard_), detail);
     socket_.reset();
   }
   void record(const char* end, Clock::time_point since, const std::string& detail) {
@@ -177,6 +182,7 @@ class Asker {
   const Plan& plan_;
   const std::uint64_t number_;
   FileDescriptor socket_;
+  Clock::time_point lastHeard_;  // when the service was there for certain
   xpc::FrameReader reader_;
   std::array<std::uint8_t, 64 * 1024> buffer_{};
   std::map<std::uint64_t, Request> open_;

@@ -16,4 +16,6 @@ void raiseDescriptorLimit() {
   (void)::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+void boundHeap() {}
+
 }  // namespace qm

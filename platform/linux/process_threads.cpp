@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -73,6 +75,13 @@ bool isRunnable(::pid_t thread) {
   const std::string_view line(text.data(), static_cast<std::size_t>(length));
   const auto nameEnd = line.rfind(") ");
   return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
+}
+
+std::size_t usableProcessors() {
+  ::cpu_set_t usable;
+  if (::sched_getaffinity(0, sizeof usable, &usable) == 0)
+    return static_cast<std::size_t>(CPU_COUNT(&usable));
+  return std::max(1U, std::thread::hardware_concurrency());
 }
 
 bool isForkedChild() {

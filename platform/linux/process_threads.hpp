@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <functional>
 
 namespace qm {
@@ -16,6 +17,9 @@ namespace qm {
 // True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
 // the kernel, or cannot be looked at.
 bool isRunnable(::pid_t thread);
+
+// At least one. Fewer than there are where the process is confined to some (cpuset, CPUAffinity= of its unit).
+std::size_t usableProcessors();
 
 // True in a child that was forked after the first startProcessThread().
 bool isForkedChild();

@@ -1,6 +1,5 @@
 #include "platform/linux/worker_pool.hpp"
 
-#include <sched.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -31,14 +30,6 @@ constexpr std::uint64_t kTicksBeforeGrowth = 2;
 constexpr std::uint64_t kTicksBeforeSaturatedGrowth = 20;
 constexpr std::size_t kSaturatedWorkersPerProcessor = 4;
 constexpr std::uint64_t kTicksBetweenCountsWhenSaturated = 5;
-
-// Fewer than there are where the process is confined to some (cpuset, CPUAffinity= of its unit).
-std::size_t usableProcessors() {
-  ::cpu_set_t usable;
-  if (::sched_getaffinity(0, sizeof usable, &usable) == 0)
-    return static_cast<std::size_t>(CPU_COUNT(&usable));
-  return std::max(1U, std::thread::hardware_concurrency());
-}
 
 int makeTimer() {
   const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
