@@ -146,7 +146,7 @@ class Asker {
 void importAndLookUp(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   const bool isAsked = state.range(1) != 0;
-  double ours = 0, bares = 0, find = 0, bareFind = 0, factBytes = 0, worst = 0;
+  double ours = 0, bares = 0, find = 0, miss = 0, bareFind = 0, factBytes = 0, worst = 0;
   const Folder folder;
   for ([[maybe_unused]] const auto _ : state) {
     const auto store = VerdictStore::open(folder.file("store"), VerdictStore::Access::readWrite);
@@ -174,6 +174,10 @@ void importAndLookUp(benchmark::State& state) {
       start = Clock::now();
       require(store->find(key).has_value());
       find += secondsSince(start);
+      const qm::SHA256Value other = numbered(count + i);
+      start = Clock::now();
+      require(!store->find(other).has_value());
+      miss += secondsSince(start);
     }
     state.SetIterationTime(ours);
   }
@@ -181,6 +185,7 @@ void importAndLookUp(benchmark::State& state) {
   state.counters["entries_per_s"] = entries / ours;
   state.counters["import_of_reference"] = bares / ours;
   state.counters["lookup_us"] = 1e6 * find / (entries / 10);
+  state.counters["miss_us"] = 1e6 * miss / (entries / 10);
   state.counters["lookup_of_reference"] = bareFind / find;
   state.counters["file_MB"] = static_cast<double>(std::filesystem::file_size(folder.file("store"))) / 1e6;
   state.counters["facts_of_file"] =

@@ -166,6 +166,8 @@ std::unique_ptr<Asker> makeAsker(const Plan& plan, std::vector<std::string> file
 void ask(const Plan& plan) {
   std::vector<std::string> files = readLines(plan.fileList);
   const std::size_t count = files.size();
+  std::puts("connecting");
+  std::fflush(stdout);
   const std::unique_ptr<Asker> asker = makeAsker(plan, std::move(files));
   std::puts("asking");
   std::fflush(stdout);
@@ -187,7 +189,7 @@ int run(int count, char** arguments) {
   Plan plan;
   std::size_t peers = 1;
   CLI::App* const asking =
-      program.add_subcommand("ask", "Asks, and prints \"asking\" and then a line of JSON");
+      program.add_subcommand("ask", "Asks, and prints \"connecting\", \"asking\" and then a line of JSON");
   asking->add_option("--service", plan.service)->check(CLI::IsMember({"daemon", "floor", "library"}));
   asking->add_option("--socket", plan.socket, "of the daemon or the floor");
   asking->add_option("--files", plan.fileList, "a file with one path a line")->required();

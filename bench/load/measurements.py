@@ -80,6 +80,8 @@ def one_round(staged, scale, files, services, samples):
                     if load.client == "library" and service in FLOORS:
                         continue
                     result = ask(staged, service, load, files.list_for(load), scale.seconds, processes)
+                    if result["cpu_us_per_request"].get("backend") == 0:
+                        raise RuntimeError("the daemon answers without asking its agent")
                     samples[load][service].append(result)
 
 
@@ -123,6 +125,7 @@ def first_answer_ms(staged, files, service, start):
     """From the start of the process to its first answer; the client is there before it and tries all the time."""
     kind, socket = ("floor", staged.floor_socket(service)) if service in FLOORS else ("daemon", staged.daemon_socket)
     client = staged.start_client("ask", "--service", kind, "--socket", socket, "--files", files, "--each-once")
+    client.read_line()
     with start() as process:
         return 1000 * (outcome(client)["ended_at"] - process.started_at)
 
@@ -201,6 +204,7 @@ def measure_big_files(staged, scale, backend):
         result["gigabytes_per_second"] = rate(everything_asked(staged, big, scale.big_count, "daemon"))
         client = everything_asked(staged, big, scale.big_count, "daemon")
         beside = staged.start_client("ask", "--socket", staged.daemon_socket, "--files", small, "--seconds", 3600)
+        beside.read_line()
         beside.read_line()
         result["beside_small_gigabytes_per_second"] = rate(client)
         result["peak_kib"] = status_kib(daemon, "VmHWM")

@@ -39,7 +39,10 @@ class Service:
 
     def start(self):
         self.lives += 1
-        with open(self._staged.root / (self.name + ".log"), "ab") as log:
+        self.is_wanted = True
+        self._log = self._staged.root / (self.name + ".log")
+        with open(self._log, "ab") as log:
+            self._log_begin = log.tell()
             self._child = subprocess.Popen([self._staged.program(self.name)], stdin=subprocess.DEVNULL, stdout=log,
                                            stderr=log, env=self._staged.environment, preexec_fn=no_core_dump)
         self.pid = self._child.pid
@@ -59,6 +62,7 @@ class Service:
 
     def end(self, number):
         """The status it ended with, as subprocess gives it; None when it did not."""
+        self.is_wanted = False
         self._child.send_signal(number)
         self._child.send_signal(signal.SIGCONT)
         with contextlib.suppress(subprocess.TimeoutExpired):
@@ -71,6 +75,10 @@ class Service:
     @property
     def status(self):
         return self._child.poll()
+
+    def has_logged(self, text):
+        """In this life of its."""
+        return text.encode() in self._log.read_bytes()[self._log_begin:]
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
@@ -143,9 +151,6 @@ class Installation:
         for log in sorted(self.root.glob("*.log")):
             yield f"== the end of {log.name}"
             yield from log.read_text(errors="replace").splitlines()[-lines:]
-
-    def log_has(self, name, text):
-        return text in (self.root / (name + ".log")).read_text(errors="replace")
 
     def is_answered(self, bad_file):
         """Waits until the daemon knows from its agents that the file is bad."""

@@ -34,8 +34,13 @@ class Diary:
     def explains(self, kinds, since, until):
         return any(entry["kind"] in kinds and entry["from"] <= until and entry["to"] >= since for entry in self._times)
 
-    def count(self, deed):
-        return sum(entry["deed"] == deed for entry in self.deeds)
+    def undisturbed_share(self):
+        """Of the time so far, as much as explains nothing."""
+        now, reached, free = time.monotonic(), self.start, 0
+        for entry in sorted(self._times, key=lambda entry: entry["from"]):
+            free += max(0, entry["from"] - reached)
+            reached = max(reached, entry["to"])
+        return (free + max(0, now - reached)) / (now - self.start)
 
 
 class Visitors:
@@ -91,8 +96,8 @@ class Visitors:
 class Disturbance:
     """Something that happens now and then, the first time soon, and takes a while."""
 
-    def __init__(self, dice, pause, length):
-        self._dice, self._pause, self._length = dice, pause, length
+    def __init__(self, dice, pause, length, violate):
+        self._dice, self._pause, self._length, self._violate = dice, pause, length, violate
         self._is_on, self._next = False, time.monotonic() + self._dice.expovariate(10 / pause)
 
     def tick(self):
@@ -117,8 +122,8 @@ class Disturbance:
 class AgentDeaths(Disturbance):
     """An agent is killed, ended or stopped, and comes back."""
 
-    def __init__(self, agents, diary, seed):
-        super().__init__(random.Random(f"{seed} agents"), 0.2, 0.1)
+    def __init__(self, agents, diary, seed, violate):
+        super().__init__(random.Random(f"{seed} agents"), 0.4, 0.1, violate)
         self._agents, self._diary = list(agents), diary
 
     def begin(self, dice):
@@ -132,8 +137,10 @@ class AgentDeaths(Disturbance):
                           signal=self._way.name)
         if self._way == signal.SIGSTOP:
             self._agent.send(self._way)
-        else:
-            self._agent.end(self._way)
+            return
+        status = self._agent.end(self._way)
+        if status != -self._way and (status != 0 or self._way != signal.SIGTERM):
+            self._violate(f"{self._agent.name} was sent {self._way.name} and ended with {status}")
 
     def undo(self):
         if self._way == signal.SIGSTOP:
@@ -147,8 +154,8 @@ class AgentDeaths(Disturbance):
 class Shortages(Disturbance):
     """The daemon may have only a few descriptors more than it has."""
 
-    def __init__(self, daemon, diary, seed):
-        super().__init__(random.Random(f"{seed} shortages"), 0.2, 0.2)
+    def __init__(self, daemon, diary, seed, violate):
+        super().__init__(random.Random(f"{seed} shortages"), 0.4, 0.2, violate)
         self._daemon, self._diary = daemon, diary
 
     def begin(self, dice):
@@ -184,7 +191,7 @@ class ServiceManager:
         outage = self._diary.begin("daemon", self._seen_running)
         self._diary.write("daemon ended", status=self._daemon.status)
         is_short = self._diary.explains(("shortage",), self._seen_running, now)
-        says_so = self._staged.log_has("qmreputationd", "File descriptor leak detected; aborting process")
+        says_so = self._daemon.has_logged("File descriptor leak detected; aborting process")
         if self._daemon.status != -signal.SIGABRT or not is_short or not says_so:
             self._violate(f"the daemon ended with {self._daemon.status}")
         self._daemon.start()
