@@ -97,9 +97,10 @@ class Installation:
     def start(self, name, processors=None):
         return Process([self.program(name)], processors or self.service_processors, self.root / (name + ".log"))
 
-    def start_floor(self, kind, processors=None):
-        return Process([self._build / "bench/load_floor", self.floor_socket(kind), kind],
-                       processors or self.service_processors)
+    def start_floor(self, kind, processors=None, threads=None):
+        """With as many threads as it has processors, if nothing else is said."""
+        command = [self._build / "bench/load_floor", self.floor_socket(kind), kind]
+        return Process(command + ([threads] if threads else []), processors or self.service_processors)
 
     def floor_socket(self, kind):
         return self.root / ("floor-" + kind)

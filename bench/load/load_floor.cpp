@@ -3,7 +3,7 @@
 // even that, and the answer goes back from the thread that took it. No admission, no limits, no backend, no
 // second connection.
 //
-//   load_floor SOCKET pass|digest
+//   load_floor SOCKET pass|digest [THREADS]
 #include <openssl/evp.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -89,12 +89,16 @@ void answer(int connection, bool digests) {
   }
 }
 
-// As many threads as processors it may use take turns on one connection.
-void serve(qm::FileDescriptor connection, bool digests) {
+std::size_t usableProcessors() {
   cpu_set_t processors;
   CPU_ZERO(&processors);
   ::sched_getaffinity(0, sizeof processors, &processors);
-  std::vector<std::thread> threads(static_cast<std::size_t>(CPU_COUNT(&processors)));
+  return static_cast<std::size_t>(CPU_COUNT(&processors));
+}
+
+// The threads take turns on one connection.
+void serve(qm::FileDescriptor connection, bool digests, std::size_t count) {
+  std::vector<std::thread> threads(count);
   for (std::thread& thread : threads)
     thread = std::thread([socket = connection.get(), digests] { answer(socket, digests); });
   for (std::thread& thread : threads) thread.join();
@@ -103,7 +107,9 @@ void serve(qm::FileDescriptor connection, bool digests) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count != 3) return std::fputs("usage: load_floor SOCKET pass|digest\n", stderr), 2;
+  if (count < 3 || count > 4)
+    return std::fputs("usage: load_floor SOCKET pass|digest [THREADS]\n", stderr), 2;
+  const std::size_t threads = count == 4 ? std::strtoul(arguments[3], nullptr, 10) : usableProcessors();
   const bool digests = std::string_view(arguments[2]) == "digest";
   const auto address = qm::SocketAddress::create(arguments[1]);
   const qm::FileDescriptor listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
@@ -114,8 +120,8 @@ int main(int count, char** arguments) {
   for (;;) {
     qm::FileDescriptor connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!connection) return std::perror("accept"), EXIT_FAILURE;
-    std::thread([connection = std::move(connection), digests]() mutable {
-      serve(std::move(connection), digests);
+    std::thread([connection = std::move(connection), digests, threads]() mutable {
+      serve(std::move(connection), digests, threads);
     }).detach();
   }
 }
