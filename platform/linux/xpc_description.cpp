@@ -56,12 +56,6 @@ std::string opening(const XPCObject& object) {
   return text;
 }
 
-std::string describeReal(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%f", value);
-  return text;
-}
-
 std::string describeData(const Data& data) {
   std::string text = " { length = " + std::to_string(data.length()) + " bytes, contents = 0x";
   char digits[3];
@@ -90,7 +84,7 @@ class Describer {
       case XPCType::uint64:
         return opening(object) + ": " + std::to_string(object.uint64Value());
       case XPCType::real:
-        return opening(object) + ": " + describeReal(object.realValue());
+        return opening(object) + ": " + std::to_string(object.realValue());
       case XPCType::date:
         return opening(object) + " " + qm::description(object.dateValue());
       case XPCType::data:

@@ -43,6 +43,12 @@ TEST(XPCCodec, EveryValueSurvivesTheRoundTrip) {
   EXPECT_NE(XPCObject::int64(1), XPCObject::uint64(1));
 }
 
+TEST(XPCObject, ANumberIsDescribedWhole) {
+  using testing::EndsWith;
+  EXPECT_THAT(XPCObject::real(-0.25).description(), EndsWith(">: -0.250000"));
+  EXPECT_THAT(XPCObject::real(0x1p100).description(), EndsWith(">: 1267650600228229401496703205376.000000"));
+}
+
 TEST(XPCCodec, WhatIsWrongIsRefusedAndItsDescriptorsAreClosed) {
   Bytes tooDeep(kMaximumDepth, 0x81);
   tooDeep.back() = 0x80;
