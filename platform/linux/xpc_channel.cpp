@@ -8,7 +8,6 @@
 #include <cstring>
 #include <utility>
 
-#include "foundation/log.hpp"
 #include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
@@ -18,11 +17,6 @@ namespace {
 constexpr std::size_t kReadBytes = 64 * 1024;
 // Reads of one socket before others get their turn.
 constexpr int kReadsPerTurn = 4;
-
-Log& channelLog() {
-  static Log& log = Log::create(kQMRLogSubsystem, "xpc");
-  return log;
-}
 
 // Only the loop's thread reads.
 std::span<std::uint8_t> readBuffer() {
@@ -62,6 +56,11 @@ const char* checkFrame(const Frame& frame) {
 }
 
 }  // namespace
+
+Log& transportLog() {
+  static Log& log = Log::create(kQMRLogSubsystem, "xpc");
+  return log;
+}
 
 Hold::~Hold() {
   if (channel_) channel_->release(bytes_, descriptors_);
@@ -109,7 +108,7 @@ void Channel::close(const char* reason) {
     isRefused_ = reason != nullptr;
     process = peer_.token.processID();
   }
-  if (reason != nullptr) QM_LOG_ERROR(channelLog(), "Disconnecting pid %d: %{public}s", process, reason);
+  if (reason != nullptr) QM_LOG_ERROR(transportLog(), "Disconnecting pid %d: %{public}s", process, reason);
   EventLoop::shared().runAfter({}, [self = shared_from_this()] { self->finish(); });
 }
 
@@ -250,7 +249,7 @@ bool Channel::checkSender(const Received& received) {
     isSame = isSameProcess(peer_.token, *sender);
   }
   if (!isSame) {
-    QM_LOG_ERROR(channelLog(), "Message from pid %d with uid %u on a connection that is not its own",
+    QM_LOG_ERROR(transportLog(), "Message from pid %d with uid %u on a connection that is not its own",
                  sender->pid, sender->uid);
     close("message from another process");
     return false;

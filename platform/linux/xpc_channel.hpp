@@ -8,8 +8,9 @@
 #include <optional>
 #include <vector>
 
-#include "platform/linux/event_loop.hpp"
+#include "foundation/log.hpp"
 #include "platform/common/thread_annotations.hpp"
+#include "platform/linux/event_loop.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_outbox.hpp"
 #include "platform/linux/xpc_peer.hpp"
@@ -18,6 +19,8 @@
 namespace qm::xpc {
 
 class Channel;
+
+Log& transportLog();
 
 // A received message or request that counts against its peer's limits while this lives.
 class Hold {

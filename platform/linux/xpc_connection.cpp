@@ -5,18 +5,12 @@
 #include <cstring>
 #include <utility>
 
-#include "foundation/log.hpp"
 #include "platform/linux/worker_pool.hpp"
 #include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_place.hpp"
 
 namespace qm::xpc {
 namespace {
-
-Log& connectionLog() {
-  static Log& log = Log::create(kQMRLogSubsystem, "xpc");
-  return log;
-}
 
 OutgoingFrame makeFrame(FrameKind kind, std::uint64_t identifier, EncodedMessage message) {
   writeHeader({.bodyBytes = static_cast<std::uint32_t>(message.bytes.size() - kHeaderBytes),
@@ -193,7 +187,7 @@ void Connection::connect(const std::shared_ptr<Channel>& channel) {
   if (socket) return channel->start(std::move(socket), std::nullopt);
   const int error = errno;
   if (!isRetryable(error)) {
-    QM_LOG_DEBUG(connectionLog(), "Cannot connect to %{public}s: %{public}s", name_, std::strerror(error));
+    QM_LOG_DEBUG(transportLog(), "Cannot connect to %{public}s: %{public}s", name_, std::strerror(error));
     return lookUpFailed(channel);
   }
   EventLoop::shared().runAfter(kSendPause, [weak = weak_from_this(), channel] {
@@ -225,12 +219,12 @@ std::shared_ptr<Channel> Connection::channelToSend(bool& isNew) {
 void Connection::sendMessage(const XPCDictionary& message) {
   EncodedMessage encoded = encodeMessage(message, kHeaderBytes);
   if (encoded.refusal != nullptr)
-    QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
+    QM_LOG_ERROR(transportLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
                  encoded.refusal);
   const DictionaryRepresentation* dictionary = asDictionary(message);
   if (dictionary != nullptr && dictionary->isReply && dictionary->remote.representation().get() == this) {
     if (!dictionary->obligation->answer(std::move(encoded)))
-      QM_LOG_ERROR(connectionLog(), "Reply to pid %d sent twice", auditToken().processID());
+      QM_LOG_ERROR(transportLog(), "Reply to pid %d sent twice", auditToken().processID());
     return;
   }
   if (encoded.refusal == nullptr) send(std::move(encoded));
@@ -261,7 +255,7 @@ void Connection::sendMessageWithReply(const XPCDictionary& message, const Queue&
                                       std::chrono::milliseconds timeout) {
   EncodedMessage encoded = encodeMessage(message, kHeaderBytes);
   if (encoded.refusal == nullptr) return request(std::move(encoded), queue, std::move(handler), timeout);
-  QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
+  QM_LOG_ERROR(transportLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
                encoded.refusal);
   runReply({.queue = queue ? queue : Queue::global(), .handler = std::move(handler)},
            xpcErrorMessageRefused());
@@ -270,7 +264,7 @@ void Connection::sendMessageWithReply(const XPCDictionary& message, const Queue&
 XPCObject Connection::sendMessageWithReplySync(const XPCDictionary& message) {
   EncodedMessage encoded = encodeMessage(message, kHeaderBytes);
   if (encoded.refusal == nullptr) return requestSync(std::move(encoded)).reply;
-  QM_LOG_ERROR(connectionLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
+  QM_LOG_ERROR(transportLog(), "Message to pid %d not sent: %{public}s", auditToken().processID(),
                encoded.refusal);
   return xpcErrorMessageRefused();
 }

@@ -97,11 +97,6 @@ const cbor_callbacks& callbacks() {
   return table;
 }
 
-template <class Target, class... Arguments>
-XPCObject make(Arguments&&... arguments) {
-  return XPCObject(std::make_shared<Target>(std::forward<Arguments>(arguments)...));
-}
-
 // Every function that reads something returns the neutral result once the message is refused.
 class Decoder {
  public:

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <utility>
 
-#include "foundation/log.hpp"
 #include "platform/linux/xpc_admission.hpp"
 #include "platform/linux/xpc_connection.hpp"
 #include "platform/linux/xpc_disposal.hpp"
@@ -18,11 +17,6 @@ namespace {
 
 // Peers accepted before other sources of the event loop get their turn.
 constexpr int kAcceptsPerTurn = 16;
-
-Log& listenerLog() {
-  static Log& log = Log::create(kQMRLogSubsystem, "xpc");
-  return log;
-}
 
 // What one attempt brought.
 enum class Outcome : std::uint8_t { peer, nothing, drained, exhausted, ended };
@@ -62,7 +56,7 @@ Outcome acceptFromEndpoint(int listening, AcceptedPeer& accepted) {
                        received.descriptors.size() == 1 &&
                        isUnixSocket(received.descriptors.front().get(), SOCK_STREAM);
   if (!isSound) {
-    QM_LOG_ERROR(listenerLog(), "Ignoring a request for a connection from pid %d",
+    QM_LOG_ERROR(transportLog(), "Ignoring a request for a connection from pid %d",
                  received.sender ? received.sender->pid : 0);
     closeElsewhere(std::move(received.descriptors));
     return Outcome::nothing;
@@ -183,7 +177,7 @@ void Listener::ready() {
       case Outcome::exhausted:
         return pauseAccepting();
       case Outcome::ended:
-        QM_LOG_ERROR(listenerLog(), "A holder of the endpoint has shut it down");
+        QM_LOG_ERROR(transportLog(), "A holder of the endpoint has shut it down");
         return setReading(false);
     }
   }
@@ -207,7 +201,7 @@ void Listener::enter(AcceptedPeer accepted) {
   }
   if (answer == AdmissionPlaces::Answer::place) return deliverPeer(std::move(accepted));
   if (answer == AdmissionPlaces::Answer::wait) return;
-  QM_LOG_ERROR(listenerLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
+  QM_LOG_ERROR(transportLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
                accepted.peer.token.processID(), accepted.userID());
   closeSocketElsewhere(std::move(accepted.socket));
 }
@@ -233,7 +227,7 @@ void Listener::pauseAccepting() {
     isExhausted_ = true;
     source_.setInterest({});
   }
-  QM_LOG_ERROR(listenerLog(), "Cannot accept: %{public}s", std::strerror(error));
+  QM_LOG_ERROR(transportLog(), "Cannot accept: %{public}s", std::strerror(error));
   EventLoop::shared().runAfter(kAcceptPause, [weak = weak_from_this()] {
     const auto core = weak.lock();
     if (!core) return;
@@ -274,7 +268,7 @@ void Listener::cancel() {
 }
 
 void Listener::fail(const std::string& reason) {
-  QM_LOG_ERROR(listenerLog(), "Cannot listen as %{public}s: %{public}s", name_, reason);
+  QM_LOG_ERROR(transportLog(), "Cannot listen as %{public}s: %{public}s", name_, reason);
   cancel();
 }
 
@@ -317,7 +311,7 @@ std::shared_ptr<ConnectionCore> createAnonymousListener(const Queue& target) {
   auto listener = std::make_shared<Listener>(std::string(), target);
   std::optional<SocketPair> pair = makeSocketPair(SOCK_SEQPACKET);
   if (!pair || !receiveCredentials(pair->first.get())) {
-    QM_LOG_ERROR(listenerLog(), "No anonymous listener: %{public}s", std::strerror(errno));
+    QM_LOG_ERROR(transportLog(), "No anonymous listener: %{public}s", std::strerror(errno));
     return listener;
   }
   receiveProcess(pair->first.get());

@@ -16,11 +16,6 @@ namespace {
 
 using namespace xpc;
 
-template <class Target, class... Arguments>
-XPCObject make(Arguments&&... arguments) {
-  return XPCObject(std::make_shared<Target>(std::forward<Arguments>(arguments)...));
-}
-
 // The objects that there is one of are never destroyed: handlers may run while the process exits.
 template <class Target, class... Arguments>
 const XPCObject& makeImmortal(Arguments&&... arguments) {

@@ -62,6 +62,11 @@ struct DictionaryRepresentation final : XPCObject::Representation {
   bool isReply = false;
 };
 
+template <class Target, class... Arguments>
+XPCObject make(Arguments&&... arguments) {
+  return XPCObject(std::make_shared<Target>(std::forward<Arguments>(arguments)...));
+}
+
 // The content when the object is of the representation's type, else a null pointer.
 template <class Target>
 const Target* representationAs(const XPCObject& object, XPCType type) {
