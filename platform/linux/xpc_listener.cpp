@@ -139,6 +139,7 @@ void Listener::activate() {
     if (isActive_ || isCancelled_) return;
     isActive_ = true;
   }
+  if (!endpoint_ && name_.empty()) return fail("neither a name nor sockets of its own");
   std::string reason;
   std::unique_ptr<Place> place;
   if (!endpoint_) {

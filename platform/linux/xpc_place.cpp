@@ -127,6 +127,10 @@ Place::~Place() {
 }
 
 Place openPlace(const std::string& serviceName, std::string& reason) {
+  if (!isServiceName(serviceName)) {
+    reason = "no name for a service";
+    return {};
+  }
   if (FileDescriptor inherited = takeInheritedSocket(serviceName)) {
     const int flags = ::fcntl(inherited.get(), F_GETFL);
     if (flags < 0 || ::fcntl(inherited.get(), F_SETFL, flags | O_NONBLOCK) != 0 ||
@@ -134,10 +138,6 @@ Place openPlace(const std::string& serviceName, std::string& reason) {
       reason = failure("cannot take over the socket");
     else
       return Place(std::move(inherited), FileDescriptor(), std::string());
-    return {};
-  }
-  if (!isServiceName(serviceName)) {
-    reason = "no name for a service";
     return {};
   }
   const std::string folder = runFolder();

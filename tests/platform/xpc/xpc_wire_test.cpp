@@ -143,6 +143,26 @@ TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
   }
 }
 
+// In a process of its own, because the sockets are looked for once.
+TEST(XPCPlaceDeathTest, OnlyAServiceWithANameTakesOverTheServiceManagersSocket) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto takeOver = [] {
+    constexpr int kFirstPassed = 3;
+    const FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr anyAddress{.sa_family = AF_UNIX, .sa_data = {}};
+    if (::bind(listening.get(), &anyAddress, sizeof anyAddress.sa_family) != 0 ||
+        ::listen(listening.get(), 1) != 0)
+      return 1;
+    if (listening.get() != kFirstPassed) ::dup2(listening.get(), kFirstPassed);
+    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+    ::setenv("LISTEN_FDS", "1", 1);
+    std::string reason;
+    if (xpc::openPlace("", reason)) return 2;
+    return xpc::openPlace(uniqueServiceName(), reason).socket() == kFirstPassed ? 0 : 3;
+  };
+  EXPECT_EXIT(::_exit(takeOver()), testing::ExitedWithCode(0), "");
+}
+
 TEST(XPCListener, ARefusedPeersDescriptorThatCannotBeClosedKeepsNobodyWaiting) {
   const std::string name = uniqueServiceName();
   const XPCConnection listener = XPCConnection::createListener(name, Queue::serial("listener"));
