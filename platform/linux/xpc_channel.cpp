@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include "platform/linux/xpc_disposal.hpp"
@@ -185,26 +186,33 @@ bool Channel::sendWelcome() {
 
 void Channel::ready(const EventReadiness& readiness) {
   if (readiness.writable) flush();
-  hasHungUp_ = hasHungUp_ || readiness.hangUp;
-  if (readiness.readable || hasHungUp_) read(hasHungUp_);
+  if (readiness.hangUp || hasHungUp_) return readToTheEnd();
+  if (readiness.readable) read(kReadsPerTurn);
 }
 
 // What the process wrote before its end is in the socket by now.
 void Channel::processEnded() {
   processSource_.cancel();
-  hasHungUp_ = true;
-  read(true);
+  readToTheEnd();
   close(nullptr);
 }
 
-void Channel::read(bool untilEnd) {
+void Channel::read(int maximumReads) {
   bool isDrained = false;
-  for (int i = 0; isReading() && (untilEnd || i < kReadsPerTurn) && !isDrained; ++i)
+  for (int i = 0; isReading() && i < maximumReads && !isDrained; ++i)
     if (!readOnce(isDrained)) return;
   guardPartialFrame();
-  // A peer that is gone answers nothing and gets no answers: there is no use in waiting until it may be read
-  // again.
-  if (hasHungUp_ && !isReading()) close(nullptr);
+}
+
+// Whoever is gone sends nothing more: what it sent is delivered, full or not. It is no more than a socket
+// holds.
+void Channel::readToTheEnd() {
+  hasHungUp_ = true;
+  {
+    MutexLock lock(mutex_);
+    isPaused_ = false;
+  }
+  if (process()) read(std::numeric_limits<int>::max());
 }
 
 bool Channel::readOnce(bool& isDrained) {
@@ -412,7 +420,7 @@ void Channel::release(std::size_t bytes, std::size_t descriptors) {
 
 bool Channel::pauseIfFull() {
   MutexLock lock(mutex_);
-  if (!isPaused_ && isFull()) {
+  if (!isPaused_ && !hasHungUp_ && isFull()) {
     isPaused_ = true;
     updateInterest();
   }

@@ -87,7 +87,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void begin();
   void ready(const EventReadiness& readiness);
   void processEnded();
-  void read(bool untilEnd);
+  void read(int maximumReads);
+  void readToTheEnd();
   bool readOnce(bool& isDrained);
   bool checkSender(const Received& received);
   bool process();
@@ -96,6 +97,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   bool handleHello(const Frame& frame);
   void open(std::optional<OutgoingFrame> first);
   bool sendWelcome();
+  bool pauseIfFull();
   void guardPartialFrame();
   void finish();
 
@@ -103,7 +105,6 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void flush();
   Hold hold(const Frame& frame);
   void release(std::size_t bytes, std::size_t descriptors);
-  bool pauseIfFull();
   bool isReading() const;
   bool isFull() const QM_REQUIRES(mutex_);
   void write(std::vector<Block<void()>>& passed, const char*& failure) QM_REQUIRES(mutex_);

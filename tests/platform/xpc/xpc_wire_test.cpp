@@ -8,6 +8,7 @@
 #include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_admission.hpp"
 #include "platform/linux/xpc_channel.hpp"
+#include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_socket.hpp"
@@ -234,7 +235,7 @@ TEST_F(XPCWire, DescriptorsForAPeerThatDoesNotReadAreBounded) {
   EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
 }
 
-TEST_F(XPCWire, PastTheLimitOfUnansweredRequestsAPeerIsNotReadUntilSomeAreAnsweredButItsEndIsNoticed) {
+TEST_F(XPCWire, PastTheLimitOfUnansweredRequestsAPeerIsNotReadUntilSomeAreAnsweredOrItEnds) {
   RawClient eager = greetedClient();
   for (std::size_t i = 1; i <= xpc::kMaximumHeldMessages + 2; ++i)
     eager.writeFrame({.kind = FrameKind::request, .identifier = i}, kEmptyMap);
@@ -247,7 +248,13 @@ TEST_F(XPCWire, PastTheLimitOfUnansweredRequestsAPeerIsNotReadUntilSomeAreAnswer
   answer(requests.front(), "room for one");
   requests.push_back(*service.events->take());
   EXPECT_TRUE(requests.back().asDictionary());
+  constexpr int kLastWords = 50;
+  for (int i = 0; i < kLastWords; ++i)
+    eager.writeFrame({.kind = FrameKind::message},
+                     xpc::encodeMessage(textMessage(std::to_string(i)), 0).bytes);
   eager.closeSocket();
+  EXPECT_EQ(service.events->take()->asDictionary().count(), 0U) << "the last request";
+  for (int i = 0; i < kLastWords; ++i) EXPECT_EQ(textOf(service.events->take()), std::to_string(i));
   EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
 }
 
