@@ -190,11 +190,9 @@ void Connection::connect(const std::shared_ptr<Channel>& channel) {
     QM_LOG_DEBUG(transportLog(), "Cannot connect to %{public}s: %{public}s", name_, std::strerror(error));
     return lookUpFailed(channel);
   }
-  EventLoop::shared().runAfter(kSendPause, [weak = weak_from_this(), channel] {
-    const auto core = weak.lock();
-    if (!core) return;
-    auto& self = static_cast<Connection&>(*core);
-    if (!self.isCancelled()) self.connect(channel);
+  // Held meanwhile: what was sent is delivered, whoever lets go of it.
+  EventLoop::shared().runAfter(kSendPause, [self = self(), channel] {
+    if (!self->isCancelled()) self->connect(channel);
   });
 }
 

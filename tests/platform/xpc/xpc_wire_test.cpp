@@ -385,6 +385,20 @@ TEST_F(XPCWire, OutOfDescriptorsTheListenerWaitsAndGoesOn) {
   EXPECT_TRUE(service.events->take()->asDictionary());
 }
 
+TEST_F(XPCWire, OutOfDescriptorsAClientDeliversWhatWasSentThoughItIsLetGo) {
+  if (sanitizerNeedsDescriptors()) GTEST_SKIP() << kSanitizerReason;
+  expectServes();  // everything that is made once is made by now
+  EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
+  {
+    const DescriptorLimit exhausted(0);
+    const XPCConnection client = XPCConnection::createClient(name);
+    client.setEventHandler([](const XPCObject&) {});
+    client.activate();
+    client.sendMessage(textMessage("last words"));
+  }
+  EXPECT_EQ(textOf(service.events->take()), "last words");
+}
+
 TEST_F(XPCWire, DescriptorsThatCannotBeTakenEndTheConnectionOnly) {
   if (sanitizerNeedsDescriptors()) GTEST_SKIP() << kSanitizerReason;
   LogRecorder log;
