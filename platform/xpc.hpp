@@ -146,8 +146,8 @@ class XPCDictionary : public XPCObject {
   using XPCObject::XPCObject;
 };
 
-// Conversion of plain values. Errors become dictionaries; objects of other classes, descriptors, endpoints and
-// connections become nothing.
+// Conversion of plain values. Errors become dictionaries; objects of other classes, descriptors, endpoints
+// and connections become nothing.
 XPCObject xpcObjectFromValue(const Value& value);
 Value valueFromXPCObject(const XPCObject& object);
 
@@ -182,7 +182,8 @@ class XPCConnection : public XPCObject {
   XPCConnection() = default;
 
   // A service under its name. Nothing is opened before activate(); that a name is taken already, or cannot be
-  // had, reaches the handler as an error. Without a target queue handlers run on the global one.
+  // had, reaches the handler as an error. Handlers run on the target queue when that is serial. Without one,
+  // or with a concurrent one, the connections run beside each other, each handler one call at a time.
   static XPCConnection createListener(std::string_view serviceName, Queue targetQueue = {});
   static XPCConnection createAnonymousListener(Queue targetQueue = {});
   XPCEndpoint endpoint() const;  // of an anonymous listener
@@ -203,8 +204,8 @@ class XPCConnection : public XPCObject {
   // waits without limit; a reply that comes after the time-out is dropped.
   void sendMessageWithReply(const XPCDictionary& message, const Queue& queue, ReplyHandler handler,
                             std::chrono::milliseconds timeout = std::chrono::milliseconds::zero()) const;
-  // Waits for the reply, without limit, and returns it or an error object. Needs no queue and no worker, so it
-  // may also be called on the connection's own queue.
+  // Waits for the reply, without limit, and returns it or an error object. Needs no queue and no worker, so
+  // it may also be called on the connection's own queue.
   XPCObject sendMessageWithReplySync(const XPCDictionary& message) const;
   // Runs the block after everything sent before has left, or at once on a cancelled connection.
   void sendBarrier(Block<void()> block) const;

@@ -8,10 +8,11 @@
 #include <deque>
 #include <utility>
 
+#include "platform/common/thread_annotations.hpp"
 #include "platform/linux/activity_context.hpp"
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/process_threads.hpp"
-#include "platform/common/thread_annotations.hpp"
+#include "platform/linux/serial_target.hpp"
 #include "platform/linux/worker_pool.hpp"
 
 namespace qm {
@@ -260,6 +261,13 @@ Queue Queue::global() {
   // Never destroyed: workers may use it until the process has ended.
   static const Queue& queue = *new Queue(concurrent("com.quillmarsh.global"));
   return queue;
+}
+
+Queue serialTarget(const Queue& target) {
+  if (target && target.core()->serial) return target;
+  const Priority priority = target ? target.core()->priority : Priority();
+  return Queue::serial(target ? target.label() : "com.quillmarsh.xpc.connection", priority.qos,
+                       priority.relative);
 }
 
 const std::string& Queue::label() const {

@@ -307,7 +307,7 @@ void Connection::request(EncodedMessage message, PendingReply pending, std::chro
 }
 
 void Connection::sendBarrier(Block<void()> block) {
-  passBarrier([strand = events_.strand(), block = std::move(block)] { strand->async(block); });
+  passBarrier([queue = events_.queue(), block = std::move(block)] { queue.async(block); });
 }
 
 void Connection::passBarrier(Block<void()> barrier) {
@@ -351,10 +351,9 @@ std::string Connection::description() const {
 void Connection::channelReceived(const std::shared_ptr<Channel>& channel, Frame frame, Hold hold) {
   if (frame.header.kind == FrameKind::reply || frame.header.kind == FrameKind::unanswered)
     return deliverReply(channel, std::move(frame));
-  events_.strand()->async(
-      [self = self(), channel, frame = std::move(frame), hold = std::move(hold)]() mutable {
-        self->deliverMessage(channel, std::move(frame), std::move(hold));
-      });
+  events_.queue().async([self = self(), channel, frame = std::move(frame), hold = std::move(hold)]() mutable {
+    self->deliverMessage(channel, std::move(frame), std::move(hold));
+  });
 }
 
 void Connection::channelClosed(const std::shared_ptr<Channel>& channel) {
@@ -459,7 +458,7 @@ void Connection::runReply(PendingReply pending, const XPCObject& reply) {
 }
 
 void Connection::deliverError(const XPCObject& error, bool isFinal) {
-  events_.strand()->async([self = self(), error, isFinal] {
+  events_.queue().async([self = self(), error, isFinal] {
     const XPCConnection::EventHandler handler =
         isFinal ? self->events_.takeHandler() : self->events_.handler();
     if (handler) handler(error);

@@ -8,10 +8,10 @@
 #include <unordered_map>
 
 #include "platform/common/thread_annotations.hpp"
+#include "platform/linux/serial_target.hpp"
 #include "platform/linux/xpc_channel.hpp"
 #include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_object.hpp"
-#include "platform/linux/xpc_strand.hpp"
 #include "platform/xpc.hpp"
 
 namespace qm::xpc {
@@ -39,22 +39,28 @@ class ConnectionCore : public XPCObject::Representation, public std::enable_shar
   XPCObject handle() { return XPCObject(shared_from_this()); }
 };
 
-// The event handler of one connection and the strand it runs on.
+// The event handler of one connection and the serial queue it runs on.
 class EventDelivery {
  public:
-  explicit EventDelivery(const Queue& target) : strand_(std::make_shared<Strand>(target)) {}
+  explicit EventDelivery(const Queue& target) { setTarget(target); }
 
   void setHandler(XPCConnection::EventHandler handler);
-  const std::shared_ptr<Strand>& strand() const { return strand_; }
+  // What was asked for, perhaps null.
+  const Queue& target() const { return target_; }
+  const Queue& queue() const { return queue_; }
   // Before anything was delivered.
-  void setTarget(const Queue& target) { strand_ = std::make_shared<Strand>(target); }
-  // The handler at this moment; on the strand.
+  void setTarget(const Queue& target) {
+    target_ = target;
+    queue_ = serialTarget(target);
+  }
+  // The handler at this moment; on the queue.
   XPCConnection::EventHandler handler() const;
   // Takes the handler away, for the last call.
   XPCConnection::EventHandler takeHandler();
 
  private:
-  std::shared_ptr<Strand> strand_;
+  Queue target_;
+  Queue queue_;
   mutable Mutex mutex_;
   XPCConnection::EventHandler handler_ QM_GUARDED_BY(mutex_);
 };

@@ -91,7 +91,7 @@ class Listener final : public ConnectionCore {
     });
   }
   XPCObject sendMessageWithReplySync(const XPCDictionary&) override { return xpcErrorConnectionInvalid(); }
-  void sendBarrier(Block<void()> block) override { events_.strand()->async(std::move(block)); }
+  void sendBarrier(Block<void()> block) override { events_.queue().async(std::move(block)); }
   AuditToken auditToken() const override { return {}; }
   XPCEndpoint endpoint() const override { return endpoint_; }
   std::string description() const override;
@@ -250,8 +250,8 @@ void Listener::setReading(bool isReading) {
 void Listener::deliverPeer(AcceptedPeer accepted) {
   auto ticket = std::make_shared<Ticket>(weak_from_this(), accepted.userID());
   auto peer = Connection::createPeer(name_, std::move(accepted.socket), std::move(accepted.peer),
-                                     events_.strand()->target(), std::move(ticket));
-  events_.strand()->async([self = shared_from_this(), peer = XPCObject(std::move(peer))]() mutable {
+                                     events_.target(), std::move(ticket));
+  events_.queue().async([self = shared_from_this(), peer = XPCObject(std::move(peer))]() mutable {
     auto& listener = static_cast<Listener&>(*self);
     const XPCConnection::EventHandler handler = listener.events_.handler();
     if (!handler) return coreOf(peer).cancel();
@@ -290,7 +290,7 @@ void Listener::end() {
   place.reset();
   closeSocketElsewhere(std::move(accepting));
   for (AcceptedPeer& accepted : waiting) closeSocketElsewhere(std::move(accepted.socket));
-  events_.strand()->async([self = shared_from_this()] {
+  events_.queue().async([self = shared_from_this()] {
     auto& listener = static_cast<Listener&>(*self);
     if (const XPCConnection::EventHandler handler = listener.events_.takeHandler())
       handler(xpcErrorConnectionInvalid());

@@ -4,6 +4,7 @@
 
 #include "platform/linux/worker_pool.hpp"
 #include "platform/long_work.hpp"
+#include "support/blocked_items.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -11,34 +12,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using Clock = std::chrono::steady_clock;
-
-// Items of a concurrent queue, all running, that block as long as it lives.
-class BlockedItems {
- public:
-  BlockedItems(const Queue& queue, int count) : running_(count), done_(count) {
-    for (int index = 0; index < count; ++index) {
-      queue.async([this] {
-        running_.count_down();
-        end_.wait();
-        done_.count_down();
-      });
-    }
-    running_.wait();
-  }
-  ~BlockedItems() {
-    end_.count_down();
-    done_.wait();
-  }
-
- private:
-  std::latch running_;
-  std::latch end_{1};
-  std::latch done_;
-};
-
-int boundOfConcurrentItems() {
-  return static_cast<int>(WorkerPool::shared().boundedLimit());
-}
 
 TEST(SerialQueue, RunsItemsInOrderOneAtATimeWhileManySubmit) {
   constexpr int kItems = 500;

@@ -12,6 +12,7 @@
 #include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_codec.hpp"
 #include "platform/linux/xpc_limits.hpp"
+#include "support/blocked_items.hpp"
 #include "support/log_recorder.hpp"
 #include "xpc_test_support.hpp"
 
@@ -179,28 +180,39 @@ TEST(XPCConnection, EndsWithItsProcessThoughAnotherHasTheSocket) {
   ::waitpid(owner, nullptr, 0);
 }
 
-TEST(XPCListener, HandlersRunOneAtATimeAndOnTheGivenQueue) {
-  const std::string name = uniqueServiceName();
-  const Queue queue = Queue::concurrent("handlers");
-  const XPCConnection listener = XPCConnection::createListener(name, queue);
-  const auto seen = std::make_shared<Inbox<bool>>();
-  const auto running = std::make_shared<std::atomic<int>>(0);
-  listener.setEventHandler([=](const XPCObject& event) {
-    const XPCConnection peer = event.asConnection();
-    if (!peer) return;
-    peer.setEventHandler([=](const XPCObject&) {
-      const bool isAlone = running->fetch_add(1) == 0;
-      std::this_thread::yield();
-      running->fetch_sub(1);
-      seen->put(isAlone && queue.isCurrent());
+TEST(XPCListener, HandlersRunOneAtATimeAndOnASerialQueueThatIsGiven) {
+  const Queue serial = Queue::serial("handlers");
+  for (const Queue& queue : {serial, Queue::concurrent("handlers"), Queue()}) {
+    const std::string name = uniqueServiceName();
+    const XPCConnection listener = XPCConnection::createListener(name, queue);
+    const auto seen = std::make_shared<Inbox<bool>>();
+    const auto running = std::make_shared<std::atomic<int>>(0);
+    listener.setEventHandler([=](const XPCObject& event) {
+      const XPCConnection peer = event.asConnection();
+      if (!peer) return;
+      peer.setEventHandler([=](const XPCObject&) {
+        const bool isAlone = running->fetch_add(1) == 0;
+        std::this_thread::yield();
+        running->fetch_sub(1);
+        seen->put(isAlone && serial.isCurrent() == (queue == serial));
+      });
+      peer.activate();
     });
-    peer.activate();
-  });
-  listener.activate();
+    listener.activate();
+    const Client client(name);
+    for (int i = 0; i < 500; ++i) client.connection.sendMessage(textMessage("x"));
+    for (int i = 0; i < 500; ++i) ASSERT_TRUE(*seen->take());
+    listener.cancel();
+  }
+}
+
+TEST_F(XPCConnectionEnd, PeersAreAdmittedAndHeardWhileConcurrentItemsBlock) {
+  const BlockedItems blocked(Queue::global());
   const Client client(name);
-  for (int i = 0; i < 500; ++i) client.connection.sendMessage(textMessage("x"));
-  for (int i = 0; i < 500; ++i) ASSERT_TRUE(*seen->take());
-  listener.cancel();
+  client.connection.sendMessage(textMessage("heard"));
+  EXPECT_EQ(textOf(service.events->take()), "heard");
+  service.peers->take()->cancel();
+  EXPECT_EQ(*client.events->take(), xpcErrorConnectionInterrupted());
 }
 
 TEST(XPCListener, ItsFilesTellWhoMayWhatAndItsSocketGoesWithIt) {
