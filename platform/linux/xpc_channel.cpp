@@ -3,6 +3,7 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -64,7 +65,14 @@ Log& transportLog() {
 }
 
 Hold::~Hold() {
-  if (channel_) channel_->release(bytes_, descriptors_);
+  if (channel_) channel_->release(cost_);
+}
+
+void Hold::setValues(std::size_t values) {
+  const std::size_t surplus = (values_ - values) * kBytesPerValue;
+  values_ = values;
+  cost_.bytes -= surplus;
+  channel_->release({.bytes = surplus});
 }
 
 Channel::Channel(Role role, std::weak_ptr<ChannelDelegate> delegate, ChannelDeadlines deadlines)
@@ -392,20 +400,23 @@ void Channel::flush() {
 }
 
 Hold Channel::hold(const Frame& frame) {
-  const std::size_t bytes = kHeaderBytes + frame.body.size();
+  const std::size_t values = std::min(frame.body.size(), kMaximumValues);
+  const HeldCost cost{.messages = 1,
+                      .bytes = kHeaderBytes + frame.body.size() + values * kBytesPerValue,
+                      .descriptors = frame.descriptors.size()};
   MutexLock lock(mutex_);
-  ++heldMessages_;
-  heldBytes_ += bytes;
-  heldDescriptors_ += frame.descriptors.size();
-  return Hold(shared_from_this(), bytes, frame.descriptors.size());
+  held_.messages += cost.messages;
+  held_.bytes += cost.bytes;
+  held_.descriptors += cost.descriptors;
+  return Hold(shared_from_this(), cost, values);
 }
 
-void Channel::release(std::size_t bytes, std::size_t descriptors) {
+void Channel::release(const HeldCost& cost) {
   {
     MutexLock lock(mutex_);
-    --heldMessages_;
-    heldBytes_ -= bytes;
-    heldDescriptors_ -= descriptors;
+    held_.messages -= cost.messages;
+    held_.bytes -= cost.bytes;
+    held_.descriptors -= cost.descriptors;
     if (!isPaused_ || isFull()) return;
     isPaused_ = false;
   }
@@ -433,8 +444,8 @@ bool Channel::isReading() const {
 }
 
 bool Channel::isFull() const {
-  return heldMessages_ >= kMaximumHeldMessages || heldBytes_ >= kMaximumHeldBytes ||
-         heldDescriptors_ >= kMaximumHeldDescriptors;
+  return held_.messages >= kMaximumHeldMessages || held_.bytes >= kMaximumHeldBytes ||
+         held_.descriptors >= kMaximumHeldDescriptors;
 }
 
 void Channel::write(std::vector<Block<void()>>& passed, const char*& failure) {

@@ -22,20 +22,31 @@ class Channel;
 
 Log& transportLog();
 
+// What is received and not handled yet; bytes of memory.
+struct HeldCost {
+  std::size_t messages = 0;
+  std::size_t bytes = 0;
+  std::size_t descriptors = 0;
+};
+
 // A received message or request that counts against its peer's limits while this lives.
 class Hold {
  public:
   Hold() = default;
-  Hold(std::shared_ptr<Channel> channel, std::size_t bytes, std::size_t descriptors)
-      : channel_(std::move(channel)), bytes_(bytes), descriptors_(descriptors) {}
+  Hold(std::shared_ptr<Channel> channel, const HeldCost& cost, std::size_t values)
+      : channel_(std::move(channel)), cost_(cost), values_(values) {}
   Hold(Hold&& other) noexcept = default;
   Hold& operator=(Hold&&) = delete;
   ~Hold();
 
+  // The message turned out to have so many values, at most one for each byte of its body; until then it
+  // counts as if it had as many as it can. Not of an empty hold.
+  void setValues(std::size_t values);
+
  private:
   std::shared_ptr<Channel> channel_;
-  std::size_t bytes_ = 0;
-  std::size_t descriptors_ = 0;
+  HeldCost cost_;
+  std::size_t values_ = 0;
 };
 
 // Called on the event loop's thread, with no lock held.
@@ -104,7 +115,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   // Any thread.
   void flush();
   Hold hold(const Frame& frame);
-  void release(std::size_t bytes, std::size_t descriptors);
+  void release(const HeldCost& cost);
   bool isReading() const;
   bool isFull() const QM_REQUIRES(mutex_);
   void write(std::vector<Block<void()>>& passed, const char*& failure) QM_REQUIRES(mutex_);
@@ -137,9 +148,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   bool isDeaf_ QM_GUARDED_BY(mutex_) = false;      // the peer takes nothing any more
   bool isRefused_ QM_GUARDED_BY(mutex_) = false;
   bool isPaused_ QM_GUARDED_BY(mutex_) = false;  // not read until something is handled
-  std::size_t heldMessages_ QM_GUARDED_BY(mutex_) = 0;
-  std::size_t heldBytes_ QM_GUARDED_BY(mutex_) = 0;
-  std::size_t heldDescriptors_ QM_GUARDED_BY(mutex_) = 0;
+  HeldCost held_ QM_GUARDED_BY(mutex_);
   std::shared_ptr<Channel> lingering_ QM_GUARDED_BY(mutex_);  // itself, until everything is written
 };
 

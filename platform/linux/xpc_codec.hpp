@@ -35,6 +35,7 @@ int attachedDescriptor(const XPCObject& attachment);
 struct DecodedMessage {
   XPCDictionary message;          // null when refused
   const char* refusal = nullptr;  // what is wrong with it
+  std::size_t values = 0;         // in it, containers and itself included
 };
 
 // Takes the descriptors over: they end up in the message, or closed. Each must be used exactly once.

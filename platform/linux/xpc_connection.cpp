@@ -385,6 +385,7 @@ void Connection::deliverMessage(const std::shared_ptr<Channel>& channel, Frame f
   if (isCancelled() || channel->isRefused()) return;
   DecodedMessage decoded = decodeMessage(frame.body, std::move(frame.descriptors));
   if (decoded.refusal != nullptr) return channel->close(decoded.refusal);
+  hold.setValues(decoded.values);
   auto& dictionary = static_cast<DictionaryRepresentation&>(*decoded.message.representation());
   dictionary.remote = handle();
   if (frame.header.kind == FrameKind::request)

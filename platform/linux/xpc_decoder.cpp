@@ -111,7 +111,7 @@ class Decoder {
     for (const FileDescriptor& descriptor : descriptors_)
       if (refusal_ == nullptr && descriptor) refuse("unused descriptor");
     if (refusal_ != nullptr) return {.message = {}, .refusal = refusal_};
-    return {.message = message.asDictionary(), .refusal = nullptr};
+    return {.message = message.asDictionary(), .refusal = nullptr, .values = values_};
   }
 
  private:

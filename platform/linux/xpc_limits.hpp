@@ -12,12 +12,14 @@ namespace qm::xpc {
 inline constexpr std::size_t kMaximumBodyBytes = 4 * 1024 * 1024;
 // Arrays and dictionaries inside each other, the message itself included.
 inline constexpr std::size_t kMaximumDepth = 64;
-// Values in one message, containers included. A value takes some 100 bytes of memory, however short it is on
-// the wire.
+// Values in one message, containers included.
 inline constexpr std::size_t kMaximumValues = 65536;
+// What a received value counts for beside its bytes: it takes 80 to 220 bytes of memory, however short it is
+// on the wire.
+inline constexpr std::size_t kBytesPerValue = 128;
 // Descriptors and endpoints of one message together.
 inline constexpr std::size_t kMaximumDescriptors = 16;
-// Bytes waiting for a peer that does not read.
+// Bytes of memory for what waits for a peer that does not read.
 inline constexpr std::size_t kMaximumQueuedBytes = 16 * 1024 * 1024;
 // The descriptors among those: each stays open here until it has left.
 inline constexpr std::size_t kMaximumQueuedDescriptors = 1024;
@@ -28,7 +30,8 @@ inline constexpr std::chrono::seconds kFrameDeadline{30};
 
 // Requests without a reply and messages whose handler has not returned, of one peer.
 inline constexpr std::size_t kMaximumHeldMessages = 1024;
-// The bytes of those.
+// The bytes of those, and kBytesPerValue for each of their values. As long as a message was not looked into,
+// it counts as if it had as many as it can.
 inline constexpr std::size_t kMaximumHeldBytes = 16 * 1024 * 1024;
 // The descriptors of those.
 inline constexpr std::size_t kMaximumHeldDescriptors = 1024;

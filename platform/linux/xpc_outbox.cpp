@@ -13,6 +13,10 @@ namespace {
 
 constexpr std::size_t kFramesPerWrite = 16;
 
+std::size_t memoryOf(const OutgoingFrame& frame) {
+  return sizeof frame + frame.bytes.capacity();
+}
+
 Outbox::Result resultOf(int error) {
   switch (error) {
     case EAGAIN:
@@ -33,22 +37,32 @@ Outbox::Result resultOf(int error) {
 }  // namespace
 
 void Outbox::push(OutgoingFrame frame) {
-  bytes_ += frame.bytes.size();
-  descriptors_ += frame.attachments.size();
+  add(frame);
   frames_.push_back(std::move(frame));
 }
 
 void Outbox::pushFront(OutgoingFrame frame) {
-  bytes_ += frame.bytes.size();
-  descriptors_ += frame.attachments.size();
+  add(frame);
   frames_.push_front(std::move(frame));
+}
+
+void Outbox::add(const OutgoingFrame& frame) {
+  bytes_ += memoryOf(frame);
+  descriptors_ += frame.attachments.size();
+}
+
+void Outbox::popFront() {
+  bytes_ -= memoryOf(frames_.front());
+  descriptors_ -= frames_.front().attachments.size();
+  releaseElsewhere(std::move(frames_.front().attachments));
+  frames_.pop_front();
 }
 
 Outbox::Result Outbox::write(int socket, std::vector<Block<void()>>& passed) {
   while (!frames_.empty()) {
     if (frames_.front().barrier) {
       passed.push_back(std::move(frames_.front().barrier));
-      frames_.pop_front();
+      popFront();
       continue;
     }
     if (const Result result = writeOnce(socket); result != Result::drained) return result;
@@ -82,13 +96,10 @@ Outbox::Result Outbox::writeOnce(int socket) {
 }
 
 void Outbox::consume(std::size_t count) {
-  bytes_ -= count;
   written_ += count;
   while (!frames_.empty() && !frames_.front().barrier && written_ >= frames_.front().bytes.size()) {
     written_ -= frames_.front().bytes.size();
-    descriptors_ -= frames_.front().attachments.size();
-    releaseElsewhere(std::move(frames_.front().attachments));
-    frames_.pop_front();
+    popFront();
   }
 }
 

@@ -25,6 +25,7 @@ class Outbox {
   void pushFront(OutgoingFrame frame);
 
   bool empty() const { return frames_.empty(); }
+  // Of memory, each frame's until it is written.
   std::size_t bytes() const { return bytes_; }
   std::size_t descriptors() const { return descriptors_; }
 
@@ -44,9 +45,11 @@ class Outbox {
  private:
   Result writeOnce(int socket);
   void consume(std::size_t count);
+  void add(const OutgoingFrame& frame);
+  void popFront();
 
   std::deque<OutgoingFrame> frames_;
-  std::size_t bytes_ = 0;        // not yet written
+  std::size_t bytes_ = 0;
   std::size_t descriptors_ = 0;  // of all frames, each counted until its frame is written
   std::size_t written_ = 0;      // of the first frame
 };

@@ -258,6 +258,39 @@ TEST_F(XPCWire, PastTheLimitOfUnansweredRequestsAPeerIsNotReadUntilSomeAreAnswer
   EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
 }
 
+TEST_F(XPCWire, WhatIsUnansweredIsBoundedByItsMemoryAndNotByItsBytesOnTheWire) {
+  Bytes manyNumbers{0xa1, 0x61, 'v', 0x99, 0xff, 0xf0};
+  manyNumbers.resize(manyNumbers.size() + 0xfff0);  // zeros
+  RawClient eager = greetedClient();
+  for (const std::uint64_t identifier : {1U, 2U, 3U})
+    eager.writeFrame({.kind = FrameKind::request, .identifier = identifier}, manyNumbers);
+  std::deque<XPCObject> requests;
+  while (requests.size() < 2) requests.push_back(*service.events->take());
+  expectServes();  // and meanwhile nothing more came
+  EXPECT_EQ(*service.events->take(), xpcErrorConnectionInvalid());
+  EXPECT_EQ(service.events->size(), 0U);
+  answer(requests.front(), "room for one");
+  EXPECT_EQ(service.events->take()->asDictionary().value("v").asArray().count(), 0xfff0U);
+}
+
+TEST(XPCOutbox, SmallFramesCountWithTheMemoryTheyTake) {
+  xpc::Outbox outbox;
+  const auto push = [&outbox] {
+    outbox.push({.bytes = xpc::encodeMessage(textMessage("x"), xpc::kHeaderBytes).bytes,
+                 .attachments = {},
+                 .barrier = {}});
+  };
+  push();
+  const std::size_t one = outbox.bytes();
+  EXPECT_GE(one, sizeof(xpc::OutgoingFrame) + 512);
+  push();
+  EXPECT_EQ(outbox.bytes(), 2 * one);
+  std::optional<xpc::SocketPair> pair = xpc::makeSocketPair(SOCK_STREAM);
+  std::vector<Block<void()>> passed;
+  EXPECT_EQ(outbox.write(pair->first.get(), passed), xpc::Outbox::Result::drained);
+  EXPECT_EQ(outbox.bytes(), 0U);
+}
+
 // The listener's side of a channel of its own, with deadlines a test can wait for.
 struct LoneChannel : xpc::ChannelDelegate {
   void channelReceived(const std::shared_ptr<xpc::Channel>&, xpc::Frame, xpc::Hold) override {
