@@ -14,7 +14,7 @@ inline constexpr std::size_t kMaximumBodyBytes = 4 * 1024 * 1024;
 inline constexpr std::size_t kMaximumDepth = 64;
 // Values in one message, containers included.
 inline constexpr std::size_t kMaximumValues = 65536;
-// What a received value counts for beside its bytes: it takes 80 to 220 bytes of memory, however short it is
+// What a received value counts for beside its bytes: it takes 64 to 224 bytes of memory, however short it is
 // on the wire.
 inline constexpr std::size_t kBytesPerValue = 128;
 // Descriptors and endpoints of one message together.
