@@ -32,7 +32,7 @@ int main() {
 
   ListenerContext context;
   context.validator = validator;
-  context.requestHandlingQueue = queue;
+  context.requestHandlingQueue = RequestQueue(queue);
   context.makeProvider = [customization, settingsClient] {
     return QMRReputationLookup::reputationProviderWithBasaltEnabled(customization->useBasalt(),
                                                                     settingsClient);

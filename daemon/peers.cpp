@@ -59,7 +59,7 @@ void dispatch_listener_event(const ListenerContext& context, const XPCObject& ev
   });
 }
 
-void handle_peer_event(const std::shared_ptr<QMRReputationProtocol>& provider, const qm::Queue& queue,
+void handle_peer_event(const std::shared_ptr<QMRReputationProtocol>& provider, const RequestQueue& queue,
                        const XPCObject& event) {
   if (!event) {
     QM_LOG_ERROR(daemon_log(), "Received null event object in connection event handler, ignoring");

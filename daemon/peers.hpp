@@ -3,8 +3,8 @@
 
 #include <memory>
 
+#include "daemon/request_queue.hpp"
 #include "foundation/block.hpp"
-#include "platform/queue.hpp"
 #include "platform/xpc.hpp"
 #include "reputation/QMRReputationProtocol.hpp"
 
@@ -16,7 +16,7 @@ class QRMXPCConnectionValidator;
 struct ListenerContext {
   std::shared_ptr<QRMXPCConnectionValidator> validator;
   qm::Block<std::shared_ptr<QMRReputationProtocol>()> makeProvider;
-  qm::Queue requestHandlingQueue;
+  RequestQueue requestHandlingQueue;
 };
 
 // The listener's event handler. Every event that is not null is taken as a peer connection.
@@ -27,5 +27,5 @@ void handle_listener_event(const ListenerContext& context, const qm::XPCObject& 
 void dispatch_listener_event(const ListenerContext& context, const qm::XPCObject& event);
 
 // The event handler of one admitted peer. The provider may be null.
-void handle_peer_event(const std::shared_ptr<QMRReputationProtocol>& provider, const qm::Queue& queue,
+void handle_peer_event(const std::shared_ptr<QMRReputationProtocol>& provider, const RequestQueue& queue,
                        const qm::XPCObject& event);

@@ -4,16 +4,17 @@
 
 #include <memory>
 
+#include "daemon/request_queue.hpp"
 #include "foundation/error.hpp"
-#include "platform/queue.hpp"
 #include "platform/xpc.hpp"
 #include "reputation/QMRFileReputationResult.hpp"
 #include "reputation/QMRReputationProtocol.hpp"
 
-// Routes a message of a peer: a file reputation request moves to the queue, anything else is logged and gets
+// Routes a message of a peer: a file reputation request moves to the queue, there at the
+// share of the user it is made for, anything else is logged and gets
 // no reply. Returns at once. The provider may be null; then the request is answered with an error.
 void process_message(const std::shared_ptr<QMRReputationProtocol>& provider, const qm::XPCDictionary& message,
-                     const qm::Queue& queue);
+                     const RequestQueue& queue);
 
 // Answers one request, with everything temporary released when it returns.
 void process_file_reputation_request(const std::shared_ptr<QMRReputationProtocol>& provider,

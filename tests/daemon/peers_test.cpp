@@ -24,7 +24,7 @@ class Peers : public ::testing::Test {
     ListenerContext context;
     context.validator = std::make_shared<QRMXPCConnectionValidator>();
     context.validator->setSignatureVerifier(std::make_shared<BothAtOnceVerifier>());
-    context.requestHandlingQueue = Queue::concurrent("com.quillmarsh.reputationhandlingqueue");
+    context.requestHandlingQueue = RequestQueue(Queue::concurrent("com.quillmarsh.reputationhandlingqueue"));
     context.makeProvider = [this] {
       auto provider = std::make_shared<SubstituteProvider>();
       providers_.put(provider);

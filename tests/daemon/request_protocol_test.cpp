@@ -53,9 +53,35 @@ class RequestProtocol : public ::testing::Test {
 
   const FileDescriptor file_ = tenBytes();
   LogRecorder recorder_;
-  const Queue queue_ = Queue::concurrent("com.quillmarsh.reputationhandlingqueue");
+  const RequestQueue queue_{Queue::concurrent("com.quillmarsh.reputationhandlingqueue"), 2};
   const XPCConnection listener_ = XPCConnection::createAnonymousListener();
 };
+
+TEST_F(RequestProtocol, RequestsOfOneUserThatHangLeaveWorkersToTheOthersAndToLongFiles) {
+  Inbox<std::string> asked;
+  std::latch answers{1};
+  const auto provider = std::make_shared<SubstituteProvider>([&](const auto& request, const Reply& reply) {
+    asked.put(request->path());
+    if (request->path() == "hung") answers.wait();
+    reply(resultFor(request->path(), 0), nullptr);
+  });
+  const auto ask = [&](const char* name, std::uint64_t userID, std::int64_t size = 10) {
+    XPCDictionary request = requestFor(name, size);
+    request.setUInt64("uid", userID);
+    process_message(provider, request, queue_);  // nobody's peer: as one of root's
+  };
+  for (const char* name : {"hung", "hung", "first that waits", "second that waits"}) ask(name, 501);
+  EXPECT_EQ(asked.waitFor(2), (std::vector<std::string>{"hung", "hung"}));
+  ask("of another user", 502);
+  EXPECT_EQ(asked.waitFor(3).back(), "of another user");
+  ask("as long as it is said to be", 501, 1024 * 1024 + 1);
+  EXPECT_TRUE(eventually([&] {
+    return recorder_.hasContaining(LogLevel::error, "Error calculating hashes for as long as it is said");
+  }));
+  EXPECT_EQ(asked.size(), 3U);
+  answers.count_down();
+  EXPECT_THAT(asked.waitFor(5), ::testing::IsSupersetOf({"first that waits", "second that waits"}));
+}
 
 TEST_F(RequestProtocol, AReplyCarriesTheResultAndWhatTheClientWantsBack) {
   Inbox<std::shared_ptr<QMRFileReputationRequest>> asked;

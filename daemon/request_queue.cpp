@@ -1,0 +1,80 @@
+#include "daemon/request_queue.hpp"
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "platform/activity.hpp"
+
+struct RequestQueue::State {
+  State(qm::Queue target, std::size_t maximum) : queue(std::move(target)), maximumPerShare(maximum) {}
+
+  struct Use {
+    std::size_t running = 0;
+    std::deque<qm::Block<void()>> waiting;  // none while a part of the share is left
+  };
+
+  // False when it has to wait.
+  bool enter(const RequestShare& share, qm::Block<void()>& work);
+  // The next work of the share, which has the place now; null when there is none.
+  qm::Block<void()> leave(const RequestShare& share);
+  static void submit(const std::shared_ptr<State>& state, const RequestShare& share, qm::Block<void()> work);
+
+  const qm::Queue queue;
+  const std::size_t maximumPerShare;
+  std::mutex mutex;
+  std::map<RequestShare, Use> uses;  // of shares with work that runs
+};
+
+bool RequestQueue::State::enter(const RequestShare& share, qm::Block<void()>& work) {
+  const std::lock_guard lock(mutex);
+  Use& use = uses[share];
+  if (use.running < maximumPerShare) {
+    ++use.running;
+    return true;
+  }
+  use.waiting.push_back(std::move(work));
+  return false;
+}
+
+qm::Block<void()> RequestQueue::State::leave(const RequestShare& share) {
+  const std::lock_guard lock(mutex);
+  const auto found = uses.find(share);
+  Use& use = found->second;
+  if (use.waiting.empty()) {
+    if (--use.running == 0) uses.erase(found);
+    return {};
+  }
+  qm::Block<void()> next = std::move(use.waiting.front());
+  use.waiting.pop_front();
+  return next;
+}
+
+void RequestQueue::State::submit(const std::shared_ptr<State>& state, const RequestShare& share,
+                                 qm::Block<void()> work) {
+  state->queue.async([state, share, work = std::move(work)]() mutable {
+    work();
+    work = nullptr;  // what it holds goes before the next one begins
+    qm::Block<void()> next = state->leave(share);
+    if (!next) return;
+    // Not in the activity of the work that made room for it.
+    submit(state, share,
+           [next = std::move(next)] { qm::initiateActivity("Handle waiting XPC message", next); });
+  });
+}
+
+std::size_t RequestQueue::defaultMaximumPerShare() {
+  constexpr std::size_t kWorkers = 64;
+  constexpr std::size_t kWorkersPerProcessor = 5;
+  return std::max(kWorkers, kWorkersPerProcessor * std::thread::hardware_concurrency()) / 3;
+}
+
+RequestQueue::RequestQueue(qm::Queue queue, std::size_t maximumPerShare)
+    : state_(std::make_shared<State>(std::move(queue), maximumPerShare)) {}
+
+void RequestQueue::async(const RequestShare& share, qm::Block<void()> work) const {
+  if (state_->enter(share, work)) State::submit(state_, share, std::move(work));
+}

@@ -1,0 +1,38 @@
+// The queue on which requests are answered, shared out among the users whose files are asked about: what
+// waits for a file system that does not answer, and may have been mounted for that, takes no worker from the
+// others.
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "foundation/block.hpp"
+#include "platform/queue.hpp"
+
+// Whose share a request takes. Long files have one of their own: they wait for processors while short ones
+// pass (platform/long_work.hpp).
+struct RequestShare {
+  std::uint32_t userID = 0;
+  bool isOfLongFiles = false;
+  friend auto operator<=>(const RequestShare&, const RequestShare&) = default;
+};
+
+// A handle, cheap to copy.
+class RequestQueue {
+ public:
+  RequestQueue() = default;  // null: not to be used
+  // At most so many requests of one share run at once.
+  explicit RequestQueue(qm::Queue queue, std::size_t maximumPerShare = defaultMaximumPerShare());
+  // A third of the workers that concurrent queues have on this machine.
+  static std::size_t defaultMaximumPerShare();
+
+  // Runs the work on the queue; when the share is taken, behind what waits for it already, in order and
+  // without limit: what a peer may have in flight is bounded elsewhere. Any thread.
+  void async(const RequestShare& share, qm::Block<void()> work) const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
