@@ -6,6 +6,8 @@
 namespace qm {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // How long whoever is next waits before it looks whether those whose turn it is are asleep.
 constexpr std::chrono::milliseconds kTimeBetweenLooks{20};
 
@@ -19,8 +21,13 @@ void Turns::take(ThreadID self) {
   Condition turn;
   waiting_.push_back(&turn);
   while (waiting_.front() != &turn) turn.wait(lock);
+  // Whatever wakes it up earlier does not put the next look off.
+  auto nextLook = Clock::now() + kTimeBetweenLooks;
   while (!oneIsFree()) {
-    if (!turn.waitUntil(lock, std::chrono::steady_clock::now() + kTimeBetweenLooks) && someSleep()) break;
+    turn.waitUntil(lock, nextLook);
+    if (Clock::now() < nextLook) continue;
+    if (someSleep()) break;
+    nextLook = Clock::now() + kTimeBetweenLooks;
   }
   waiting_.pop_front();
   running_.push_back(self);
@@ -41,7 +48,7 @@ bool Turns::decideSecond(bool hasSecond) {
     ++seconds_;
     return true;
   }
-  callNext();
+  if (hasSecond) callNext();
   return false;
 }
 

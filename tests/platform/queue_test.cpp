@@ -2,6 +2,7 @@
 
 #include <semaphore>
 
+#include "platform/common/turns.hpp"
 #include "platform/linux/worker_pool.hpp"
 #include "platform/long_work.hpp"
 #include "support/blocked_items.hpp"
@@ -124,6 +125,28 @@ TEST(LongWork, DoesNotWaitForWhatIsAsleep) {
   std::vector<std::jthread> threads;
   for (std::size_t index = 0; index < WorkerPool::shared().processors() + 3; ++index)
     threads.emplace_back(work);
+}
+
+TEST(LongWork, DoesNotWaitForWhatIsAsleepBesideWorkThatAsksForMore) {
+  constexpr Turns::ThreadID kAsleep = 1, kFirstBusy = 2, kLast = 6;
+  Turns turns(kLast - 1, [](Turns::ThreadID thread) { return thread != kAsleep; });
+  for (Turns::ThreadID thread = kAsleep; thread < kLast; ++thread) turns.take(thread);
+  std::atomic<bool> end = false;
+  std::vector<std::jthread> busy;
+  for (Turns::ThreadID thread = kFirstBusy; thread < kLast; ++thread) {
+    busy.emplace_back([&] {
+      while (!end) EXPECT_FALSE(turns.decideSecond(false));
+    });
+  }
+  std::atomic<bool> cameIn = false;
+  std::jthread last([&] {
+    turns.take(kLast);
+    cameIn = true;
+  });
+  EXPECT_TRUE(eventually([&] { return cameIn.load(); }));
+  end = true;
+  busy.clear();
+  turns.giveBack(kFirstBusy, false);  // it ends also when that failed
 }
 
 TEST(LongWork, UsesAnotherProcessorWhileNobodyWaits) {
