@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "client/download_origin.hpp"
 #include "client/reputation_message.hpp"
+#include "foundation/error.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
 #include "platform/user.hpp"
@@ -28,10 +28,6 @@ ReputationClientOptions inRange(ReputationClientOptions options) {
   options.reconnectTimeout = std::min(options.reconnectTimeout, kLongestWait);
   options.delayedAnswerTimeout = std::min(options.delayedAnswerTimeout, kLongestWait);
   return options;
-}
-
-std::string systemErrorText(int errorNumber) {
-  return std::generic_category().message(errorNumber);
 }
 
 OpenedFile adopt(FileDescriptor descriptor) {

@@ -4,12 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "filefacts/concurrent_digests.hpp"
 #include "filefacts/hash_cache.hpp"
+#include "foundation/error.hpp"
 #include "foundation/log.hpp"
+#include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
 #include "platform/long_work.hpp"
 #include "platform/read_buffer.hpp"
@@ -48,10 +49,6 @@ qm::ErrorPtr makeProviderError(ErrorCode code) {
 
 qm::ErrorPtr makeProviderError(ErrorCode code, int errnoValue) {
   return qm::makeError(QMRHashProviderErrorDomain, static_cast<std::int64_t>(code), {{"errno", errnoValue}});
-}
-
-std::string errnoText(int errnoValue) {
-  return std::generic_category().message(errnoValue);
 }
 
 template <class Digest>
@@ -164,7 +161,7 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
   const qm::ReadBuffer buffer(isLong ? 2 * portionSize : portionSize);
   if (!buffer) {
     // Deliberately, the caller's error stays as it is.
-    QM_LOG_ERROR(log, "Error allocating buffer of %zd bytes: %s", expectedSize, errnoText(errno));
+    QM_LOG_ERROR(log, "Error allocating buffer of %zd bytes: %s", expectedSize, qm::systemErrorText(errno));
     return nullptr;
   }
   FileReading reading(buffer, portionSize);
@@ -172,7 +169,7 @@ std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::generateHashesForFiledescrip
   readAndHash(descriptor, readSize, reading);
   if (reading.failed) {
     QM_LOG_ERROR(log, "Error reading from file descriptor (errno=%d): %s", reading.errnoValue,
-                 errnoText(reading.errnoValue));
+                 qm::systemErrorText(reading.errnoValue));
     qm::setError(error, makeProviderError(ErrorCode::readFailed, reading.errnoValue));
     return nullptr;
   }
@@ -224,14 +221,7 @@ std::string QMRHashProvider::hexStringForBytes(const std::uint8_t* bytes, std::s
     QM_LOG_ERROR(hashProviderLog(), "Invalid hash buffer received");
     return {};
   }
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * size);
-  for (std::size_t i = 0; i < size; ++i) {
-    text.push_back(kDigits[bytes[i] >> 4]);
-    text.push_back(kDigits[bytes[i] & 0x0F]);
-  }
-  return text;
+  return qm::hexadecimal(bytes, size);
 }
 
 std::shared_ptr<QMRHashCacheEntry> QMRHashProvider::hashesForPath(const std::string& path,

@@ -58,10 +58,6 @@ constexpr std::array kErrnoNames{
     NamedErrno{ECONNRESET, "ECONNRESET"},
 };
 
-std::string systemErrorText(int number) {
-  return std::generic_category().message(number);
-}
-
 const std::string* text(const Dictionary& userInfo, const char* key) {
   return find<std::string>(userInfo, key);
 }
@@ -211,6 +207,10 @@ bool operator==(const Error& a, const Error& b) {
 
 ErrorPtr makeError(std::string domain, std::int64_t code, Dictionary userInfo) {
   return std::make_shared<const Error>(std::move(domain), code, std::move(userInfo));
+}
+
+std::string systemErrorText(int errnoValue) {
+  return std::generic_category().message(errnoValue);
 }
 
 ErrorPtr makePOSIXError(int errnoValue) {

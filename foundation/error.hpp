@@ -46,6 +46,8 @@ class Error {
 };
 
 ErrorPtr makeError(std::string domain, std::int64_t code, Dictionary userInfo = {});
+// strerror's text; any thread.
+std::string systemErrorText(int errnoValue);
 // NSPOSIXErrorDomain with the errno value as code.
 ErrorPtr makePOSIXError(int errnoValue);
 // NSCocoaErrorDomain as reading the file gives it: the code that belongs to the errno value (260 missing, 257

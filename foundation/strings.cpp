@@ -258,6 +258,17 @@ std::string lossyUTF8(std::string_view text) {
   return result;
 }
 
+std::string hexadecimal(const std::uint8_t* bytes, std::size_t length) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * length);
+  for (std::size_t i = 0; i < length; ++i) {
+    text.push_back(kDigits[bytes[i] >> 4]);
+    text.push_back(kDigits[bytes[i] & 0x0f]);
+  }
+  return text;
+}
+
 std::string base64(const std::uint8_t* bytes, std::size_t length) {
   static constexpr std::string_view kAlphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

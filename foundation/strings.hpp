@@ -42,6 +42,9 @@ bool isValidUTF8(std::string_view text);
 // The text with every ill-formed sequence replaced by U+FFFD.
 std::string lossyUTF8(std::string_view text);
 
+// Two lower-case digits a byte.
+std::string hexadecimal(const std::uint8_t* bytes, std::size_t length);
+
 // Standard alphabet, padded, no line breaks (RFC 4648, section 4).
 std::string base64(const std::uint8_t* bytes, std::size_t length);
 

@@ -6,23 +6,13 @@
 #include <cstdio>
 
 #include "foundation/error.hpp"
+#include "foundation/strings.hpp"
 #include "foundation/utf8.hpp"
 
 namespace qm {
 namespace {
 
 constexpr std::size_t kIndent = 4;  // spaces for each nesting level
-
-std::string hexadecimal(const std::uint8_t* bytes, std::size_t length) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * length);
-  for (std::size_t i = 0; i < length; ++i) {
-    text.push_back(kDigits[bytes[i] >> 4]);
-    text.push_back(kDigits[bytes[i] & 0x0f]);
-  }
-  return text;
-}
 
 // The shortest digits that read back as the same number; an exponent where "%.16g" has one.
 std::string doubleText(double value) {

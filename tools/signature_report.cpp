@@ -56,13 +56,7 @@ std::string hashText(const X509* certificate) {
   unsigned char hash[EVP_MAX_MD_SIZE];
   unsigned length = 0;
   X509_digest(certificate, EVP_sha1(), hash, &length);
-  std::string text;
-  for (unsigned i = 0; i < length; ++i) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    text += kDigits[hash[i] >> 4];
-    text += kDigits[hash[i] & 15];
-  }
-  return text;
+  return hexadecimal(hash, length);
 }
 
 std::string describeCertificates(CMS_ContentInfo* cms) {

@@ -6,10 +6,10 @@
 #include <future>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "foundation/error.hpp"
 #include "platform/regular_file.hpp"
 #include "tools/qmr/display_text.hpp"
 #include "tools/qmr/exit_status.hpp"
@@ -49,7 +49,7 @@ int runPing(const PingOptions& options, ReputationClientOptions clientOptions, s
     answer = askOnce(clientOptions);
   }
   if (!answer) {
-    errors << "qmr: no empty file can be made: " << std::generic_category().message(errno) << '\n';
+    errors << "qmr: no empty file can be made: " << systemErrorText(errno) << '\n';
     return kNotAnswered;
   }
   if (!answer->answered()) {

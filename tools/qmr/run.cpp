@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
+#include "foundation/error.hpp"
 #include "platform/terminal.hpp"
 #include "tools/qmr/exit_status.hpp"
 
@@ -42,7 +42,7 @@ bool Feeder::end() {
 RunOutcome RunOutput::outcome(int exitStatus, std::ostream& errors) const {
   if (error_ == 0) return {.exitStatus = exitStatus};
   if (error_ == EPIPE) return {.exitStatus = exitStatus, .outputClosed = true};
-  errors << "qmr: the answers cannot be written: " << std::generic_category().message(error_) << '\n';
+  errors << "qmr: the answers cannot be written: " << systemErrorText(error_) << '\n';
   return {.exitStatus = std::max(exitStatus, kNotAnswered)};
 }
 

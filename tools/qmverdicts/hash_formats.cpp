@@ -4,6 +4,7 @@
 #include <array>
 #include <optional>
 
+#include "foundation/strings.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 
 namespace qm::qmverdicts {
@@ -25,16 +26,6 @@ bool isDecimal(std::string_view text) {
 
 bool isHexadecimal(std::string_view text) {
   return text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
-}
-
-std::string hexadecimal(const std::uint8_t* bytes, std::size_t length) {
-  std::string text;
-  text.reserve(2 * length);
-  for (std::size_t i = 0; i < length; ++i) {
-    text += "0123456789abcdef"[bytes[i] >> 4];
-    text += "0123456789abcdef"[bytes[i] & 15];
-  }
-  return text;
 }
 
 // Takes what stands before the next colon, or the rest, off the text.
