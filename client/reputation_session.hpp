@@ -68,7 +68,6 @@ class ReputationSession : public std::enable_shared_from_this<ReputationSession>
   void fail(const RequestPtr& request, ReputationFailure failure, std::string text);
   void failAll(ReputationFailure failure, const std::string& text);
   void finish(const RequestPtr& request);
-  void deliver(const Block<void(const ReputationAnswer&)>& receiver, ReputationAnswer answer) const;
   void closeOnQueue();
 
   // Delayed answers and deadlines: reputation_session_follow.cpp

@@ -8,7 +8,6 @@
 #include "platform/xpc.hpp"
 #include "reputation/QMRReputationProtocol.hpp"
 
-class QMRCustomization;
 class QRMXPCConnectionValidator;
 
 // What the listener's handler needs for each peer. The validator says who is admitted, the factory makes the

@@ -41,7 +41,7 @@ class Queue {
   void async(Block<void()> work) const;
   // Runs the work on the calling thread once all items queued before it are done (serial), or at once
   // (concurrent), and returns when it has run. From within the same serial queue it would never return: that
-  // is caught and ends the process. Takes any callable by reference; nothing is allocated for it on the heap.
+  // is caught and ends the process. Takes any callable by reference: it is not copied.
   template <class Work>
   void sync(Work&& work) const {
     syncBody([](void* context) { (*static_cast<std::remove_reference_t<Work>*>(context))(); },
