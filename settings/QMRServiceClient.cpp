@@ -266,12 +266,17 @@ void QMRServiceClient::resetSubscriptions() {
 void QMRServiceClient::trySubscribe() {
   const std::lock_guard lock(protocolListenersLock_);
   xpcConnection_.set(nullptr);
-  if (protocolListeners_.empty()) return;
+  if (protocolListeners_.empty() || renewalIsScheduled_) return;
+  renewalIsScheduled_ = true;
   if (trySubscribeBurndown_ >= 1) --trySubscribeBurndown_;
   const std::chrono::seconds delay = trySubscribeBurndown_ > 0 ? kQuickRetryDelay : kSlowRetryDelay;
   QM_LOG_DEBUG(classLog(), "Attempting to resubscribe everything in %ld sec", delay.count());
   reconnectAfter(delay, [client = weak_from_this()] {
-    if (const auto self = client.lock()) self->doContinueSubscribe();
+    const auto self = client.lock();
+    if (!self) return;
+    const std::lock_guard scheduledLock(self->protocolListenersLock_);
+    self->renewalIsScheduled_ = false;
+    self->doContinueSubscribe();
   });
 }
 

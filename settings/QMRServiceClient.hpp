@@ -114,7 +114,8 @@ class QMRServiceClient : public std::enable_shared_from_this<QMRServiceClient> {
   void connectionInvalidated();
   void resetSubscriptions();
   // Drops the connection and tries to renew the subscriptions 2 seconds later, or 120 after 29 tries in a row
-  // that did not succeed.
+  // that did not succeed. While one try is due, further breaks (of connections that calls made meanwhile)
+  // neither count nor bring another.
   void trySubscribe();
   // Renews one subscription that needs it, and when that succeeded the next.
   void continueSubscribe();
@@ -155,9 +156,10 @@ class QMRServiceClient : public std::enable_shared_from_this<QMRServiceClient> {
   qm::Property<std::shared_ptr<qm::RemoteConnection>> xpcConnection_;
   qm::Property<qm::XPCEndpoint> xpcEndpoint_;
   int trySubscribeBurndown_;  // quick retries that are left
+  bool renewalIsScheduled_ = false;
   qm::Property<ConnectionSetup> connectionSetup_;
 
-  // Of the subscriptions, of trySubscribeBurndown_, and of taking a connection out of xpcConnection_.
+  // Of the subscriptions, of when they are renewed, and of taking a connection out of xpcConnection_.
   mutable std::recursive_mutex protocolListenersLock_;
   // Of putting a connection into xpcConnection_, and of setting deallocating_. The inner of the two.
   std::recursive_mutex connectionLock_;
