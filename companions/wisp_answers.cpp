@@ -259,7 +259,7 @@ void WispAnswers::cache(const FileStatus& before, int descriptor, const ScannedF
   FileStatus after;
   if (!statDescriptor(descriptor, after) || after.changedNanoseconds != before.changedNanoseconds) return;
   const std::int64_t now = options_.now() * 1'000'000'000;
-  if (now - before.changedNanoseconds > kSettlingNanoseconds) cache_.put(before, scanned);
+  if (before.changedNanoseconds < now - kSettlingNanoseconds) cache_.put(before, scanned);
 }
 
 void WispAnswers::remember(const ScannedFile& analyzed) {

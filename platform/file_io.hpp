@@ -24,7 +24,7 @@ struct FileStatus {
   std::int64_t accessed = 0;
   std::int64_t modified = 0;
   // Nanoseconds since 1970: the last change of the content or of anything said here but `accessed`. Unlike
-  // `modified` nobody can set it.
+  // `modified` nobody can set it. Ends at about the years 1677 and 2262.
   std::int64_t changedNanoseconds = 0;
   bool isRegularFile = false;
   bool isDirectory = false;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/common/file_time.hpp"
 #include "platform/file_io.hpp"
 
 namespace qm {
@@ -28,7 +29,7 @@ void fill(FileStatus& status, const struct stat& facts) {
   status.created = creationTime(facts);
   status.accessed = facts.st_atimespec.tv_sec;
   status.modified = facts.st_mtimespec.tv_sec;
-  status.changedNanoseconds = facts.st_ctimespec.tv_sec * 1'000'000'000 + facts.st_ctimespec.tv_nsec;
+  status.changedNanoseconds = asNanoseconds(facts.st_ctimespec.tv_sec, facts.st_ctimespec.tv_nsec);
   status.isRegularFile = S_ISREG(facts.st_mode);
   status.isDirectory = S_ISDIR(facts.st_mode);
 }

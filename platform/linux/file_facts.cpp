@@ -14,6 +14,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/common/file_time.hpp"
+
 namespace qm {
 namespace {
 
@@ -35,7 +37,7 @@ bool statAt(int folder, const char* path, int flags, FileStatus& status) {
   status.created = hasBirthTime ? facts.stx_btime.tv_sec : earliestKnownTime(facts);
   status.accessed = facts.stx_atime.tv_sec;
   status.modified = facts.stx_mtime.tv_sec;
-  status.changedNanoseconds = facts.stx_ctime.tv_sec * 1'000'000'000 + facts.stx_ctime.tv_nsec;
+  status.changedNanoseconds = asNanoseconds(facts.stx_ctime.tv_sec, facts.stx_ctime.tv_nsec);
   status.isRegularFile = S_ISREG(facts.stx_mode);
   status.isDirectory = S_ISDIR(facts.stx_mode);
   return true;

@@ -1,5 +1,6 @@
 #include "platform/file_io.hpp"
 
+#include "platform/common/file_time.hpp"
 #include "platform/file_handle.hpp"
 #include "platform/regular_file.hpp"
 #include "support/child_process.hpp"
@@ -13,6 +14,20 @@ TEST(FileStatus, OfADescriptorThatIsNoneIsAnError) {
     EXPECT_FALSE(statDescriptor(bad, status));
     EXPECT_EQ(errno, EBADF);
   }
+}
+
+TEST(FileStatus, KeepsTheTimesOfStrangeFileSystemsInRange) {
+  using Limits = std::numeric_limits<std::int64_t>;
+  const struct {
+    std::int64_t seconds, nanoseconds, expected;
+  } cases[] = {{-1, 999'999'999, -1},
+               {9'223'372'035, 999'999'999, 9'223'372'035'999'999'999},
+               {9'223'372'037, 0, Limits::max()},
+               {Limits::max(), 999'999'999, Limits::max()},
+               {-9'223'372'036, 0, -9'223'372'036'000'000'000},
+               {-9'223'372'037, 0, Limits::min()},
+               {Limits::min(), 0, Limits::min()}};
+  for (const auto& c : cases) EXPECT_EQ(asNanoseconds(c.seconds, c.nanoseconds), c.expected) << c.seconds;
 }
 
 TEST(OpenForReading, DoesNotWaitForTheWriterOfAFIFO) {
