@@ -9,11 +9,11 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "platform/file_descriptor.hpp"
+#include "platform/linux/process_threads.hpp"
 
 namespace qm {
 namespace {
@@ -78,12 +78,8 @@ Interruption::Interruption(Block<void()> block) : watch_(std::make_unique<Watch>
   if (!watch_->event) return;
   signalThatCame = 0;
   wakeDescriptor = watch_->event.get();
-  try {
-    watch_->thread = std::thread([watch = watch_.get()] { watch->waitForSignal(); });
-  } catch (const std::system_error&) {
-    return;
-  }
-  watch_->install();
+  watch_->thread = startThread("qm.interruption", [watch = watch_.get()] { watch->waitForSignal(); });
+  if (watch_->thread.joinable()) watch_->install();
 }
 
 Interruption::~Interruption() {

@@ -1,7 +1,5 @@
 #include "platform/linux/path_watcher.hpp"
 
-#include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -14,6 +12,7 @@
 
 #include "foundation/strings.hpp"
 #include "platform/linux/inotify.hpp"
+#include "platform/linux/process_threads.hpp"
 
 namespace qm {
 namespace {
@@ -27,18 +26,6 @@ constexpr std::uint32_t kFileEvents =
 int millisecondsUntil(Clock::time_point time) {
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now());
   return static_cast<int>(std::max<std::int64_t>(rest.count(), 0));
-}
-
-// A thread that no signal of the process is delivered to.
-template <class Body>
-std::thread startQuietThread(Body body) {
-  sigset_t all;
-  sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
-  std::thread thread(std::move(body));
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  return thread;
 }
 
 // True when `set`, an epoll instance, has the descriptor from now on until it is closed.
@@ -55,7 +42,7 @@ PathWatcher::PathWatcher(std::string path, std::chrono::milliseconds settlingTim
       handler_(std::move(handler)),
       stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       waited_(::epoll_create1(EPOLL_CLOEXEC)) {
-  if (addReadable(waited_.get(), stop_.get())) thread_ = startQuietThread([this] { run(); });
+  if (addReadable(waited_.get(), stop_.get())) thread_ = startThread("qm.watcher", [this] { run(); });
 }
 
 PathWatcher::~PathWatcher() {

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <string_view>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "platform/file_descriptor.hpp"
@@ -50,18 +49,24 @@ class SignalsBlocked {
 
 }  // namespace
 
-bool startProcessThread(const char* name, std::function<void()> body) {
-  watchForForks();
+std::thread startThread(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;
   try {
-    std::thread([name, body = std::move(body)] {
+    return std::thread([name, body = std::move(body)] {
       ::pthread_setname_np(::pthread_self(), name);
       body();
-    }).detach();
-    return true;
+    });
   } catch (const std::system_error&) {
-    return false;
+    return {};
   }
+}
+
+bool startProcessThread(const char* name, std::function<void()> body) {
+  watchForForks();
+  std::thread thread = startThread(name, std::move(body));
+  if (!thread.joinable()) return false;
+  thread.detach();
+  return true;
 }
 
 bool isRunnable(::pid_t thread) {

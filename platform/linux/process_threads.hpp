@@ -1,17 +1,20 @@
-// The threads that serve the whole process (workers, event loop) until it ends, and the forks they do not
-// survive: a child made by fork() has none of them; until it executes a program it must not use what needs
-// them, nor touch what it shares with its parent.
+// Starting threads; those that serve the whole process (workers, event loop) until it ends, and the forks
+// they do not survive: a child made by fork() has none of them; until it executes a program it must not use
+// what needs them, nor touch what it shares with its parent.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstddef>
 #include <functional>
+#include <thread>
 
 namespace qm {
 
-// Starts a thread that is never joined. Signals are left to the main thread, except for those a thread causes
-// itself. False when there is no thread to be had now (limits, memory). The name holds 15 characters.
+// Signals are left to the main thread, except for those a thread causes itself. Not joinable when there is no
+// thread to be had now (limits, memory). The name holds 15 characters and lives for ever.
+[[nodiscard]] std::thread startThread(const char* name, std::function<void()> body);
+// The same with a thread that is never joined. False when there is none to be had.
 [[nodiscard]] bool startProcessThread(const char* name, std::function<void()> body);
 
 // True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in

@@ -5,8 +5,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <system_error>
 #include <thread>
+
+#include "platform/linux/process_threads.hpp"
 
 namespace qm {
 namespace {
@@ -110,10 +111,8 @@ OSStatus runSupervised(std::uint32_t userID, std::chrono::nanoseconds deadline,
     return kSecErrnoBase + EAGAIN;
   const auto job = std::make_shared<Job>();
   const auto end = std::chrono::steady_clock::now() + deadline;
-  std::thread thread;
-  try {
-    thread = std::thread([job, userID, work] { run(job, userID, work); });
-  } catch (const std::system_error&) {
+  std::thread thread = startThread("qm.supervised", [job, userID, work] { run(job, userID, work); });
+  if (!thread.joinable()) {
     Works::instance().end(userID, false);
     return kSecErrnoBase + EAGAIN;
   }

@@ -1,11 +1,33 @@
 #include "platform/linux/path_watcher.hpp"
 
+#include <pthread.h>
+
 #include "support/testing.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+
+// While it lives the process gets no further thread: there is no room for a stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    ::pthread_getattr_default_np(&before_);
+    pthread_attr_t huge;
+    ::pthread_getattr_default_np(&huge);
+    ::pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
+    ::pthread_setattr_default_np(&huge);
+    ::pthread_attr_destroy(&huge);
+  }
+  ~NoThreads() {
+    ::pthread_setattr_default_np(&before_);
+    ::pthread_attr_destroy(&before_);
+  }
+
+ private:
+  pthread_attr_t before_{};
+};
 
 // Follows the content of a file through a watcher, as the watcher's user does.
 class Follower {
@@ -27,6 +49,16 @@ class Follower {
   Inbox<std::string> seen_;
   PathWatcher watcher_;
 };
+
+TEST(PathWatcher, CallsNobodyWhenThereIsNoThreadToBeHad) {
+  sigset_t blocked;
+  {
+    const NoThreads none;
+    const PathWatcher watcher("/nowhere", 1h, [](bool) { return ADD_FAILURE(), false; });
+  }
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0);
+}
 
 TEST(PathWatcher, SeesAFileCreatedReplacedRemovedAndChangedBehindALink) {
   const ScratchFolder scratch;
