@@ -23,7 +23,8 @@ class FileHandleOperationException : public std::logic_error {
 
 class FileHandle {
  public:
-  // With closeOnDealloc the handle owns the descriptor and closes it when the last holder is gone.
+  // With closeOnDealloc the handle owns the descriptor. It is closed when the last holder is gone, soon after
+  // and on another thread: whoever that holder is need not wait for the file system.
   FileHandle(int descriptor, bool closeOnDealloc);
   ~FileHandle();
   FileHandle(const FileHandle&) = delete;

@@ -65,6 +65,8 @@ class XPCObject {
   static XPCObject uuid(const UUID& value);
   // Duplicates the descriptor, the caller keeps its own. Null for a bad descriptor.
   static XPCObject fileDescriptor(int descriptor);
+  // Takes the descriptor over. Null for an empty or a bad one.
+  static XPCObject fileDescriptor(FileDescriptor descriptor);
 
   explicit operator bool() const { return representation_ != nullptr; }
   XPCType type() const;  // the object must not be null

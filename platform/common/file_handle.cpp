@@ -9,6 +9,7 @@
 #include <limits>
 #include <vector>
 
+#include "platform/disposal.hpp"
 #include "platform/file_io.hpp"
 
 namespace qm {
@@ -31,7 +32,7 @@ FileHandle::FileHandle(int descriptor, bool closeOnDealloc)
     : descriptor_(descriptor), closeOnDealloc_(closeOnDealloc) {}
 
 FileHandle::~FileHandle() {
-  if (closeOnDealloc_) FileDescriptor(descriptor_).reset();
+  if (closeOnDealloc_) closeElsewhere(FileDescriptor(descriptor_));
 }
 
 std::shared_ptr<FileHandle> FileHandle::fileHandleForReadingAtPath(const std::string& path) {

@@ -11,6 +11,7 @@
 #include "foundation/object_description.hpp"
 #include "foundation/strings.hpp"
 #include "platform/darwin/remote_endpoint.hpp"
+#include "platform/disposal.hpp"
 
 namespace qm {
 namespace {
@@ -163,6 +164,12 @@ XPCObject XPCObject::uuid(const UUID& value) {
 }
 XPCObject XPCObject::fileDescriptor(int descriptor) {
   return xpc::adopt(xpc_fd_create(descriptor));
+}
+
+XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor) {
+  XPCObject object = fileDescriptor(descriptor.get());
+  closeElsewhere(std::move(descriptor));
+  return object;
 }
 
 XPCType XPCObject::type() const {

@@ -74,6 +74,10 @@ XPCObject XPCObject::fileDescriptor(int descriptor) {
   return adoptDescriptor(FileDescriptor(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)));
 }
 
+XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor) {
+  return adoptDescriptor(std::move(descriptor));
+}
+
 XPCType XPCObject::type() const {
   return representation_->type;
 }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/disposal.hpp"
 #include "platform/xpc.hpp"
 
 namespace qm {
@@ -36,6 +37,14 @@ struct Holding final : XPCObject::Representation {
   Content content;
 };
 
+// Of a file that a message carries: closed elsewhere, since a message may end on any thread.
+struct SentDescriptor : FileDescriptor {
+  explicit SentDescriptor(FileDescriptor descriptor) : FileDescriptor(std::move(descriptor)) {}
+  SentDescriptor(SentDescriptor&&) = delete;
+  SentDescriptor& operator=(SentDescriptor&&) = delete;
+  ~SentDescriptor() { qm::closeElsewhere(FileDescriptor(release())); }
+};
+
 using NullRepresentation = Holding<XPCType::null, Null>;
 using BooleanRepresentation = Holding<XPCType::boolean, bool>;
 using Int64Representation = Holding<XPCType::int64, std::int64_t>;
@@ -46,7 +55,7 @@ using DataRepresentation = Holding<XPCType::data, Data>;
 using StringRepresentation = Holding<XPCType::string, std::string>;
 using UUIDRepresentation = Holding<XPCType::uuid, UUID>;
 using ArrayRepresentation = Holding<XPCType::array, std::vector<XPCObject>>;
-using DescriptorRepresentation = Holding<XPCType::fileDescriptor, FileDescriptor>;
+using DescriptorRepresentation = Holding<XPCType::fileDescriptor, SentDescriptor>;
 using ErrorRepresentation = Holding<XPCType::error, std::string>;
 // The descriptor is the end through which a connection is asked for.
 using EndpointRepresentation = Holding<XPCType::endpoint, FileDescriptor>;

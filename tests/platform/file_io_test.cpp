@@ -1,9 +1,12 @@
 #include "platform/file_io.hpp"
 
 #include "platform/common/file_time.hpp"
+#include "platform/disposal.hpp"
 #include "platform/file_handle.hpp"
 #include "platform/regular_file.hpp"
+#include "platform/xpc.hpp"
 #include "support/child_process.hpp"
+#include "support/lingering_socket.hpp"
 
 namespace {
 
@@ -114,7 +117,18 @@ TEST(FileHandle, OwnsItsDescriptorWhenToldAndReadsFromWhereItWasSought) {
     EXPECT_TRUE(owner.seekToOffset(1'000'000));
     EXPECT_EQ(owner.readDataUpToLength(4), Data());
   }
-  EXPECT_FALSE(statDescriptor(number, status));
+  EXPECT_TRUE(eventually([&] { return !statDescriptor(number, status); }));
+}
+
+TEST(Disposal, KeepsNobodyWaitingForADescriptorThatCannotBeClosed) {
+  std::array<LingeringSocket, 2> lingering;
+  { const FileHandle last(lingering[0].socket.release(), true); }
+  XPCDictionary message = XPCDictionary::create();
+  message.setValue("file", XPCObject::fileDescriptor(std::move(lingering[1].socket)));
+  message = {};
+  Pipe pipe;
+  closeElsewhere(std::move(pipe.writeEnd));
+  EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
 }
 
 TEST(FileHandle, FailsOnFoldersAndClosedDescriptors) {
