@@ -35,8 +35,8 @@ ReputationVerdict verdictFromWire(std::int64_t verdict) {
 
 }  // namespace
 
-XPCDictionary makeReputationRequest(const ReputationRequestFacts& facts) {
-  const XPCObject descriptor = XPCObject::fileDescriptor(facts.descriptor);
+XPCDictionary makeReputationRequest(ReputationRequestFacts facts) {
+  const XPCObject descriptor = XPCObject::fileDescriptor(std::move(facts.descriptor));
   if (!descriptor) return {};
   XPCDictionary message = XPCDictionary::create();
   message.setBool("FileReputationRequest", true);

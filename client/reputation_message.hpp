@@ -5,6 +5,7 @@
 #include <string>
 
 #include "client/reputation_answer.hpp"
+#include "platform/file_descriptor.hpp"
 #include "platform/xpc.hpp"
 
 namespace qm {
@@ -14,13 +15,13 @@ struct ReputationRequestFacts {
   std::string filename;
   std::int64_t fileSize = 0;  // bytes
   std::uint32_t userID = 0;
-  int descriptor = -1;  // duplicated
+  FileDescriptor descriptor;
   bool downloaded = false;
 };
 
-// A "FileReputationRequest", its "txTime" the time of the call. Null when the descriptor cannot be
-// duplicated.
-XPCDictionary makeReputationRequest(const ReputationRequestFacts& facts);
+// A "FileReputationRequest", its "txTime" the time of the call; the descriptor is part of it from then on.
+// Null when that is a bad one.
+XPCDictionary makeReputationRequest(ReputationRequestFacts facts);
 
 // Fills in everything but path, downloaded, delayed and elapsed from a reply or a delayed response. One that
 // breaks the protocol gives malformedAnswer; levels above the last count as spam, as the service describes

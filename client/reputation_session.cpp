@@ -8,6 +8,7 @@
 #include "client/reputation_message.hpp"
 #include "foundation/error.hpp"
 #include "foundation/strings.hpp"
+#include "platform/disposal.hpp"
 #include "platform/file_io.hpp"
 #include "platform/user.hpp"
 
@@ -30,10 +31,12 @@ ReputationClientOptions inRange(ReputationClientOptions options) {
   return options;
 }
 
+// It has the descriptor in any case.
 OpenedFile adopt(FileDescriptor descriptor) {
   OpenedFile file;
+  file.descriptor = std::move(descriptor);
   FileStatus status;
-  if (!statDescriptor(descriptor.get(), status)) {
+  if (!statDescriptor(file.descriptor.get(), status)) {
     file.errorNumber = errno;
     return file;
   }
@@ -41,12 +44,12 @@ OpenedFile adopt(FileDescriptor descriptor) {
               : status.isDirectory ? FileKind::directory
                                    : FileKind::other;
   file.size = status.size;
-  if (file.kind == FileKind::regular) file.descriptor = std::move(descriptor);
   return file;
 }
 
 bool isDownloaded(const ReputationQuery& query, const OpenedFile& file) {
-  return query.downloaded ? *query.downloaded : file.descriptor && hasDownloadOrigin(file.descriptor.get());
+  if (query.downloaded) return *query.downloaded;
+  return file.kind == FileKind::regular && file.descriptor && hasDownloadOrigin(file.descriptor.get());
 }
 
 }  // namespace
@@ -116,35 +119,32 @@ void ReputationSession::start(const RequestPtr& request) {
 }
 
 void ReputationSession::open(const RequestPtr& request) {
-  if (request->query.descriptor) {
-    OpenedFile file = adopt(std::move(request->query.descriptor));
-    const bool downloaded = isDownloaded(request->query, file);
-    return examined(request, std::move(file), downloaded);
-  }
   if (stuckOpenings_ >= kStuckOpeningsLimit)
     return fail(request, ReputationFailure::timedOut,
                 "too many files before it are still waiting to be opened");
   request->opening = true;
   ++opening_;
-  openers_.async([self = shared_from_this(), request] {
-    const ReputationQuery& query = request->query;  // nobody changes it while it is being opened
-    auto file = std::make_shared<OpenedFile>(openRegularFile(query.path, query.symbolicLinks));
+  const auto given = std::make_shared<FileDescriptor>(std::move(request->query.descriptor));
+  openers_.async([self = shared_from_this(), request, given] {
+    const ReputationQuery& query = request->query;  // nobody changes what is used here meanwhile
+    const auto file = std::make_shared<OpenedFile>(*given ? adopt(std::move(*given))
+                                                          : openRegularFile(query.path, query.symbolicLinks));
     const bool downloaded = isDownloaded(query, *file);
-    self->queue_.async(
-        [self, request, file, downloaded] { self->opened(request, std::move(*file), downloaded); });
+    self->queue_.async([self, request, file, downloaded] { self->opened(request, *file, downloaded); });
   });
 }
 
-void ReputationSession::opened(const RequestPtr& request, OpenedFile file, bool downloaded) {
+void ReputationSession::opened(const RequestPtr& request, OpenedFile& file, bool downloaded) {
   if (std::exchange(request->opening, false))
     --opening_;
   else
     --stuckOpenings_;
-  if (!request->done) examined(request, std::move(file), downloaded);
+  if (!request->done) examined(request, file, downloaded);
+  closeElsewhere(std::move(file.descriptor));  // unless it is on its way
   pump();
 }
 
-void ReputationSession::examined(const RequestPtr& request, OpenedFile file, bool downloaded) {
+void ReputationSession::examined(const RequestPtr& request, OpenedFile& file, bool downloaded) {
   if (file.errorNumber != 0)
     fail(request, ReputationFailure::unreadableFile, systemErrorText(file.errorNumber));
   else if (file.kind != FileKind::regular)
@@ -152,17 +152,16 @@ void ReputationSession::examined(const RequestPtr& request, OpenedFile file, boo
   else if (file.size > kReputationMaximumFileSize)
     fail(request, ReputationFailure::fileTooLarge, "is larger than 512 MiB");
   else
-    prepared(request, file.descriptor, file.size, downloaded);
+    prepared(request, file, downloaded);
 }
 
-void ReputationSession::prepared(const RequestPtr& request, const FileDescriptor& descriptor,
-                                 std::int64_t size, bool downloaded) {
+void ReputationSession::prepared(const RequestPtr& request, OpenedFile& file, bool downloaded) {
   request->answer.downloaded = downloaded;
   request->message = makeReputationRequest({.requestID = request->identifier,
                                             .filename = request->filename,
-                                            .fileSize = size,
+                                            .fileSize = file.size,
                                             .userID = request->query.userID.value_or(currentUserID()),
-                                            .descriptor = descriptor.get(),
+                                            .descriptor = std::move(file.descriptor),
                                             .downloaded = downloaded});
   if (!request->message) return fail(request, ReputationFailure::unreadableFile, systemErrorText(errno));
   if (request->query.delayedAnswer) {
@@ -196,8 +195,8 @@ void ReputationSession::finish(const RequestPtr& request) {
   inFlight_.erase(request->identifier);
   dropTimer(request);
   request->link = 0;
-  request->message = {};
-  request->query.descriptor.reset();
+  releaseElsewhere(std::exchange(request->message, {}));
+  closeElsewhere(std::move(request->query.descriptor));
   if (std::exchange(request->opening, false)) {
     --opening_;
     ++stuckOpenings_;

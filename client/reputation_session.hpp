@@ -1,6 +1,6 @@
 // The state of one ReputationClient. Everything in it belongs to one serial queue, on which the connection's
-// events and the user's completions run too; files are opened on another queue, because opening can wait for
-// a slow disk.
+// events and the user's completions run too. Nothing there waits for a file: what opens one or looks at it is
+// done on another queue, and so is what closes it, because both can wait for a slow disk, or for ever.
 #pragma once
 
 #include <chrono>
@@ -61,10 +61,9 @@ class ReputationSession : public std::enable_shared_from_this<ReputationSession>
   void pump();
   void start(const RequestPtr& request);
   void open(const RequestPtr& request);
-  void opened(const RequestPtr& request, OpenedFile file, bool downloaded);
-  void examined(const RequestPtr& request, OpenedFile file, bool downloaded);
-  void prepared(const RequestPtr& request, const FileDescriptor& descriptor, std::int64_t size,
-                bool downloaded);
+  void opened(const RequestPtr& request, OpenedFile& file, bool downloaded);
+  void examined(const RequestPtr& request, OpenedFile& file, bool downloaded);
+  void prepared(const RequestPtr& request, OpenedFile& file, bool downloaded);
   void fail(const RequestPtr& request, ReputationFailure failure, std::string text);
   void failAll(ReputationFailure failure, const std::string& text);
   void finish(const RequestPtr& request);

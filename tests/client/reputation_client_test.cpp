@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 
 #include "platform/file_io.hpp"
+#include "support/lingering_socket.hpp"
 #include "support/scripted_service.hpp"
 
 namespace {
@@ -128,6 +129,18 @@ TEST_F(ClientTest, WhatIsNoReadableRegularFileIsReportedAndNotSent) {
     EXPECT_EQ(one.waitForOne().errorText, text) << name;
   }
   EXPECT_EQ(requests, 2);
+}
+
+TEST_F(ClientTest, ADescriptorThatCannotBeClosedKeepsNoOtherQuestionWaiting) {
+  const ScriptedService service(serviceName, trustAll);
+  LingeringSocket lingering;
+  ReputationClient client(options);
+  client.ask({.path = "socket", .descriptor = std::move(lingering.socket)}, answers.collector());
+  EXPECT_EQ(answers.waitForOne().failure, ReputationFailure::notARegularFile);
+  Answers others;
+  client.ask({.path = "given", .descriptor = openForReading(path.c_str())}, others.collector());
+  EXPECT_EQ(others.waitForOne().verdict, ReputationVerdict::trusted);
+  client.close();
 }
 
 TEST_F(ClientTest, DelayedAnswersFollowTheReplyOfTheirPathWhichNeedNotBeUTF8) {
