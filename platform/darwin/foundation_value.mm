@@ -46,9 +46,10 @@ id objectFrom(const ObjectPtr& object) {
     NSURL* its = [NSURL URLWithString:stringFrom(url->url().absoluteString()) encodingInvalidCharacters:NO];
     return its == nil ? [NSNull null] : its;
   }
+  QMRemoteRecord* its = nil;
   if (const auto record = std::dynamic_pointer_cast<const Record>(object))
-    return remote::objectForRecord(record);
-  return [NSNull null];
+    its = remote::objectForRecord(record);
+  return its == nil ? [NSNull null] : its;
 }
 
 Value fromNumber(NSNumber* number) {

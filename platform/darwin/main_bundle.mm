@@ -5,19 +5,6 @@
 #include "platform/darwin/foundation_value.hpp"
 
 namespace qm {
-namespace {
-
-std::optional<std::string> stringForKey(const Dictionary& dictionary, std::string_view key) {
-  const std::string* const value = find<std::string>(dictionary, key);
-  return value == nullptr ? std::nullopt : std::optional<std::string>(*value);
-}
-
-}  // namespace
-
-const MainBundle& MainBundle::instance() {
-  static const MainBundle bundle;
-  return bundle;
-}
 
 MainBundle::MainBundle() {
   @autoreleasepool {
@@ -28,14 +15,6 @@ MainBundle::MainBundle() {
       infoDictionary_ = std::move(*entries);
     bundlePath_ = textFrom(bundle.bundlePath);
   }
-}
-
-std::optional<std::string> MainBundle::bundleIdentifier() const {
-  return stringForKey(infoDictionary_, "CFBundleIdentifier");
-}
-
-std::optional<std::string> MainBundle::shortVersionString() const {
-  return stringForKey(infoDictionary_, "CFBundleShortVersionString");
 }
 
 std::optional<std::string> MainBundle::pathForResource(std::string_view name) const {

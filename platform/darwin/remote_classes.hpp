@@ -15,8 +15,10 @@
 
 namespace qm::remote {
 
-// The class for the record class, made when it is first asked for. Any thread.
+// The class for the record class, made when it is first asked for; nil when another class has the name. Any
+// thread.
 Class classForRecords(const RecordClass& recordClass);
+// Nil when another class has the name.
 QMRemoteRecord* objectForRecord(std::shared_ptr<const Record> record);
 // Those of the classes that there are here.
 NSSet<Class>* frameworkClasses(const CodedClasses& classes);

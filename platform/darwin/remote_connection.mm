@@ -1,270 +1,249 @@
-#include "platform/remote_connection.hpp"
+#include "platform/darwin/remote_connection.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <optional>
 #include <utility>
 
-#include "foundation/log.hpp"
 #include "platform/darwin/foundation_value.hpp"
-#include "platform/darwin/remote_core.hpp"
+#include "platform/darwin/raised_exception.hpp"
 #include "platform/darwin/remote_endpoint.hpp"
-#include "platform/darwin/remote_methods.hpp"
-#include "platform/queue.hpp"
 
-namespace qm {
+// The class has it, but no public header does, as it is with the call of libxpc for the same (see
+// xpc_connection.cpp). It is asked only where it is there.
+@interface NSXPCConnection (QMRAuditToken)
+@property(readonly) audit_token_t auditToken;
+@end
+
+namespace qm::remote {
 namespace {
 
-using Session = RemoteConnection::Core::Session;
+using Session = Connection::Session;
 
-Log& log() {
-  static Log& log = Log::create(kQMRLogSubsystem, "remote");
-  return log;
+// A peer that does not take what was sent to it does not keep a connection from its end for longer.
+constexpr std::chrono::seconds kLongestWaitForPeer{1};
+
+// Zeros as long as nobody is known. Without the whole token there is what the public interface tells; no
+// signature can be checked by that.
+AuditToken tokenOf(NSXPCConnection* connection) {
+  AuditToken token;
+  if (connection.processIdentifier == 0) return token;
+  if ([connection respondsToSelector:@selector(auditToken)]) {
+    const audit_token_t whole = connection.auditToken;
+    static_assert(sizeof whole == sizeof(AuditToken));
+    std::copy_n(whole.val, token.words.size(), token.words.begin());
+    return token;
+  }
+  token.words[1] = connection.effectiveUserIdentifier;
+  token.words[2] = connection.effectiveGroupIdentifier;
+  token.words[5] = static_cast<std::uint32_t>(connection.processIdentifier);
+  token.words[6] = static_cast<std::uint32_t>(connection.auditSessionIdentifier);
+  return token;
 }
 
-ErrorPtr makeRemoteError(RemoteErrorCode code, std::string text) {
-  return makeError(kCocoaErrorDomain, static_cast<std::int64_t>(code),
-                   {{kDebugDescriptionKey, std::move(text)}});
+void replied(const RemoteConnection::Core::Call& call, const RemoteMethodSignature& method,
+             const ConvertedValues& values) {
+  if (const std::optional<Array> reply = fitting(*method.reply, values)) {
+    if (call.reply) call.reply(*reply);
+    return;
+  }
+  QM_LOG_ERROR(remoteLog(), "The reply to %{public}s is not what the interface allows", call.selector);
+  if (call.errorHandler)
+    call.errorHandler(makeRemoteError(RemoteErrorCode::replyInvalid,
+                                      "the reply to " + call.selector + " is not what the interface allows"));
 }
 
-ErrorPtr cannotCall(const std::string& selector, const std::string& reason) {
-  QM_LOG_ERROR(log(), "Cannot call %{public}s: %{public}s", selector, reason);
-  return makeRemoteError(RemoteErrorCode::replyInvalid, "cannot call " + selector + ": " + reason);
-}
-
-// The reply with the values of the interface's types; nothing when one is missing or of another type.
-std::optional<Array> checkedReply(const RemoteMethodSignature& method, const remote::ReplyValues& values) {
-  Array result;
-  for (const std::optional<Value>& value : values)
-    if (value) result.push_back(*value);
-  return remote::fit(*method.reply, result) ? std::optional(std::move(result)) : std::nullopt;
-}
-
-// Nothing for a one-way method.
-remote::ReplyHandler replyHandler(const RemoteConnection::Core::Call& call,
-                                  const RemoteMethodSignature& method,
-                                  const std::shared_ptr<Session>& session) {
-  if (!method.reply) return nullptr;
-  // The session stays until its outstanding calls are answered.
-  return [call, method, session](const remote::ReplyValues& values) {
-    if (const std::optional<Array> reply = checkedReply(method, values)) {
-      if (call.reply) call.reply(*reply);
-      return;
-    }
-    QM_LOG_ERROR(log(), "The reply to %{public}s is not what the interface allows", call.selector);
-    if (call.errorHandler)
-      call.errorHandler(
-          makeRemoteError(RemoteErrorCode::replyInvalid,
-                          "the reply to " + call.selector + " is not what the interface allows"));
-  };
-}
-
-id proxyFor(const RemoteConnection::Core::Call& call, const std::shared_ptr<Session>& session) {
-  const RemoteConnection::ErrorHandler handler = call.errorHandler;
-  const std::shared_ptr<Session> kept = session;
-  void (^failed)(NSError*) = ^(NSError* error) {
-    (void)kept;
-    if (handler) handler(errorFrom(error));
-  };
-  return call.isSynchronous ? [session->connection synchronousRemoteObjectProxyWithErrorHandler:failed]
-                            : [session->connection remoteObjectProxyWithErrorHandler:failed];
+bool isTaken(const RemoteInterface& interface, NSXPCInterface* its,
+             const std::optional<std::string>& raised) {
+  if (raised)
+    QM_LOG_FAULT(remoteLog(), "The interface %{public}s cannot be used: %{public}s", interface.protocolName(),
+                 *raised);
+  return its != nil && !raised;
 }
 
 }  // namespace
 
-std::shared_ptr<RemoteConnection> RemoteConnection::Core::create(NSXPCConnection* connection,
-                                                                 bool isOffered) {
-  const auto core = std::make_shared<Core>(std::make_shared<Session>(connection, isOffered), isOffered);
-  auto result = std::make_shared<RemoteConnection>(core);
-  core->owner_ = result;
-  const std::weak_ptr<Core> weak = core;
-  connection.interruptionHandler = ^{
-    if (const auto self = weak.lock()) self->interrupted();
-  };
-  connection.invalidationHandler = ^{
-    if (const auto self = weak.lock()) self->invalidated();
-  };
-  return result;
+Session::~Session() {
+  // The listener takes care of one that it offered and that nobody wanted.
+  if (isOffered_ && !isResumed_)
+    [connection invalidate];
+  else
+    invalidate();
 }
 
-void RemoteConnection::Core::Session::resume() {
+void Session::resume() {
   // More resumes than suspends are an error.
   if (!isResumed_.exchange(true)) [connection resume];
 }
 
-void RemoteConnection::Core::Session::invalidate() {
-  // One that was never active must not be released; the listener takes care of those that it offers. Nobody
-  // is called meanwhile.
-  if (!isOffered_ && !isResumed_.exchange(true)) {
-    connection.exportedObject = nil;
-    [connection resume];
+void Session::invalidate() {
+  if (isInvalidated_.exchange(true)) return;
+  NSXPCConnection* its = connection;
+  // One that was never active must not be released, nor would its handler be called.
+  if (!isResumed_.exchange(true)) {
+    [its resume];
+    return [its invalidate];
   }
-  [connection invalidate];
+  [its scheduleSendBarrierBlock:^{
+    [its invalidate];
+  }];
+  Queue::global().after(kLongestWaitForPeer, [its] { [its invalidate]; });
 }
 
-RemoteConnection::Core::Core(std::shared_ptr<Session> session, bool isOffered)
-    : isOffered_(isOffered), session_(std::move(session)) {}
-
-std::shared_ptr<Session> RemoteConnection::Core::session() const {
-  const std::lock_guard lock(mutex_);
-  return session_;
+std::shared_ptr<RemoteConnection> Connection::create(Kind kind, std::string serviceName,
+                                                     NSXPCConnection* connection) {
+  const auto session = std::make_shared<Session>(connection, kind == Kind::client);
+  const auto core = std::make_shared<Connection>(kind, std::move(serviceName), session);
+  const std::weak_ptr<Connection> weak = core;
+  const std::weak_ptr<Session> weakSession = session;
+  connection.interruptionHandler = ^{
+    if (const auto self = weak.lock()) self->interrupted();
+  };
+  connection.invalidationHandler = ^{
+    if (const auto its = weakSession.lock()) its->ended();
+    if (const auto self = weak.lock()) self->invalidated();
+  };
+  return core->makeConnection();
 }
 
-void RemoteConnection::Core::setRemoteObjectInterface(RemoteInterface interface) {
-  auto shared = std::make_shared<const RemoteInterface>(std::move(interface));
-  const std::shared_ptr<Session> its = session();
+// The framework tells nobody the queue of a connection.
+Connection::Connection(Kind kind, std::string serviceName, std::shared_ptr<Session> session)
+    : Core(kind, std::move(serviceName), Queue::global()), session_(std::move(session)) {
+  if (kind == Kind::client) client_ = tokenOf(session_.get()->connection);
+}
+
+AuditToken Connection::auditToken() const {
+  if (kind() == Kind::client) return client_;
+  const auto session = session_.get();
+  return session == nullptr ? AuditToken() : tokenOf(session->connection);
+}
+
+std::string Connection::description() const {
+  const auto session = session_.get();
   @autoreleasepool {
-    its->connection.remoteObjectInterface = remote::frameworkInterface(*shared);
-  }
-  const std::lock_guard lock(mutex_);
-  interface_.swap(shared);
-}
-
-RemoteInterface RemoteConnection::Core::remoteObjectInterface() const {
-  const std::lock_guard lock(mutex_);
-  return interface_ ? *interface_ : RemoteInterface();
-}
-
-void RemoteConnection::Core::setExport(RemoteExport exported) const {
-  const std::shared_ptr<Session> its = session();
-  @autoreleasepool {
-    its->connection.exportedInterface = remote::frameworkInterface(exported.interface());
-    its->connection.exportedObject = remote::exportedObject(std::move(exported));
+    return session == nullptr ? "(ended)" : textFrom(session->connection.description);
   }
 }
 
-void RemoteConnection::Core::setInterruptionHandler(Block<void()> handler) {
-  const std::lock_guard lock(mutex_);
-  if (!hasEnded_) std::swap(interruptionHandler_, handler);
+bool Connection::declareRemote(const RemoteInterface& interface) {
+  NSXPCInterface* its = nil;
+  const std::optional<std::string> raised = reasonRaisedBy([&] {
+    its = frameworkInterface(interface);
+    session_.get()->connection.remoteObjectInterface = its;
+  });
+  return isTaken(interface, its, raised);
 }
 
-void RemoteConnection::Core::setInvalidationHandler(Block<void()> handler) {
-  const std::lock_guard lock(mutex_);
-  if (!hasEnded_) std::swap(invalidationHandler_, handler);
+bool Connection::declareExport(const RemoteInterface& interface) {
+  NSXPCInterface* its = nil;
+  const std::weak_ptr<const Core> weak = weak_from_this();
+  const std::optional<std::string> raised = reasonRaisedBy([&] {
+    NSXPCConnection* connection = session_.get()->connection;
+    its = frameworkInterface(interface);
+    connection.exportedInterface = its;
+    connection.exportedObject = exportedObject([weak](const ReceivedCall& call) {
+      if (const auto self = weak.lock()) static_cast<const Connection&>(*self).received(call);
+    });
+  });
+  return isTaken(interface, its, raised);
 }
 
-void RemoteConnection::Core::resume() {
-  std::shared_ptr<Session> its;
-  {
-    const std::lock_guard lock(mutex_);
-    if (isInvalidated_) return;
-    if (isOffered_) self_ = owner_.lock();
-    its = session_;
-  }
-  its->resume();
+void Connection::end() {
+  if (const auto session = session_.get()) session->invalidate();
 }
 
-void RemoteConnection::Core::invalidate() {
-  std::shared_ptr<Session> its;
-  {
-    const std::lock_guard lock(mutex_);
-    if (std::exchange(isInvalidated_, true) || hasEnded_) return;
-    self_ = owner_.lock();
-    its = session_;
-  }
-  its->invalidate();
+void Connection::giveUp(bool /*wasResumed*/) {
+  session_.set(nullptr);
 }
 
-void RemoteConnection::Core::abandon() {
-  std::shared_ptr<Session> released;
-  Block<void()> interruption;
-  Block<void()> invalidation;
-  const std::lock_guard lock(mutex_);
-  hasEnded_ = true;
-  std::swap(released, session_);
-  std::swap(interruption, interruptionHandler_);
-  std::swap(invalidation, invalidationHandler_);
+void Connection::send(Call call, const Method& method, const Array& arguments) {
+  const auto session = session_.get();
+  if (session == nullptr || isEnding()) return fail(call, invalidError());
+  const Caller caller = callerFor(call.selector);
+  if (caller == nullptr)
+    return fail(call, cannotSendError(call.selector, "it is none of the remote methods"));
+  if (!fit(method->arguments, arguments))
+    return fail(call,
+                cannotSendError(call.selector, "an argument is of another type than the interface says"));
+  if (call.isSynchronous) return requestSync(session, caller, call, method, arguments);
+  request(session, caller, call, method, arguments);
 }
 
-void RemoteConnection::Core::interrupted() {
-  Block<void()> handler;
-  {
-    const std::lock_guard lock(mutex_);
-    if (!isInvalidated_) handler = interruptionHandler_;
-  }
-  if (handler) handler();
-}
-
-// The last that the framework calls.
-void RemoteConnection::Core::invalidated() {
-  std::shared_ptr<RemoteConnection> self;
-  Block<void()> interruption;
-  Block<void()> invalidation;
-  {
-    const std::lock_guard lock(mutex_);
-    isInvalidated_ = true;
-    hasEnded_ = true;
-    self = std::move(self_);
-    std::swap(interruption, interruptionHandler_);
-    std::swap(invalidation, invalidationHandler_);
-  }
-  if (invalidation) invalidation();
-}
-
-// What the framework's public interface tells.
-AuditToken RemoteConnection::Core::auditToken() const {
-  AuditToken token;
-  const std::shared_ptr<Session> its = session();
-  if (its == nullptr || its->connection.processIdentifier == 0) return token;
-  token.words[1] = its->connection.effectiveUserIdentifier;
-  token.words[2] = its->connection.effectiveGroupIdentifier;
-  token.words[5] = static_cast<std::uint32_t>(its->connection.processIdentifier);
-  token.words[6] = static_cast<std::uint32_t>(its->connection.auditSessionIdentifier);
-  return token;
-}
-
-std::string RemoteConnection::Core::description() const {
-  const std::shared_ptr<Session> its = session();
-  @autoreleasepool {
-    return its == nullptr ? "(ended)" : textFrom(its->connection.description);
-  }
-}
-
-void RemoteConnection::Core::fail(const Call& call, ErrorPtr error) {
-  if (!call.errorHandler) return;
-  if (call.isSynchronous) return call.errorHandler(error);
-  // The connection's own queue is the framework's; nobody waits for a call that was not sent in its order.
-  Queue::global().async([handler = call.errorHandler, error = std::move(error)] { handler(error); });
-}
-
-void RemoteConnection::Core::invoke(const Call& call, const Array& arguments) const {
-  std::shared_ptr<Session> its;
-  std::shared_ptr<const RemoteInterface> interface;
-  {
-    const std::lock_guard lock(mutex_);
-    its = session_;
-    interface = interface_;
-  }
-  if (its == nullptr)
-    return fail(call, makeRemoteError(RemoteErrorCode::invalid, "the connection was given up"));
-  const RemoteMethodSignature* method = interface ? interface->method(call.selector) : nullptr;
-  const remote::Caller caller = remote::callerFor(call.selector);
-  if (method == nullptr || caller == nullptr)
-    return fail(call, cannotCall(call.selector, "it is not in the interface of the remote object"));
-  if (!remote::fit(method->arguments, arguments))
-    return fail(call, cannotCall(call.selector, "an argument is of another type than the interface says"));
-  std::string raised;
-  @autoreleasepool {
-    @try {
-      caller(proxyFor(call, its), arguments, replyHandler(call, *method, its));
-    } @catch (NSException* exception) {
-      raised = textFrom(exception.reason);
-      if (raised.empty()) raised = "an exception without a reason";
-    }
-  }
+// The session stays until its outstanding calls are answered.
+void Connection::request(const std::shared_ptr<Session>& session, Caller caller, const Call& call,
+                         const Method& method, const Array& arguments) {
+  const std::shared_ptr<Session> kept = session;
+  const RemoteConnection::ErrorHandler handler = call.errorHandler;
+  void (^failed)(NSError*) = ^(NSError* error) {
+    (void)kept;
+    if (handler) handler(errorFrom(error));
+  };
+  ReplyHandler reply;
+  if (method->reply)
+    reply = [call, method, kept](const ConvertedValues& values) { replied(call, *method, values); };
+  id proxy = nil;
+  const std::optional<std::string> raised = reasonRaisedBy([&] {
+    proxy = [session->connection remoteObjectProxyWithErrorHandler:failed];
+    caller(proxy, arguments, reply);
+  });
   // The framework raises before it sends: neither the reply nor the error handler is called any more.
-  if (!raised.empty()) fail(call, cannotCall(call.selector, raised));
+  if (raised || proxy == nil)
+    fail(call, cannotSendError(call.selector, raised.value_or("there is no proxy")));
 }
 
-void RemoteProxy::invoke(std::string_view selector, Array arguments, ReplyHandler reply) const {
-  if (target_) target_->invoke(selector, arguments, std::move(reply));
+// What comes of the call is given on when the framework's has returned.
+void Connection::requestSync(const std::shared_ptr<Session>& session, Caller caller, const Call& call,
+                             const Method& method, const Array& arguments) {
+  struct Outcome {
+    std::optional<ConvertedValues> reply;
+    ErrorPtr error;
+  };
+  const auto outcome = std::make_shared<Outcome>();
+  void (^failed)(NSError*) = ^(NSError* error) {
+    outcome->error = errorFrom(error);
+  };
+  ReplyHandler reply;
+  if (method->reply) reply = [outcome](const ConvertedValues& values) { outcome->reply = values; };
+  const std::optional<std::string> raised = reasonRaisedBy([&] {
+    caller([session->connection synchronousRemoteObjectProxyWithErrorHandler:failed], arguments, reply);
+  });
+  if (outcome->reply) return replied(call, *method, *outcome->reply);
+  if (outcome->error == nullptr && (raised || method->reply))
+    outcome->error = cannotSendError(call.selector, raised.value_or("there is no proxy"));
+  if (outcome->error != nullptr) fail(call, outcome->error);
 }
+
+// A call whose arguments do not fit is dropped, as one is whose arguments the framework cannot decode.
+void Connection::received(const ReceivedCall& call) const {
+  if (isEnding()) return;
+  const std::string selector(call.selector);
+  const ExportedMethod called = exportedMethod(selector);
+  const std::optional<Array> arguments =
+      called.method ? fitting(called.method->arguments, call.arguments) : std::nullopt;
+  if (!arguments) {
+    QM_LOG_ERROR(remoteLog(), "Cannot take the arguments of a call of %{public}s, dropping it", selector);
+    return;
+  }
+  if (!called.method->reply) return (*called.handler)(*arguments, nullptr);
+  const auto answer = [method = called.method, reply = call.reply, selector](const Array& values) {
+    if (fit(*method->reply, values)) return reply(values);
+    QM_LOG_ERROR(remoteLog(),
+                 "Cannot reply to %{public}s: a value is of another type than the interface says", selector);
+  };
+  (*called.handler)(*arguments, onlyReply(selector, answer));
+}
+
+}  // namespace qm::remote
+
+namespace qm {
 
 std::shared_ptr<RemoteConnection> RemoteConnection::createWithMachServiceName(std::string_view name,
                                                                               std::uint64_t options) {
   @autoreleasepool {
-    return Core::create(
+    return remote::Connection::create(
+        Core::Kind::service, std::string(name),
         [[NSXPCConnection alloc] initWithMachServiceName:stringFrom(name)
-                                                 options:static_cast<NSXPCConnectionOptions>(options)],
-        false);
+                                                 options:static_cast<NSXPCConnectionOptions>(options)]);
   }
 }
 
@@ -274,51 +253,9 @@ std::shared_ptr<RemoteConnection> RemoteConnection::createWithListenerEndpoint(c
       remote::heldEndpoint(endpoint) == nullptr ? RemoteListener::anonymousListener()->endpoint() : endpoint;
   @autoreleasepool {
     auto* its = (__bridge NSXPCListenerEndpoint*)remote::heldEndpoint(used);
-    return Core::create([[NSXPCConnection alloc] initWithListenerEndpoint:its], false);
+    return remote::Connection::create(Core::Kind::endpoint, {},
+                                      [[NSXPCConnection alloc] initWithListenerEndpoint:its]);
   }
-}
-
-RemoteConnection::RemoteConnection(std::shared_ptr<Core> core) : core_(std::move(core)) {}
-
-RemoteConnection::~RemoteConnection() {
-  core_->abandon();
-}
-
-void RemoteConnection::setRemoteObjectInterface(RemoteInterface interface) {
-  core_->setRemoteObjectInterface(std::move(interface));
-}
-RemoteInterface RemoteConnection::remoteObjectInterface() const {
-  return core_->remoteObjectInterface();
-}
-void RemoteConnection::setExport(RemoteExport exported) {
-  core_->setExport(std::move(exported));
-}
-void RemoteConnection::setInterruptionHandler(Block<void()> handler) {
-  core_->setInterruptionHandler(std::move(handler));
-}
-void RemoteConnection::setInvalidationHandler(Block<void()> handler) {
-  core_->setInvalidationHandler(std::move(handler));
-}
-void RemoteConnection::resume() {
-  core_->resume();
-}
-void RemoteConnection::invalidate() {
-  core_->invalidate();
-}
-
-RemoteProxy RemoteConnection::remoteObjectProxyWithErrorHandler(ErrorHandler handler) {
-  return RemoteProxy(std::make_shared<RemoteProxy::Target>(core_, std::move(handler), false));
-}
-
-RemoteProxy RemoteConnection::synchronousRemoteObjectProxyWithErrorHandler(ErrorHandler handler) {
-  return RemoteProxy(std::make_shared<RemoteProxy::Target>(core_, std::move(handler), true));
-}
-
-AuditToken RemoteConnection::auditToken() const {
-  return core_->auditToken();
-}
-std::string RemoteConnection::description() const {
-  return core_->description();
 }
 
 }  // namespace qm

@@ -8,7 +8,7 @@
 
 namespace qm::remote {
 
-// Adds a reference.
+// Adds a reference. No endpoint for null.
 XPCEndpoint endpointHolding(CFTypeRef frameworkEndpoint);
 // Null when it holds none. Valid as long as the argument.
 CFTypeRef heldEndpoint(const XPCEndpoint& endpoint);

@@ -13,9 +13,9 @@
 
 namespace qm::remote {
 
-// What came in a reply, converted; nothing in the place of what could not be.
-using ReplyValues = std::vector<std::optional<Value>>;
-using ReplyHandler = Block<void(const ReplyValues& values)>;
+// What came in a call or a reply, converted; nothing in the place of what could not be.
+using ConvertedValues = std::vector<std::optional<Value>>;
+using ReplyHandler = Block<void(const ConvertedValues& values)>;
 // Calls one method of a proxy. The arguments fit the interface; the handler is null for a one-way method.
 using Caller = void (*)(id proxy, const Array& arguments, const ReplyHandler& reply);
 
@@ -26,12 +26,19 @@ Caller callerFor(std::string_view selector);
 // protocol here.
 NSXPCInterface* frameworkInterface(const RemoteInterface& interface);
 
-// Whether a value may stand in the place: numbers and booleans of just that type, objects of the class that
-// the C++ type takes, or null.
-bool fits(const RemoteParameter& parameter, const Value& value);
+// Whether the values may stand in the places: of their types, and objects of the class that the C++ type
+// takes, or null.
 bool fit(const std::vector<RemoteParameter>& parameters, const Array& values);
+// The values, when they all are there and fit.
+std::optional<Array> fitting(const std::vector<RemoteParameter>& parameters, const ConvertedValues& values);
 
-// The object that the framework calls for an export.
-id exportedObject(RemoteExport exported);
+// A call of the other side's. The reply is null for a one-way method, and takes what fits it, once.
+struct ReceivedCall {
+  std::string_view selector;
+  ConvertedValues arguments;
+  RemoteExport::Reply reply;
+};
+// The object that the framework calls for an export. Holds the block, and gives each call to it.
+id exportedObject(Block<void(const ReceivedCall& call)> received);
 
 }  // namespace qm::remote

@@ -1,53 +1,27 @@
 #include "platform/darwin/remote_methods.hpp"
 
-#include <atomic>
-#include <initializer_list>
-#include <limits>
-#include <memory>
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 
-#include "foundation/log.hpp"
+#include "platform/common/remote_core.hpp"
 #include "platform/darwin/foundation_value.hpp"
 #include "platform/darwin/remote_classes.hpp"
 #include "platform/darwin/remote_protocols.hpp"
 
-namespace {
-
-qm::Log& log() {
-  static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "remote");
-  return log;
-}
-
-}  // namespace
-
-// Holds an export and gives it each call by its selector. A call whose arguments do not fit is dropped, as
-// one is whose arguments the framework cannot decode.
+// Gives each call on, with its selector.
 @interface QMRemoteExportedObject : NSObject <RemoteActionEventsProtocol, RemoteActionExecutedEventsProtocol>
-- (instancetype)initWithExport:(qm::RemoteExport)exported;
+- (instancetype)initWithBlock:(qm::Block<void(const qm::remote::ReceivedCall&)>)received;
 @end
 
 @implementation QMRemoteExportedObject {
-  qm::RemoteExport _export;
+  qm::Block<void(const qm::remote::ReceivedCall&)> _received;
 }
 
-- (instancetype)initWithExport:(qm::RemoteExport)exported {
+- (instancetype)initWithBlock:(qm::Block<void(const qm::remote::ReceivedCall&)>)received {
   self = [super init];
-  if (self != nil) _export = std::move(exported);
+  if (self != nil) _received = std::move(received);
   return self;
-}
-
-- (void)call:(std::string_view)selector
-    arguments:(std::initializer_list<std::optional<qm::Value>>)arguments
-        reply:(qm::RemoteExport::Reply)reply {
-  const qm::RemoteMethodSignature* method = _export.interface().method(selector);
-  const qm::RemoteExport::Handler* handler = _export.handler(selector);
-  qm::Array values;
-  for (const std::optional<qm::Value>& argument : arguments)
-    if (argument) values.push_back(*argument);
-  if (method != nullptr && handler != nullptr && qm::remote::fit(method->arguments, values))
-    return (*handler)(values, reply);
-  QM_LOG_ERROR(log(), "Cannot take the arguments of a call of %{public}s, dropping it", selector);
 }
 
 - (void)remoteActionWasPushedWithName:(NSString*)name
@@ -55,21 +29,19 @@ qm::Log& log() {
                            actionData:(NSDictionary*)actionData
                     andFinishCallback:(void (^)(int64_t result))finishCallback {
   void (^finish)(int64_t) = [finishCallback copy];
-  const auto isAnswered = std::make_shared<std::atomic<bool>>(false);
-  [self call:"remoteActionWasPushedWithName:progressListener:actionData:andFinishCallback:"
-      arguments:{qm::valueFrom(name, qm::OtherObjects::refused),
-                 qm::valueFrom(progressListener, qm::OtherObjects::refused),
-                 qm::valueFrom(actionData, qm::OtherObjects::refused)}
-          reply:[finish, isAnswered](const qm::Array& values) {
-            // The framework takes one reply; several handlers of an action may each give theirs.
-            if (finish != nil && !isAnswered->exchange(true)) finish(*values.front().as<std::int64_t>());
-          }];
+  _received({.selector = "remoteActionWasPushedWithName:progressListener:actionData:andFinishCallback:",
+             .arguments = {qm::valueFrom(name, qm::OtherObjects::refused),
+                           qm::valueFrom(progressListener, qm::OtherObjects::refused),
+                           qm::valueFrom(actionData, qm::OtherObjects::refused)},
+             .reply = [finish](const qm::Array& values) {
+               if (finish != nil) finish(*values.front().as<std::int64_t>());
+             }});
 }
 
 - (void)remoteActionWasExecutedWithName:(NSString*)name andCompletionResult:(int64_t)completionResult {
-  [self call:"remoteActionWasExecutedWithName:andCompletionResult:"
-      arguments:{qm::valueFrom(name, qm::OtherObjects::refused), qm::Value(completionResult)}
-          reply:nullptr];
+  _received({.selector = "remoteActionWasExecutedWithName:andCompletionResult:",
+             .arguments = {qm::valueFrom(name, qm::OtherObjects::refused), qm::Value(completionResult)},
+             .reply = nullptr});
 }
 
 @end
@@ -302,36 +274,24 @@ NSXPCInterface* frameworkInterface(const RemoteInterface& interface) {
   return result;
 }
 
-bool fits(const RemoteParameter& parameter, const Value& value) {
-  switch (parameter.type) {
-    case RemoteType::boolean:
-      return value.as<bool>() != nullptr;
-    case RemoteType::int64:
-      return value.as<std::int64_t>() != nullptr;
-    case RemoteType::uint64:
-      return value.as<std::uint64_t>() != nullptr;
-    case RemoteType::uint32: {
-      const auto* number = value.as<std::uint64_t>();
-      return number != nullptr && *number <= std::numeric_limits<std::uint32_t>::max();
-    }
-    case RemoteType::real:
-      return value.as<double>() != nullptr;
-    case RemoteType::object:
-      return value.isNull() || parameter.objectClass.empty() ||
-             codedClassName(value) == parameter.objectClass;
-  }
-  return false;
-}
-
 bool fit(const std::vector<RemoteParameter>& parameters, const Array& values) {
-  if (parameters.size() != values.size()) return false;
-  for (std::size_t i = 0; i < values.size(); ++i)
-    if (!fits(parameters[i], values[i])) return false;
-  return true;
+  return std::equal(parameters.begin(), parameters.end(), values.begin(), values.end(),
+                    [](const RemoteParameter& parameter, const Value& value) {
+                      return fits(parameter.type, value) &&
+                             (value.isNull() || parameter.objectClass.empty() ||
+                              codedClassName(value) == parameter.objectClass);
+                    });
 }
 
-id exportedObject(RemoteExport exported) {
-  return [[QMRemoteExportedObject alloc] initWithExport:std::move(exported)];
+std::optional<Array> fitting(const std::vector<RemoteParameter>& parameters, const ConvertedValues& values) {
+  Array result;
+  for (const std::optional<Value>& value : values)
+    if (value) result.push_back(*value);
+  return fit(parameters, result) ? std::optional(std::move(result)) : std::nullopt;
+}
+
+id exportedObject(Block<void(const ReceivedCall& call)> received) {
+  return [[QMRemoteExportedObject alloc] initWithBlock:std::move(received)];
 }
 
 }  // namespace qm::remote

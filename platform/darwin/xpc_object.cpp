@@ -122,6 +122,7 @@ std::string describe(xpc_object_t object) {
 namespace remote {
 
 XPCEndpoint endpointHolding(CFTypeRef frameworkEndpoint) {
+  if (frameworkEndpoint == nullptr) return {};
   return XPCEndpoint::from(XPCObject(std::make_shared<RemoteEndpoint>(frameworkEndpoint)));
 }
 

@@ -21,29 +21,11 @@ Dictionary readInfoDictionary() {
   return dictionary == nullptr ? Dictionary() : std::move(*dictionary);
 }
 
-std::optional<std::string> stringForKey(const Dictionary& dictionary, std::string_view key) {
-  const std::string* const value = find<std::string>(dictionary, key);
-  return value == nullptr ? std::nullopt : std::optional<std::string>(*value);
-}
-
 }  // namespace
-
-const MainBundle& MainBundle::instance() {
-  static const MainBundle bundle;
-  return bundle;
-}
 
 MainBundle::MainBundle()
     : infoDictionary_(readInfoDictionary()),
       bundlePath_(stringByDeletingLastPathComponent(ownProgramPath())) {}
-
-std::optional<std::string> MainBundle::bundleIdentifier() const {
-  return stringForKey(infoDictionary_, "CFBundleIdentifier");
-}
-
-std::optional<std::string> MainBundle::shortVersionString() const {
-  return stringForKey(infoDictionary_, "CFBundleShortVersionString");
-}
 
 std::optional<std::string> MainBundle::pathForResource(std::string_view name) const {
   if (name.empty()) return std::nullopt;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "foundation/strings.hpp"
+#include "platform/common/remote_core.hpp"
 #include "platform/linux/xpc_limits.hpp"
 
 namespace qm::remote {
@@ -64,26 +65,6 @@ class Encoder {
   }
 
  private:
-  static bool fits(RemoteType type, const Value& value) {
-    switch (type) {
-      case RemoteType::boolean:
-        return value.as<bool>() != nullptr;
-      case RemoteType::int64:
-        return value.as<std::int64_t>() != nullptr;
-      case RemoteType::uint64:
-        return value.as<std::uint64_t>() != nullptr;
-      case RemoteType::uint32: {
-        const auto* number = value.as<std::uint64_t>();
-        return number != nullptr && *number <= std::numeric_limits<std::uint32_t>::max();
-      }
-      case RemoteType::real:
-        return value.as<double>() != nullptr;
-      case RemoteType::object:
-        return true;
-    }
-    return false;
-  }
-
   XPCObject refuse(std::string text) {
     failed_ = true;
     setError(error_, codingError(kCoderReadCorruptError, std::move(text)));

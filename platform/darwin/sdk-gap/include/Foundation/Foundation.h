@@ -324,6 +324,7 @@ typedef NS_OPTIONS(NSUInteger, NSXPCConnectionOptions) { NSXPCConnectionPrivileg
 - (void)suspend;
 - (void)activate;
 - (void)invalidate;
+- (void)scheduleSendBarrierBlock:(void (^)(void))block;
 @end
 
 @protocol NSXPCListenerDelegate <NSObject>
