@@ -14,7 +14,9 @@ extern "C" void xpc_connection_get_audit_token(xpc_connection_t connection, audi
 namespace qm {
 namespace {
 
+// Zeros as long as there is no peer: the system's own words then are not.
 AuditToken tokenOf(xpc_connection_t connection) {
+  if (xpc_connection_get_pid(connection) == 0) return {};
   audit_token_t token{};
   static_assert(sizeof token == sizeof(AuditToken));
   xpc_connection_get_audit_token(connection, &token);
