@@ -8,14 +8,18 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "foundation/log.hpp"
 #include "foundation/object_description.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "platform/darwin/foundation_value.hpp"
+#include "platform/darwin/raised_exception.hpp"
 #include "platform/queue.hpp"
 
 @protocol SVKSafetyVerdictFields
@@ -64,6 +68,11 @@ Log& log() {
   static Log& log = Log::create(kQMRLogSubsystem, "SVKSkyvaultServiceClient");
   return log;
 }
+
+constexpr const char* kErrorDomain = "SVKSkyvaultServiceClient";
+constexpr std::int64_t kFrameworkFailed = 1;
+// The framework keeps the time-outs itself; behind this much more they are kept here.
+constexpr std::chrono::seconds kGrace{5};
 
 struct VerdictConstant {
   const char* symbol;  // the framework's
@@ -114,73 +123,120 @@ NSUInteger wholeMilliseconds(std::chrono::milliseconds timeout) {
   return static_cast<NSUInteger>(std::max<std::chrono::milliseconds::rep>(timeout.count(), 0));
 }
 
+// The completion of one call. Whatever the framework does, it is called once, and on a queue: neither an
+// exception of the framework's reaches it, nor one of its own the framework.
+class Answer {
+ public:
+  // Keeps the handle until it was given.
+  Answer(SVKSkyvaultServiceClientProtocol::Completion completion, std::shared_ptr<FileHandle> handle)
+      : completion_(std::move(completion)), handle_(std::move(handle)) {}
+  ~Answer() { fail("The Skyvault client framework has let go of a call without an answer"); }
+  Answer(const Answer&) = delete;
+  Answer& operator=(const Answer&) = delete;
+
+  void give(id<SVKResponseFields> response, NSError* error) {
+    std::shared_ptr<const SVKSkyvaultResponse> converted;
+    ErrorPtr failure;
+    const std::optional<std::string> raised = reasonRaisedBy([&] {
+      failure = errorFrom(error);
+      converted = responseFrom(response);
+    });
+    if (raised) return fail("An answer of the Skyvault client framework cannot be read: " + *raised);
+    if (converted == nullptr && failure == nullptr)
+      return fail("The Skyvault client framework gives neither a response nor an error");
+    finish(std::move(converted), std::move(failure));
+  }
+  void fail(const std::string& reason) {
+    if (isGiven_) return;
+    QM_LOG_ERROR(log(), "%{public}s", reason);
+    finish(nullptr, makeError(kErrorDomain, kFrameworkFailed, {{kDebugDescriptionKey, reason}}));
+  }
+  void finish(std::shared_ptr<const SVKSkyvaultResponse> response, ErrorPtr error) {
+    if (isGiven_.exchange(true)) return;
+    Queue::global().async([completion = std::exchange(completion_, nullptr),
+                           handle = std::exchange(handle_, nullptr), response = std::move(response),
+                           error = std::move(error)] { completion(response, error); });
+  }
+
+ private:
+  SVKSkyvaultServiceClientProtocol::Completion completion_;
+  std::shared_ptr<FileHandle> handle_;
+  std::atomic<bool> isGiven_{false};
+};
+
 class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
  public:
   explicit FrameworkClient(id<SVKClientCalls> client) : client_(client) {}
 
   void queryReputationForFileHash(const std::string& sha256Hex, std::chrono::milliseconds timeout,
                                   Completion completion) override {
-    @autoreleasepool {
-      [client_ queryReputationForFileHash:stringFrom(sha256Hex)
-                                  timeout:wholeMilliseconds(timeout)
-                               completion:answerTo(std::move(completion), nullptr)];
-    }
+    call(std::make_shared<Answer>(std::move(completion), nullptr), timeout,
+         [&](FrameworkCompletion answered) {
+           [client_ queryReputationForFileHash:stringFrom(sha256Hex)
+                                       timeout:wholeMilliseconds(timeout)
+                                    completion:answered];
+         });
   }
 
   void analyzeMetadata(const Dictionary& metadata, std::chrono::milliseconds timeout,
                        Completion completion) override {
-    @autoreleasepool {
-      [client_ analyzeMetadata:dictionaryFrom(metadata)
-                       timeout:wholeMilliseconds(timeout)
-                    completion:answerTo(std::move(completion), nullptr)];
-    }
+    call(std::make_shared<Answer>(std::move(completion), nullptr), timeout,
+         [&](FrameworkCompletion answered) {
+           [client_ analyzeMetadata:dictionaryFrom(metadata)
+                            timeout:wholeMilliseconds(timeout)
+                         completion:answered];
+         });
   }
 
   void analyzeFileHandle(std::shared_ptr<FileHandle> fileHandle, const Dictionary& metadata,
                          std::chrono::milliseconds timeout, Completion completion) override {
-    @autoreleasepool {
-      // With a descriptor of its own: the framework may keep the handle longer than we keep ours.
-      NSFileHandle* handle = nil;
-      if (fileHandle != nullptr) {
-        const int own = ::fcntl(fileHandle->fileDescriptor(), F_DUPFD_CLOEXEC, 0);
-        if (own < 0) return fail(std::move(completion), makePOSIXError(errno));
-        handle = [[NSFileHandle alloc] initWithFileDescriptor:own closeOnDealloc:YES];
-      }
+    const auto answer = std::make_shared<Answer>(std::move(completion), fileHandle);
+    // With a descriptor of its own: the framework may keep the handle longer than we keep ours.
+    NSFileHandle* handle = nil;
+    if (fileHandle != nullptr) {
+      const int own = ::fcntl(fileHandle->fileDescriptor(), F_DUPFD_CLOEXEC, 0);
+      if (own < 0) return answer->finish(nullptr, makePOSIXError(errno));
+      handle = [[NSFileHandle alloc] initWithFileDescriptor:own closeOnDealloc:YES];
+    }
+    call(answer, timeout, [&](FrameworkCompletion answered) {
       [client_ analyzeFileHandle:handle
                         metadata:dictionaryFrom(metadata)
                          timeout:wholeMilliseconds(timeout)
-                      completion:answerTo(std::move(completion), std::move(fileHandle))];
-    }
+                      completion:answered];
+    });
   }
 
   void queryReputationForURL(const URL& url, const std::optional<std::vector<std::string>>& categories,
                              const std::optional<Dictionary>& metadata, std::chrono::milliseconds timeout,
                              Completion completion) override {
-    @autoreleasepool {
-      const Array names = categories ? Array(categories->begin(), categories->end()) : Array();
-      [client_ queryReputationForURL:[NSURL URLWithString:stringFrom(url.absoluteString())
-                                         encodingInvalidCharacters:NO]
-                          categories:categories ? objectFrom(Value(names)) : nil
-                            metadata:metadata ? dictionaryFrom(*metadata) : nil
-                             timeout:wholeMilliseconds(timeout)
-                          completion:answerTo(std::move(completion), nullptr)];
-    }
+    call(std::make_shared<Answer>(std::move(completion), nullptr), timeout,
+         [&](FrameworkCompletion answered) {
+           const Array names = categories ? Array(categories->begin(), categories->end()) : Array();
+           [client_ queryReputationForURL:[NSURL URLWithString:stringFrom(url.absoluteString())
+                                              encodingInvalidCharacters:NO]
+                               categories:categories ? objectFrom(Value(names)) : nil
+                                 metadata:metadata ? dictionaryFrom(*metadata) : nil
+                                  timeout:wholeMilliseconds(timeout)
+                               completion:answered];
+         });
   }
 
   std::string description() const override { return objectDescription("SVKSkyvaultServiceClient", this); }
 
  private:
-  static void fail(Completion completion, ErrorPtr error) {
-    Queue::global().async(
-        [completion = std::move(completion), error = std::move(error)] { completion(nullptr, error); });
-  }
-  static FrameworkCompletion answerTo(Completion completion, std::shared_ptr<FileHandle> kept) {
-    const Completion its = std::move(completion);
-    const std::shared_ptr<FileHandle> handle = std::move(kept);
-    return ^(id<SVKResponseFields> response, NSError* error) {
-      (void)handle;
-      its(responseFrom(response), errorFrom(error));
+  template <class FrameworkCall>
+  static void call(const std::shared_ptr<Answer>& answer, std::chrono::milliseconds timeout,
+                   const FrameworkCall& frameworkCall) {
+    Queue::global().after(timeout + kGrace, [weak = std::weak_ptr(answer)] {
+      if (const auto waiting = weak.lock())
+        waiting->fail("The Skyvault client framework has let the time-out pass without an answer");
+    });
+    const std::shared_ptr<Answer> kept = answer;
+    const FrameworkCompletion answered = ^(id<SVKResponseFields> response, NSError* error) {
+      kept->give(response, error);
     };
+    if (const std::optional<std::string> raised = reasonRaisedBy([&] { frameworkCall(answered); }))
+      answer->fail("The Skyvault client framework does not take a call: " + *raised);
   }
 
   const id<SVKClientCalls> client_;
@@ -196,8 +252,12 @@ std::shared_ptr<SVKSkyvaultServiceClientProtocol> createSkyvaultServiceClient(
       QM_LOG_ERROR(log(), "The Skyvault client framework is not loaded");
       return nullptr;
     }
-    id<SVKClientCalls> client = [static_cast<id<SVKClientCalls>>([framework alloc])
-        initWithMachServiceName:stringFrom(machServiceName)];
+    id<SVKClientCalls> client = nil;
+    if (const std::optional<std::string> raised = reasonRaisedBy([&] {
+          client = [static_cast<id<SVKClientCalls>>([framework alloc])
+              initWithMachServiceName:stringFrom(machServiceName)];
+        }))
+      QM_LOG_ERROR(log(), "The Skyvault client framework makes no client: %{public}s", *raised);
     return client == nil ? nullptr : std::make_shared<FrameworkClient>(client);
   }
 }
