@@ -1,5 +1,8 @@
 #include "platform/linux/xpc_codec.hpp"
 
+#include <algorithm>
+#include <array>
+
 #include "platform/linux/xpc_limits.hpp"
 #include "xpc_test_support.hpp"
 
@@ -17,8 +20,9 @@ XPCDictionary messageWith(const XPCObject& value) {
 
 // {"v": <the bytes>}
 Bytes mapWith(const Bytes& value) {
-  Bytes bytes{0xa1, 0x61, 'v'};
-  bytes.insert(bytes.end(), value.begin(), value.end());
+  constexpr std::array<std::uint8_t, 3> kStart{0xa1, 0x61, 'v'};
+  Bytes bytes(kStart.size() + value.size());
+  std::copy(value.begin(), value.end(), std::copy(kStart.begin(), kStart.end(), bytes.begin()));
   return bytes;
 }
 
