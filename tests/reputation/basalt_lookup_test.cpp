@@ -374,8 +374,8 @@ TEST_F(BasaltLookupTest, AURLsTimeOutIsSignedSecondsKeptTo32BitsOfMilliseconds) 
   for (const auto& [seconds, expected] : cases)
     askForURL(
         "http://h/",
-        [expected = expected](const auto& call) {
-          EXPECT_EQ(call.timeout, expected);
+        [timeout = expected](const auto& call) {
+          EXPECT_EQ(call.timeout, timeout);
           call.answer({});
         },
         seconds);
