@@ -143,27 +143,46 @@ void WorkerPool::stepAside() {
   Followup followup;
   {
     const MutexLock lock(mutex_);
-    if (aside_ == kMaximumAside) return;
-    self->isAside = true;
-    ++aside_;
-    --active_;
-    if (self->runsBounded) --runningBounded_;
-    if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
-      activate(followup);
-    else
-      followup.armMonitor = wantsMonitor();
+    if (aside_ == kMaximumAside) return waitingForAside_.push_back(self);
+    putAside(*self, followup);
   }
   followUp(followup);
 }
 
 void WorkerPool::stepBack() {
   Worker* const self = currentWorker_;
-  if (self == nullptr || !self->isAside) return;
-  const MutexLock lock(mutex_);
-  self->isAside = false;
-  --aside_;
-  ++active_;
-  if (self->runsBounded) ++runningBounded_;
+  if (self == nullptr) return;
+  Followup followup;
+  {
+    const MutexLock lock(mutex_);
+    if (!self->isAside) {
+      std::erase(waitingForAside_, self);
+      return;
+    }
+    self->isAside = false;
+    --aside_;
+    ++active_;
+    if (self->runsBounded) ++runningBounded_;
+    if (waitingForAside_.empty()) return;
+    putAside(*waitingForAside_.front(), followup);
+    waitingForAside_.pop_front();
+  }
+  followUp(followup);
+}
+
+void WorkerPool::putAside(Worker& worker, Followup& followup) {
+  worker.isAside = true;
+  ++aside_;
+  --active_;
+  if (worker.runsBounded) --runningBounded_;
+  if (oldestRunnable() != nullptr && active_ < target_ && canActivate())
+    activate(followup);
+  else
+    followup.armMonitor = wantsMonitor();
+}
+
+std::size_t WorkerPool::asideLimit() {
+  return kMaximumAside;
 }
 
 WorkerPool::Statistics WorkerPool::statistics() const {

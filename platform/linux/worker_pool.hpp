@@ -17,7 +17,7 @@
 //
 // A worker that steps aside for long work does not count for any of this, and not against the bounds but the
 // last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
-// queues go on beside any number of long works.
+// queues go on beside any number of long works; who comes then does so as soon as one of those has ended.
 //
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
 // that is more; the others (serial queues) beyond that as well, up to 512 workers in all. Past its bound a
@@ -31,6 +31,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -94,6 +95,7 @@ class WorkerPool {
   Statistics statistics() const;
   std::size_t processors() const { return processors_; }
   std::size_t boundedLimit() const { return boundedLimit_; }
+  static std::size_t asideLimit();
   // How long a worker stays that finds nothing to do; five seconds at first.
   void setIdleTime(std::chrono::milliseconds time);
 
@@ -147,6 +149,7 @@ class WorkerPool {
   bool canActivate() const QM_REQUIRES(mutex_);
   // One more active worker: an idle one, or else a new one.
   void activate(Followup& followup) QM_REQUIRES(mutex_);
+  void putAside(Worker& worker, Followup& followup) QM_REQUIRES(mutex_);
   // True when the monitor is to be armed once the lock is given up.
   bool wantsMonitor() QM_REQUIRES(mutex_);
   void followUp(Followup followup);
@@ -182,6 +185,7 @@ class WorkerPool {
   std::size_t active_ QM_GUARDED_BY(mutex_) = 0;  // the same without the idle
   std::size_t runningBounded_ QM_GUARDED_BY(mutex_) = 0;
   std::size_t aside_ QM_GUARDED_BY(mutex_) = 0;
+  std::deque<Worker*> waitingForAside_ QM_GUARDED_BY(mutex_);  // at long work that began past the bound
   std::size_t target_ QM_GUARDED_BY(mutex_);
   std::chrono::milliseconds idleTime_ QM_GUARDED_BY(mutex_){5000};
 

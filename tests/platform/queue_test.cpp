@@ -116,6 +116,40 @@ TEST(LongWork, LetsShortItemsPassAndRunsAsMuchAsThereAreProcessors) {
   EXPECT_TRUE(eventually([] { return WorkerPool::shared().statistics().runningBounded == 0; }));
 }
 
+TEST(LongWork, PastItsBoundWaitsAndLosesNothing) {
+  constexpr int kBeyond = 20;
+  WorkerPool& pool = WorkerPool::shared();
+  const int count = static_cast<int>(WorkerPool::asideLimit()) + boundOfConcurrentItems() + kBeyond;
+  const Queue queue = Queue::concurrent("test.long");
+  for (int round = 0; round < 2; ++round) {  // the second one has all places again
+    std::counting_semaphore<> ends{0};
+    std::latch done(count);
+    for (int index = 0; index < count; ++index) {
+      queue.async([&] {
+        {
+          const LongWork turn;
+          while (!ends.try_acquire()) std::this_thread::yield();
+        }
+        done.count_down();
+      });
+    }
+    std::promise<void> shortItem;
+    auto shortItemRan = shortItem.get_future();
+    queue.async([&] { shortItem.set_value(); });
+    EXPECT_TRUE(eventually([&] { return pool.statistics().waiting == kBeyond + 1; }));
+    std::promise<void> serialItem;
+    Queue::serial("test.serial").async([&] { serialItem.set_value(); });
+    serialItem.get_future().wait();
+    EXPECT_EQ(pool.statistics().waiting, kBeyond + 1U) << "serial queues go on, concurrent ones do not";
+
+    ends.release(kBeyond + 1);
+    EXPECT_EQ(shortItemRan.wait_for(kPatience), std::future_status::ready) << "as soon as so many have ended";
+    ends.release(count - kBeyond - 1);
+    done.wait();
+    EXPECT_TRUE(eventually([&] { return pool.statistics().runningBounded == 0; }));
+  }
+}
+
 TEST(LongWork, DoesNotWaitForWhatIsAsleep) {
   std::latch allInside(static_cast<std::ptrdiff_t>(WorkerPool::shared().processors()) + 3);
   const auto work = [&] {
