@@ -1,5 +1,6 @@
 #include "reputation/QMRReputationLookup.hpp"
 
+#include "filefacts/QMRHashProvider.hpp"
 #include "foundation/internal_inconsistency.hpp"
 #include "reputation/reputation_support.hpp"
 
@@ -63,6 +64,38 @@ TEST_F(ReputationLookupTest, TheFileDecidesWhichScanIsMade) {
   lookup_->reputationForFile(makeRequest(), replies_.block());
   expectAnswer(replies_.only(), reputation_level::unknown, 0, 0);
   EXPECT_EQ(lookup_->scan, "none") << "lookups are switched off";
+}
+
+TEST_F(ReputationLookupTest, HashesThatAreMissingAreAskedForByPathAndDoneWithoutWhenThatFails) {
+  const ScratchFolder folder;
+  const LogRecorder recorder;
+  const auto provider = std::make_shared<QMRHashProvider>();
+  lookup_->setHashProvider(provider);
+  const std::string missing = folder.path("missing");
+  const std::string present = folder.write("present", "abc");
+  const struct {
+    const std::string& path;
+    bool isDownloadedFile;
+    const char* scan;
+  } cases[] = {
+      {missing, true, "cloud"}, {missing, false, "none"}, {present, true, "cloud"}, {present, false, "qvs"}};
+  for (const auto& [path, isDownloadedFile, scan] : cases) {
+    SCOPED_TRACE(path + " " + scan);
+    lookup_->scan = "none";
+    Replies replies;
+    const auto request = makeRequest({.path = path, .hashes = nullptr, .isDownloadedFile = isDownloadedFile});
+    lookup_->reputationForFile(request, replies.block());
+    EXPECT_EQ(lookup_->scan, scan);
+    EXPECT_EQ(replies.only().error, nullptr);
+    EXPECT_EQ(request->metadata().contains("sha1"), path == present);
+    EXPECT_TRUE(recorder.has(LogLevel::debug, "Will query hash provider " + provider->description() +
+                                                  " for hashes for file " + path));
+  }
+  EXPECT_EQ(recorder.count(LogLevel::error, "Hashing failed for " + missing +
+                                                ": Error Domain=com.quillmarsh.qmrhashprovider Code=102 "
+                                                "\"(null)\" UserInfo={errno=2}"),
+            2U);
+  EXPECT_FALSE(recorder.hasError("Hashing failed for " + present));
 }
 
 TEST_F(ReputationLookupTest, ABackendThatDoesNotAnswerURLsIsAMistakeOfTheProgram) {
