@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "foundation/log.hpp"
 #include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_limits.hpp"
@@ -20,6 +21,8 @@
 
 namespace qm::xpc {
 namespace {
+
+constexpr const char* kServedByAnother = "another process serves it";
 
 bool isServiceName(std::string_view name) {
   return !name.empty() && name.front() != '.' && name.find('/') == std::string_view::npos &&
@@ -45,6 +48,9 @@ std::vector<InheritedSocket>& inheritedSockets() {
       const int descriptor = SD_LISTEN_FDS_START + i;
       if (::sd_is_socket_unix(descriptor, SOCK_STREAM, 1, nullptr, 0) > 0)
         result.push_back({descriptor, names[i]});
+      else
+        QM_LOG_ERROR(Log::create(kQMRLogSubsystem, "xpc"),
+                     "The service manager's “%{public}s” is no Unix stream socket that listens", names[i]);
       std::free(names[i]);
     }
     std::free(names);
@@ -90,7 +96,7 @@ FileDescriptor lockFile(const std::string& path, std::string& reason) {
     return {};
   }
   if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
-  reason = errno == EWOULDBLOCK ? "another process serves it" : failure("cannot lock " + path);
+  reason = errno == EWOULDBLOCK ? kServedByAnother : failure("cannot lock " + path);
   return {};
 }
 
@@ -145,6 +151,11 @@ Place openPlace(const std::string& serviceName, std::string& reason) {
   const std::string path = folder + "/" + serviceName;
   FileDescriptor lock = lockFile(path + ".lock", reason);
   if (!lock) return {};
+  // The service manager's socket has no lock.
+  if (connectToService(serviceName) || errno == EAGAIN) {
+    reason = kServedByAnother;
+    return {};
+  }
   FileDescriptor socket = listenAt(path, reason);
   if (!socket) return {};
   return Place(std::move(socket), std::move(lock), path);

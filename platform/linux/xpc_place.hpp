@@ -28,8 +28,8 @@ class Place {
 
 // Takes over the service manager's socket of that name or, when none has it, the first that is left (each
 // once in a process); without any makes the file NAME (mode 0666) in the run folder, and the folder (0755) as
-// well. NAME.lock tells the file of a dead process, which is replaced, from that of a live one. An empty
-// place and a reason, when there is none to be had.
+// well. The file of a dead process, whose NAME.lock is free and on which nobody listens, is replaced. An
+// empty place and a reason, when there is none to be had.
 Place openPlace(const std::string& serviceName, std::string& reason);
 
 // A connected socket; empty with errno set. EAGAIN: too many wait there already.

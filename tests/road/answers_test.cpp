@@ -157,6 +157,9 @@ TEST_F(Road, ASocketOfTheServiceManagerIsTaken) {
   ASSERT_GT(::recv(notify.get(), word, sizeof word - 1, 0), 0);
   EXPECT_THAT(word, testing::HasSubstr("READY=1"));
   expectVerdict(1, ReputationPeer().ask(freshScript()));
+  // Which has no lock.
+  installation_.run("qmreputationd", {}, 1);
+  expectVerdict(1, ReputationPeer().ask(freshScript()));
 }
 
 }  // namespace
