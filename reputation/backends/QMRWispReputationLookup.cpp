@@ -75,6 +75,31 @@ void answerURL(const qm::Dictionary& scores, std::uint64_t ttl, const qm::URLRep
   callback(std::make_shared<QMRURLReputationResult>(qm::Dictionary{{"cats", scores}}, ttl, qm::ErrorPtr()));
 }
 
+// A callback that is called once at most. It is let go of on a concurrent queue: it may be the last to hold
+// the file, and a close that hangs must not hold up the answers behind it on the connection's queue.
+template <class Callback>
+class PendingCallback {
+ public:
+  explicit PendingCallback(Callback callback) : callback_(std::move(callback)) {}
+  ~PendingCallback() { releaseElsewhere(callback_.exchange(nullptr)); }
+  PendingCallback(const PendingCallback&) = delete;
+  PendingCallback& operator=(const PendingCallback&) = delete;
+
+  template <class Response>
+  void call(const Response& response, const qm::ErrorPtr& error) {
+    Callback callback = callback_.exchange(nullptr);
+    if (callback) callback(response, error);
+    releaseElsewhere(std::move(callback));
+  }
+
+ private:
+  static void releaseElsewhere(Callback callback) {
+    if (callback) qm::Queue::global().async([callback = std::move(callback)] {});
+  }
+
+  qm::Property<Callback> callback_;
+};
+
 }  // namespace
 
 // --- Making and unmaking ---
@@ -174,15 +199,12 @@ bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
 template <class Response>
 QMRWispReputationLookup::ScanCallback<Response> QMRWispReputationLookup::withDeadline(
     std::uint32_t timeout, ScanCallback<Response> completion) {
-  const auto pending = std::make_shared<qm::Property<ScanCallback<Response>>>(std::move(completion));
+  const auto pending = std::make_shared<PendingCallback<ScanCallback<Response>>>(std::move(completion));
   timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace, [weak = std::weak_ptr(pending)] {
-    const auto late = weak.lock();
-    const auto callback = late ? late->exchange(nullptr) : nullptr;
-    if (callback) callback(nullptr, noAnswerError());
+    if (const auto late = weak.lock()) late->call(nullptr, noAnswerError());
   });
   return [pending](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
-    const auto callback = pending->exchange(nullptr);
-    if (callback) callback(response, error || response ? error : noAnswerError());
+    pending->call(response, error || response ? error : noAnswerError());
   };
 }
 
