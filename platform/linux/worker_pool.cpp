@@ -143,6 +143,7 @@ void WorkerPool::stepAside() {
   Followup followup;
   {
     const MutexLock lock(mutex_);
+    if (self->isAside) return;
     if (aside_ == kMaximumAside) return waitingForAside_.push_back(self);
     putAside(*self, followup);
   }
@@ -159,15 +160,19 @@ void WorkerPool::stepBack() {
       std::erase(waitingForAside_, self);
       return;
     }
-    self->isAside = false;
-    --aside_;
-    ++active_;
-    if (self->runsBounded) ++runningBounded_;
-    if (waitingForAside_.empty()) return;
-    putAside(*waitingForAside_.front(), followup);
-    waitingForAside_.pop_front();
+    takeBack(*self, followup);
   }
   followUp(followup);
+}
+
+void WorkerPool::takeBack(Worker& worker, Followup& followup) {
+  worker.isAside = false;
+  --aside_;
+  ++active_;
+  if (worker.runsBounded) ++runningBounded_;
+  if (waitingForAside_.empty()) return;
+  putAside(*waitingForAside_.front(), followup);
+  waitingForAside_.pop_front();
 }
 
 void WorkerPool::putAside(Worker& worker, Followup& followup) {
@@ -194,6 +199,11 @@ void WorkerPool::setIdleTime(std::chrono::milliseconds time) {
   const MutexLock lock(mutex_);
   idleTime_ = time;
   for (Worker* const worker : idle_) worker->wakeUp.notifyOne();  // to look at the time again
+}
+
+void WorkerPool::setPatience(std::chrono::milliseconds time) {
+  const MutexLock lock(mutex_);
+  ticksOfPatience_ = static_cast<std::uint64_t>(time / kTick);
 }
 
 void WorkerPool::push(Task& task) {
@@ -242,7 +252,7 @@ void WorkerPool::activate(Followup& followup) {
 }
 
 bool WorkerPool::wantsMonitor() {
-  if (monitorArmed_ || (unbounded_.empty() && (bounded_.empty() || !boundedAllowed()))) return false;
+  if (monitorArmed_ || (unbounded_.empty() && bounded_.empty())) return false;
   monitorArmed_ = true;
   return true;
 }
@@ -278,6 +288,7 @@ void WorkerPool::workerMain() {
   MutexLock lock(mutex_);
   Worker& self = takeSeat();
   currentWorker_ = &self;
+  self.thread = thread;
   threads_.push_back(thread);
   for (;;) {
     self.owesWake = false;
@@ -289,14 +300,23 @@ void WorkerPool::workerMain() {
       currentWorker_ = nullptr;
       return;
     }
-    const bool bounded = self.runsBounded = task->bounded_;
-    if (bounded) ++runningBounded_;
+    self.runsBounded = task->bounded_;
+    self.since = tick_;
+    if (self.runsBounded) ++runningBounded_;
     const bool arm = wantsMonitor();
     lock.unlock();
     if (arm) armMonitor();
     task->run();
     lock.lock();
-    if (bounded) --runningBounded_;
+    if (self.isAside) {
+      Followup followup;
+      takeBack(self, followup);
+      lock.unlock();
+      followUp(followup);
+      lock.lock();
+    }
+    if (self.runsBounded) --runningBounded_;
+    self.runsBounded = false;
   }
 }
 
@@ -333,10 +353,43 @@ void WorkerPool::monitorMain() {
       runnable_ = runnable;
       countedAt_ = tick_;
     }
+    putSleeperAside(lock);
     const Followup followup = monitorTick();
     lock.unlock();
     followUp(followup);
   }
+}
+
+// At most one at a time: those behind it may then find all that they need.
+void WorkerPool::putSleeperAside(MutexLock& lock) {
+  Worker* const worker = longestAtBoundedTask();
+  if (worker == nullptr) return;
+  const std::uint64_t since = worker->since;
+  const ::pid_t thread = worker->thread;
+  lock.unlock();
+  const bool sleeps = !isRunnable(thread);
+  lock.lock();
+  if (longestAtBoundedTask() != worker || worker->since != since) return;
+  if (!sleeps) {
+    worker->since = tick_;  // the next one's turn to be looked at
+    return;
+  }
+  Followup followup;
+  putAside(*worker, followup);
+  lock.unlock();
+  followUp(followup);
+  lock.lock();
+}
+
+// Nobody while the bounded tasks that wait have a worker to come, or no more may be put aside.
+WorkerPool::Worker* WorkerPool::longestAtBoundedTask() const {
+  if (bounded_.empty() || boundedAllowed() || aside_ == kMaximumAside) return nullptr;
+  Worker* longest = nullptr;
+  for (const auto& seat : seats_) {
+    const bool isCandidate = seat->runsBounded && !seat->isAside && tick_ - seat->since >= ticksOfPatience_;
+    if (isCandidate && (longest == nullptr || seat->since < longest->since)) longest = seat.get();
+  }
+  return longest;
 }
 
 // Whether a waiting task may have a worker beyond the target depends on what the others do.
@@ -364,9 +417,9 @@ void WorkerPool::armMonitor() const {
 WorkerPool::Followup WorkerPool::monitorTick() {
   const Task* const oldest = oldestRunnable();
   if (oldest == nullptr) {
-    monitorArmed_ = false;
+    monitorArmed_ = !bounded_.empty();
     runnable_ = 0;
-    return {};
+    return {.armMonitor = monitorArmed_};
   }
   Followup followup{.armMonitor = true};
   if (!canActivate()) return followup;

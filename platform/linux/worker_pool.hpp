@@ -17,7 +17,9 @@
 //
 // A worker that steps aside for long work does not count for any of this, and not against the bounds but the
 // last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
-// queues go on beside any number of long works; who comes then does so as soon as one of those has ended.
+// queues go on beside any number of long works; who comes then does so as soon as one of those has ended. A
+// worker whose bounded task has slept for two seconds, in a call to a file system that does not answer
+// perhaps, is put aside as well when bounded tasks wait past their bound.
 //
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
 // that is more; the others (serial queues) beyond that as well, up to 512 workers in all. Past its bound a
@@ -98,6 +100,8 @@ class WorkerPool {
   static std::size_t asideLimit();
   // How long a worker stays that finds nothing to do; five seconds at first.
   void setIdleTime(std::chrono::milliseconds time);
+  // How long a bounded task may sleep before its worker is put aside; two seconds at first.
+  void setPatience(std::chrono::milliseconds time);
 
  private:
   // What a worker thread is to the pool. Kept for the next one when the thread ends, so that a call to wake
@@ -108,6 +112,8 @@ class WorkerPool {
     bool owesWake = false;  // has submitted a task and woken nobody for it
     bool runsBounded = false;
     bool isAside = false;
+    ::pid_t thread = 0;
+    std::uint64_t since = 0;  // the tick at which its task began, or was seen at work
   };
 
   // Tasks that wait, first in first out for each level.
@@ -150,6 +156,7 @@ class WorkerPool {
   // One more active worker: an idle one, or else a new one.
   void activate(Followup& followup) QM_REQUIRES(mutex_);
   void putAside(Worker& worker, Followup& followup) QM_REQUIRES(mutex_);
+  void takeBack(Worker& worker, Followup& followup) QM_REQUIRES(mutex_);
   // True when the monitor is to be armed once the lock is given up.
   bool wantsMonitor() QM_REQUIRES(mutex_);
   void followUp(Followup followup);
@@ -157,6 +164,8 @@ class WorkerPool {
 
   void monitorMain();
   void armMonitor() const;
+  void putSleeperAside(MutexLock& lock) QM_REQUIRES(mutex_);
+  Worker* longestAtBoundedTask() const QM_REQUIRES(mutex_);
   Followup monitorTick() QM_REQUIRES(mutex_);
   bool needsCount() const QM_REQUIRES(mutex_);
   std::size_t countRunnable(const std::vector<::pid_t>& threads) const;
@@ -188,6 +197,7 @@ class WorkerPool {
   std::deque<Worker*> waitingForAside_ QM_GUARDED_BY(mutex_);  // at long work that began past the bound
   std::size_t target_ QM_GUARDED_BY(mutex_);
   std::chrono::milliseconds idleTime_ QM_GUARDED_BY(mutex_){5000};
+  std::uint64_t ticksOfPatience_ QM_GUARDED_BY(mutex_) = 2000;
 
   bool monitorArmed_ QM_GUARDED_BY(mutex_) = false;
   std::uint64_t tick_ QM_GUARDED_BY(mutex_) = 0;

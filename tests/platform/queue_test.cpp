@@ -79,6 +79,22 @@ TEST(ConcurrentQueue, StartsMoreWorkWhileItemsBlockAndSerialQueuesGoOnAtTheBound
   ranBeyondTheBound.wait();
 }
 
+TEST(ConcurrentQueue, ItemsThatSleepTooLongDoNotHoldUpTheOthers) {
+  WorkerPool& pool = WorkerPool::shared();
+  pool.setPatience(10ms);
+  for (int round = 0; round < 2; ++round) {  // the second one has all places again
+    const Queue queue = Queue::concurrent("test.hung-disk");
+    const BlockedItems asMany(queue, boundOfConcurrentItems());
+    const BlockedItems moreAside(queue, static_cast<int>(WorkerPool::asideLimit()));
+    std::latch serialItem{1};
+    Queue::serial("test.serial").async([&] { serialItem.count_down(); });
+    serialItem.wait();
+    EXPECT_EQ(pool.statistics().runningBounded, pool.boundedLimit());
+  }
+  pool.setPatience(2s);
+  EXPECT_TRUE(eventually([&] { return pool.statistics().runningBounded == 0; }));
+}
+
 // Long work that keeps its processor busy until it is told to end.
 struct BusyWork {
   void operator()() {
