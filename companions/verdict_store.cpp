@@ -281,7 +281,7 @@ bool VerdictStore::addAll(const std::vector<VerdictEntry>& entries, ErrorPtr* er
   return change(
       [&](Writer& writer) {
         for (const auto& [key, record] : entries) {
-          const auto put = [&](const auto& k) { return writer.put(k, record); };
+          const auto put = [&writer, &itsRecord = record](const auto& k) { return writer.put(k, itsRecord); };
           if (const int status = std::visit(put, key); status != SQLITE_DONE) return status;
         }
         return SQLITE_DONE;
