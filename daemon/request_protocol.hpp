@@ -10,9 +10,9 @@
 #include "reputation/QMRFileReputationResult.hpp"
 #include "reputation/QMRReputationProtocol.hpp"
 
-// Routes a message of a peer: a file reputation request moves to the queue, there at the
-// share of the user it is made for, anything else is logged and gets
-// no reply. Returns at once. The provider may be null; then the request is answered with an error.
+// Routes a message of a peer: a file reputation request moves to the queue, there at the share of the
+// user it is made for, anything else is logged and gets no reply. Returns at once. The provider may be null; then
+// the request is answered with an error.
 void process_message(const std::shared_ptr<QMRReputationProtocol>& provider, const qm::XPCDictionary& message,
                      const RequestQueue& queue);
 

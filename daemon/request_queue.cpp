@@ -1,10 +1,8 @@
 #include "daemon/request_queue.hpp"
 
-#include <algorithm>
 #include <deque>
 #include <map>
 #include <mutex>
-#include <thread>
 #include <utility>
 
 #include "platform/activity.hpp"
@@ -67,9 +65,7 @@ void RequestQueue::State::submit(const std::shared_ptr<State>& state, const Requ
 }
 
 std::size_t RequestQueue::defaultMaximumPerShare() {
-  constexpr std::size_t kWorkers = 64;
-  constexpr std::size_t kWorkersPerProcessor = 5;
-  return std::max(kWorkers, kWorkersPerProcessor * std::thread::hardware_concurrency()) / 3;
+  return qm::Queue::blockedItemsBound() / 3;
 }
 
 RequestQueue::RequestQueue(qm::Queue queue, std::size_t maximumPerShare)

@@ -25,7 +25,7 @@ class RequestQueue {
   RequestQueue() = default;  // null: not to be used
   // At most so many requests of one share run at once.
   explicit RequestQueue(qm::Queue queue, std::size_t maximumPerShare = defaultMaximumPerShare());
-  // A third of the workers that concurrent queues have on this machine.
+  // A third of what may block before everybody waits.
   static std::size_t defaultMaximumPerShare();
 
   // Runs the work on the queue; when the share is taken, behind what waits for it already, in order and

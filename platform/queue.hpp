@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,8 @@ class Queue {
                           int relativePriority = 0);
   // The process-wide concurrent queue that connections use when they are given none.
   static Queue global();
+  // So many items of concurrent queues may block for good before all others wait for them.
+  static std::size_t blockedItemsBound();
 
   Queue() = default;  // null: no queue
   explicit operator bool() const { return core_ != nullptr; }

@@ -44,6 +44,11 @@ Queue Queue::global() {
   return queue;
 }
 
+// The limit of the system's worker threads for the global concurrent queues.
+std::size_t Queue::blockedItemsBound() {
+  return 64;
+}
+
 const std::string& Queue::label() const {
   return core_->label;
 }

@@ -263,6 +263,10 @@ Queue Queue::global() {
   return queue;
 }
 
+std::size_t Queue::blockedItemsBound() {
+  return WorkerPool::shared().boundedLimit() + WorkerPool::asideLimit();
+}
+
 Queue serialTarget(const Queue& target) {
   if (target && target.core()->serial) return target;
   const Priority priority = target ? target.core()->priority : Priority();
