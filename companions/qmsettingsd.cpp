@@ -11,15 +11,11 @@
 #include "companions/settings_store.hpp"
 #include "foundation/log.hpp"
 #include "platform/notify.hpp"
-#include "platform/process_limits.hpp"
 #include "platform/queue.hpp"
 #include "platform/remote_connection.hpp"
 #include "platform/service_manager.hpp"
-#include "platform/system_log.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "settings/qmsettingsdProtocol.hpp"
-#include "validation/QMRSignatureVerifier.hpp"
-#include "validation/QRMXPCConnectionValidator.hpp"
 
 namespace {
 
@@ -43,17 +39,13 @@ void tell(const qm::SettingsStore::Change& change) {
 }  // namespace
 
 int main() {
-  qm::raiseDescriptorLimit();
-  qm::boundHeap();
-  qm::installSystemLog();
+  qm::beginCompanion();
   const auto store = std::make_shared<qm::SettingsStore>(
       qm::installedPath(qm::kSettingsProductPath), qm::installedPath(qm::kSettingsStateProductPath),
       [](const qm::SettingsStore::Change& change) { tell(change); });
-  const auto validator = std::make_shared<QRMXPCConnectionValidator>();
-  validator->setSignatureVerifier(std::make_shared<QMRSignatureVerifier>());
   qm::SettingsService::Options options;
-  options.peers.admission = [validator](const qm::RemoteConnection& peer) {
-    return validator->codesignValidForAuditToken(peer.auditToken(), peer.processIdentifier());
+  options.peers.admission = [isAdmitted = qm::admissionBySignature()](const qm::RemoteConnection& peer) {
+    return isAdmitted(peer.auditToken());
   };
   options.owner = qm::ownerOfInstallation();
   const auto service = qm::SettingsService::create(store, std::move(options));
