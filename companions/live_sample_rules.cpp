@@ -40,9 +40,12 @@ void LiveSampleRules::reload() {
   // What cannot be read is a mistaken text, too.
   for (const RejectedRules& file : unreadable)
     if (inUse_.count(file.name) != 0) sources.push_back({file.name, inUse_[file.name]});
-  if (!isFirst_ && sources == read_) return;
-  if (!compile(sources)) return;
-  read_ = std::move(sources);
+  std::map<std::string, SHA256Value> digests;
+  for (const SampleRuleSource& source : sources)
+    digests.emplace(source.name, sha256(source.text.data(), source.text.size()));
+  if (!isFirst_ && digests == read_) return;
+  if (!compile(std::move(sources))) return;
+  read_ = std::move(digests);
   isFirst_ = false;
 }
 

@@ -1,5 +1,7 @@
 // The sample rules of an installation's folder, which a person may edit at any time: a change is followed
-// while the program runs. Of a file in which there is a mistake now, what it said before stays in use.
+// while the program runs. Of a file in which there is a mistake now, what it said before stays in use. A file
+// of the folder may be a symbolic link; what is edited behind it is noticed with the next change in the
+// folder.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "companions/sample_rules.hpp"
+#include "platform/digest.hpp"
 #include "platform/file_watcher.hpp"
 
 namespace qm {
@@ -39,7 +42,7 @@ class LiveSampleRules {
 
   const std::string folder_;
   const Observer observer_;
-  std::vector<SampleRuleSource> read_;        // what the folder held when it was looked at last
+  std::map<std::string, SHA256Value> read_;   // of each file when the folder was looked at last
   std::map<std::string, std::string> inUse_;  // the text by the name of each file
   bool isFirst_ = true;
   std::unique_ptr<FileWatcher> watcher_;

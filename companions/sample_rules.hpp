@@ -31,8 +31,6 @@ enum class SampleRulesError : std::int64_t {
 struct SampleRuleSource {
   std::string name;
   std::string text;
-
-  friend bool operator==(const SampleRuleSource&, const SampleRuleSource&) = default;
 };
 
 // A source that was left out.
