@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "companions/process_shares.hpp"
 #include "platform/queue.hpp"
 
 namespace qm {
@@ -58,9 +59,8 @@ void AdmittedPeers::decide(const std::shared_ptr<RemoteConnection>& connection, 
 }
 
 std::uint64_t AdmittedPeers::add(const std::shared_ptr<RemoteConnection>& connection) {
-  const std::int32_t process = connection->processIdentifier();
-  const auto isOfProcess = [process](const auto& entry) {
-    return entry.second.connection->processIdentifier() == process;
+  const auto isOfProcess = [process = processInstance(connection->auditToken())](const auto& entry) {
+    return processInstance(entry.second.connection->auditToken()) == process;
   };
   const auto connections = std::count_if(peers_.begin(), peers_.end(), isOfProcess);
   if (static_cast<std::size_t>(connections) >= options_.connectionsOfOneProcess) return 0;

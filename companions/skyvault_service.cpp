@@ -71,6 +71,9 @@ void sendResponse(XPCDictionary reply, const SVKSkyvaultResponse& response) {
 }  // namespace
 
 struct SkyvaultService::Peer {
+  explicit Peer(std::shared_ptr<WorkShare> ofProcess) : share(std::move(ofProcess)) {}
+
+  const std::shared_ptr<WorkShare> share;
   std::atomic<bool> isGone = false;
 };
 
@@ -83,13 +86,17 @@ std::shared_ptr<SkyvaultService> SkyvaultService::create(std::shared_ptr<Skyvaul
 SkyvaultService::SkyvaultService(std::shared_ptr<SkyvaultAnswers> answers, Admission admission, Limits limits)
     : answers_(std::move(answers)),
       admission_(std::move(admission)),
+      shares_(limits.analysesOfOneProcess),
       analyses_(Queue::concurrent("com.quillmarsh.skyvaultd.analyses", QualityOfService::utility),
-                limits.runningAnalyses, limits.waitingAnalyses) {}
+                limits.runningAnalyses, limits.waitingAnalyses, limits.lostAnalyses) {}
 
 void SkyvaultService::serve(const XPCConnection& listener, Block<void(const XPCObject& error)> failed) {
   listener.setEventHandler([self = shared_from_this(), failed = std::move(failed)](const XPCObject& event) {
     if (!event) return;
-    if (event.type() == XPCType::connection) return self->admit(event.asConnection());
+    // On a queue of its own: a program that is looked at for long does not keep others from being admitted.
+    if (event.type() == XPCType::connection)
+      return Queue::serial("com.quillmarsh.skyvaultd.admission")
+          .async([self, connection = event.asConnection()] { self->admit(connection); });
     QM_LOG_ERROR(log(), "The listener came to its end: %{public}@", event);
     if (failed) failed(event);
   });
@@ -102,7 +109,7 @@ void SkyvaultService::admit(const XPCConnection& connection) {
     connection.cancel();
     return;
   }
-  auto peer = std::make_shared<Peer>();
+  auto peer = std::make_shared<Peer>(shares_.of(connection.auditToken()));
   connection.setEventHandler([self = shared_from_this(), peer = std::move(peer)](const XPCObject& event) {
     if (!event) return;
     if (event.type() == XPCType::dictionary) return self->handle(event.asDictionary(), peer);
@@ -158,15 +165,16 @@ void SkyvaultService::replyToSample(const XPCDictionary& request, const XPCDicti
                                     const std::shared_ptr<Peer>& peer) {
   FileDescriptor file = request.duplicateDescriptor(kFileKey);
   if (!file) return sendError(reply, ErrorCode::invalidRequest, "The request has no sample.");
-  const bool taken = analyses_.submit([answers = answers_, reply, peer, file = std::move(file)]() mutable {
+  const WorkShare::Ticket ticket = peer->share->take();
+  auto examine = [answers = answers_, reply, peer, ticket, file = std::move(file)]() mutable {
     if (peer->isGone) return;
     ErrorPtr error;
     const std::optional<SVKSkyvaultResponse> response = answers->analyzeSample(file.get(), &error);
     file.reset();  // whoever gets the answer may count on it
     if (response) return sendResponse(reply, *response);
     sendError(reply, ErrorCode::unreadableSample, error->localizedDescription());
-  });
-  if (!taken) {
+  };
+  if (ticket == nullptr || !analyses_.submit(std::move(examine))) {
     QM_LOG(log(), "A sample is turned away: too many are waiting");
     sendResponse(reply, answers_->throttled());
   }

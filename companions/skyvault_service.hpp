@@ -1,11 +1,14 @@
 // The Skyvault agent's service: admits peers, reads their requests and sends the answers. Look-ups are
-// answered where they arrive; samples are examined a few at a time behind a bounded queue, and those of a
-// peer that is gone are dropped.
+// answered where they arrive; samples are examined a few at a time behind bounds, and those of a peer that is
+// gone are not begun.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 
 #include "companions/bounded_work.hpp"
+#include "companions/process_shares.hpp"
 #include "companions/skyvault_answers.hpp"
 #include "foundation/block.hpp"
 #include "platform/xpc.hpp"
@@ -14,12 +17,14 @@ namespace qm {
 
 class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
  public:
-  // Whether a peer may ask; called before anything of it is read, on the listener's queue.
+  // Whether a peer may ask; may take its time. Nothing of the peer is read before it has said so.
   using Admission = Block<bool(const XPCConnection& peer)>;
 
   struct Limits {
     std::size_t runningAnalyses = 2;
     std::size_t waitingAnalyses = 64;  // each of them holds a descriptor
+    std::size_t analysesOfOneProcess = 32;
+    BoundedWork::LostItems lostAnalyses{std::chrono::minutes(3), 8};
   };
 
   static std::shared_ptr<SkyvaultService> create(std::shared_ptr<SkyvaultAnswers> answers,
@@ -44,7 +49,8 @@ class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
 
   const std::shared_ptr<SkyvaultAnswers> answers_;
   const Admission admission_;
-  BoundedWork analyses_;
+  ProcessShares shares_;
+  const BoundedWork analyses_;
 };
 
 }  // namespace qm
