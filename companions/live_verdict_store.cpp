@@ -113,6 +113,17 @@ bool LiveVerdictStore::find(const SHA1Value& sha1, std::optional<StoredVerdict>&
   return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha1, error); });
 }
 
+bool LiveVerdictStore::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
+                            std::optional<StoredVerdict>& verdict) {
+  verdict = std::nullopt;
+  if (sha256 && !find(*sha256, verdict)) return false;
+  if (!sha1 || (verdict && verdict->source != kVerdictSourceAnalysis)) return true;
+  std::optional<StoredVerdict> other;
+  const bool isUsable = find(*sha1, other);
+  if (!isUsable || !verdict || (other && other->source != kVerdictSourceAnalysis)) verdict = std::move(other);
+  return isUsable;
+}
+
 bool LiveVerdictStore::findURL(const std::vector<std::string>& keys,
                                std::optional<StoredURLVerdict>& verdict) {
   verdict = std::nullopt;

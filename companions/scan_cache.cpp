@@ -3,7 +3,7 @@
 namespace qm {
 
 ScanCache::ScanCache(std::size_t maximumFiles, Clock::time_point (*now)())
-    : maximumFiles_(maximumFiles), now_(now) {}
+    : now_(now), entries_(maximumFiles) {}
 
 ScanCache::Identity ScanCache::identityOf(const FileStatus& file) {
   return {file.device, file.inode, file.size, file.modified, file.changedNanoseconds};
@@ -11,40 +11,28 @@ ScanCache::Identity ScanCache::identityOf(const FileStatus& file) {
 
 std::optional<ScannedFile> ScanCache::find(const FileStatus& file) {
   const std::lock_guard lock(mutex_);
-  const auto place = places_.find(identityOf(file));
-  if (place == places_.end()) return std::nullopt;
-  const Entries::iterator entry = place->second;
-  if (entry->end <= now_()) {
-    remove(entry);
-    return std::nullopt;
-  }
-  entries_.splice(entries_.begin(), entries_, entry);
-  return entry->scanned;
+  const Entry* const entry = entries_.find(identityOf(file));
+  if (entry == nullptr) return std::nullopt;
+  if (entry->end > now_()) return entry->scanned;
+  entries_.erase(identityOf(file));
+  return std::nullopt;
 }
 
-void ScanCache::put(const FileStatus& file, const ScannedFile& scanned) {
+ScanCache::Generation ScanCache::generation() const {
   const std::lock_guard lock(mutex_);
-  const Identity identity = identityOf(file);
-  if (const auto place = places_.find(identity); place != places_.end()) remove(place->second);
-  entries_.push_front({identity, scanned, now_() + std::chrono::seconds(scanned.verdict.ttl)});
-  places_.emplace(identity, entries_.begin());
-  if (entries_.size() > maximumFiles_) remove(std::prev(entries_.end()));
+  return generation_;
 }
 
-void ScanCache::remove(Entries::iterator entry) {
-  places_.erase(entry->identity);
-  entries_.erase(entry);
+void ScanCache::put(const FileStatus& file, const ScannedFile& scanned, Generation generation) {
+  const std::lock_guard lock(mutex_);
+  if (generation != generation_) return;
+  entries_.put(identityOf(file), {scanned, now_() + std::chrono::seconds(scanned.verdict.ttl)});
 }
 
 void ScanCache::clear() {
   const std::lock_guard lock(mutex_);
-  places_.clear();
+  ++generation_;
   entries_.clear();
-}
-
-std::size_t ScanCache::size() const {
-  const std::lock_guard lock(mutex_);
-  return entries_.size();
 }
 
 }  // namespace qm

@@ -5,12 +5,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <list>
-#include <map>
 #include <mutex>
 #include <optional>
-#include <utility>
 
+#include "companions/recent_map.hpp"
 #include "companions/verdict_store.hpp"
 #include "platform/digest.hpp"
 #include "platform/file_io.hpp"
@@ -27,6 +25,7 @@ struct ScannedFile {
 class ScanCache {
  public:
   using Clock = std::chrono::steady_clock;
+  using Generation = std::uint64_t;
 
   // Of more files the one that was asked about longest ago is forgotten. The time is asked of `now`, for
   // tests.
@@ -34,10 +33,12 @@ class ScanCache {
 
   // Nothing when the file is not known, has changed, or its verdict's time to live is over.
   std::optional<ScannedFile> find(const FileStatus& file);
+  // A scan takes the generation before it looks at anything, and what it found out counts only when the cache
+  // was not cleared meanwhile.
+  Generation generation() const;
   // For the verdict's time to live.
-  void put(const FileStatus& file, const ScannedFile& scanned);
+  void put(const FileStatus& file, const ScannedFile& scanned, Generation generation);
   void clear();
-  std::size_t size() const;
 
  private:
   struct Identity {
@@ -49,20 +50,16 @@ class ScanCache {
     friend auto operator<=>(const Identity&, const Identity&) = default;
   };
   struct Entry {
-    Identity identity;
     ScannedFile scanned;
     Clock::time_point end;
   };
-  using Entries = std::list<Entry>;
 
   static Identity identityOf(const FileStatus& file);
-  void remove(Entries::iterator entry);
 
-  const std::size_t maximumFiles_;
   Clock::time_point (*const now_)();
   mutable std::mutex mutex_;
-  Entries entries_;  // the last asked about first
-  std::map<Identity, Entries::iterator> places_;
+  RecentMap<Identity, Entry> entries_;
+  Generation generation_ = 0;
 };
 
 }  // namespace qm

@@ -10,8 +10,8 @@
 #include "foundation/log.hpp"
 #include "platform/digest.hpp"
 #include "platform/file_io.hpp"
-#include "platform/read_buffer.hpp"
 #include "platform/linux/skyvault_wire.hpp"
+#include "platform/read_buffer.hpp"
 
 namespace qm {
 
@@ -108,16 +108,10 @@ bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
   return contentKindFromMetadata(metadata) != ContentKind::other;
 }
 
-bool SkyvaultAnswers::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
-                           std::optional<StoredVerdict>& known) {
-  if (sha256 && !store_.find(*sha256, known)) return false;
-  return known || !sha1 || store_.find(*sha1, known);
-}
-
 SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
   std::optional<StoredVerdict> known;
   const bool isUsable =
-      find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
+      store_.find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
   SVKSkyvaultResponse response = known      ? responseFor(*known)
                                  : isUsable ? unknown(0, options_.unknownTTL)
                                             : unknown(kOptionFailed, 0);
@@ -160,7 +154,7 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   const SHA256Value hash = sha256(bytes, length);
   const SHA1Value otherHash = sha1(bytes, length);
   std::optional<StoredVerdict> known;
-  find(hash, otherHash, known);
+  store_.find(hash, otherHash, known);
   if (known && known->source != kVerdictSourceAnalysis) {
     SVKSkyvaultResponse response = responseFor(*known);
     response.options |= kOptionSageUploaded;

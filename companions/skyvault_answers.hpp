@@ -42,7 +42,7 @@ class SkyvaultAnswers {
   // filter only those of its categories that the filter names.
   SVKSkyvaultResponse lookUpURL(std::string_view url,
                                 const std::optional<std::vector<std::string>>& categoriesWanted);
-  // By the metadata's "sha256", else by its "sha1"; with mayAskForSample an unknown file that may be
+  // By the metadata's "sha256" and "sha1"; with mayAskForSample an unknown file that may be
   // dangerous is asked for.
   SVKSkyvaultResponse analyzeMetadata(const Dictionary& metadata, bool mayAskForSample);
   // Reads the whole file, from its beginning and without moving its offset, examines it and remembers the
@@ -56,9 +56,6 @@ class SkyvaultAnswers {
  private:
   SVKSkyvaultResponse unknown(std::uint64_t options, std::uint32_t ttl) const;
   bool wantsSample(const Dictionary& metadata, const std::optional<StoredVerdict>& known) const;
-  // By the SHA-256, else by the SHA-1; false when the store cannot be used.
-  bool find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
-            std::optional<StoredVerdict>& known);
   SVKSkyvaultResponse examine(const std::uint8_t* bytes, std::size_t length);
 
   const SkyvaultAnswersOptions options_;

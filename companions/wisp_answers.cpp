@@ -23,6 +23,7 @@ constexpr std::size_t kPortion = 4 << 20;
 // A file that was changed so shortly before it was read may change again with the same times: file systems
 // count them in steps of up to two seconds.
 constexpr std::int64_t kSettlingNanoseconds = 2'000'000'000;
+constexpr std::int64_t kSecond = 1'000'000'000;  // in nanoseconds
 
 Log& log() {
   static Log& log = Log::create(kQMRLogSubsystem, "qmwpcored");
@@ -124,7 +125,7 @@ bool readContent(int descriptor, const WispAnswers::Scan& scan, bool isKept, Con
 
 // The whole seconds that are left, at least one: that is the scanner's unit.
 std::chrono::seconds limitOf(const WispAnswers::Scan& scan) {
-  const auto left = scan.deadline - std::chrono::steady_clock::now();
+  const auto left = scan.deadline() - std::chrono::steady_clock::now();
   return std::max(std::chrono::ceil<std::chrono::seconds>(left), std::chrono::seconds(1));
 }
 
@@ -139,7 +140,8 @@ WispAnswers::WispAnswers(std::string storePath, WispAnswersOptions options)
     : options_(std::move(options)),
       analysis_(options_),
       store_(std::move(storePath)),
-      cache_(options_.rememberedFiles) {}
+      cache_(options_.rememberedFiles),
+      hashes_(options_.rememberedHashes) {}
 
 void WispAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed) {
   analysis_.setRules(std::move(rules), changed);
@@ -150,7 +152,7 @@ void WispAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_
 
 WispAnswers::QvsResponse WispAnswers::lookUp(const SHA1Value& sha1) {
   std::optional<StoredVerdict> known;
-  const bool isUsable = store_.find(sha1, known);
+  const bool isUsable = store_.find(notedSHA256(sha1), sha1, known);
   return qvsResponse(known ? *known : unknown(isUsable));
 }
 
@@ -197,6 +199,8 @@ WispAnswers::CloudScanResponse WispAnswers::scan(const FilePath& file, const Sca
 
 WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const Scan& its,
                                                  std::optional<ScannedFile>& analyzed, ErrorPtr* error) {
+  const ScanCache::Generation generation = cache_.generation();
+  const std::int64_t begun = options_.now() * kSecond;
   FileStatus status;
   if (!statDescriptor(file.descriptor.get(), status)) {
     failToRead(error, errno);
@@ -219,26 +223,43 @@ WispAnswers::CloudScanResponse WispAnswers::scan(const OpenedFile& file, const S
   if (!readContent(file.descriptor.get(), its, isExamined, content, error)) return nullptr;
 
   ScannedFile& scanned = content.hashes;
-  std::optional<StoredVerdict> known;
-  const bool isUsable = find(scanned, known);
-  if (isExamined && (!known || !analysis_.isInForce(*known))) {
-    ErrorPtr failure;
-    known = analysis_.analyze(content.buffer.bytes(), size, limitOf(its), &failure);
-    if (!known) {
-      setError(error, errorOfAnalysis(failure));
-      return nullptr;
-    }
-    scanned.verdict = *known;
-    analyzed = scanned;
-  }
-  scanned.verdict = known ? *known : unknown(isUsable);
-  cache(status, file.descriptor.get(), scanned);
+  noteHashes(scanned);
+  const std::uint8_t* const bytes = isExamined ? content.buffer.bytes() : nullptr;
+  if (!judge(scanned, bytes, size, its, analyzed, error)) return nullptr;
+  const bool isSettled = status.changedNanoseconds < begun - kSettlingNanoseconds;
+  FileStatus after;
+  if (isSettled && statDescriptor(file.descriptor.get(), after) &&
+      after.changedNanoseconds == status.changedNanoseconds)
+    cache_.put(status, scanned, generation);
   return cloudScanResponse(scanned.verdict);
 }
 
-bool WispAnswers::find(const ScannedFile& file, std::optional<StoredVerdict>& known) {
-  if (!store_.find(file.sha256, known)) return false;
-  return known || store_.find(file.sha1, known);
+bool WispAnswers::judge(ScannedFile& scanned, const void* bytes, std::size_t length, const Scan& its,
+                        std::optional<ScannedFile>& analyzed, ErrorPtr* error) {
+  std::optional<StoredVerdict> known;
+  const bool isUsable = store_.find(scanned.sha256, scanned.sha1, known);
+  scanned.verdict = known ? *known : unknown(isUsable);
+  if (bytes == nullptr || (known && analysis_.isInForce(*known))) return true;
+  ErrorPtr failure;
+  const std::optional<StoredVerdict> found = analysis_.analyze(bytes, length, limitOf(its), &failure);
+  if (!found) {
+    setError(error, errorOfAnalysis(failure));
+    return false;
+  }
+  scanned.verdict = *found;
+  analyzed = scanned;
+  return true;
+}
+
+void WispAnswers::noteHashes(const ScannedFile& scanned) {
+  const std::lock_guard lock(hashesMutex_);
+  hashes_.put(scanned.sha1, scanned.sha256);
+}
+
+std::optional<SHA256Value> WispAnswers::notedSHA256(const SHA1Value& sha1) {
+  const std::lock_guard lock(hashesMutex_);
+  const SHA256Value* const sha256 = hashes_.find(sha1);
+  return sha256 == nullptr ? std::nullopt : std::optional(*sha256);
 }
 
 // What the store says by now comes before what was found out then. What then came from the store and is no
@@ -247,19 +268,12 @@ std::optional<StoredVerdict> WispAnswers::rememberedVerdict(const FileStatus& st
   const std::optional<ScannedFile> scanned = cache_.find(status);
   if (!scanned) return std::nullopt;
   std::optional<StoredVerdict> known;
-  find(*scanned, known);
+  store_.find(scanned->sha256, scanned->sha1, known);
   if (!known) {
     known = scanned->verdict;
     if (known->source != kVerdictSourceAnalysis && !known->source.empty()) return std::nullopt;
   }
   return analysis_.isInForce(*known) ? known : std::nullopt;
-}
-
-void WispAnswers::cache(const FileStatus& before, int descriptor, const ScannedFile& scanned) {
-  FileStatus after;
-  if (!statDescriptor(descriptor, after) || after.changedNanoseconds != before.changedNanoseconds) return;
-  const std::int64_t now = options_.now() * 1'000'000'000;
-  if (before.changedNanoseconds < now - kSettlingNanoseconds) cache_.put(before, scanned);
 }
 
 void WispAnswers::remember(const ScannedFile& analyzed) {

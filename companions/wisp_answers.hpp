@@ -5,11 +5,13 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "companions/live_verdict_store.hpp"
+#include "companions/recent_map.hpp"
 #include "companions/sample_analysis.hpp"
 #include "companions/scan_cache.hpp"
 #include "companions/wisp_address.hpp"
@@ -26,6 +28,7 @@ struct WispAnswersOptions : SampleAnalysisOptions {
   std::uint64_t maximumFileSize = 512 << 20;  // bytes; larger ones are not read at all
   std::uint32_t unknownTTL = 600;             // how long an asker may keep "unknown": seconds
   std::size_t rememberedFiles = 4096;
+  std::size_t rememberedHashes = 16384;  // pairs of them
 };
 
 // Any thread.
@@ -44,15 +47,17 @@ class WispAnswers {
   // since 1970) is found out anew.
   void setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed);
 
+  // Of a content that was scanned here also by its SHA-256.
   QvsResponse lookUp(const SHA1Value& sha1);
   // The record of the URL itself, else that of its host, else that of the closest domain above it.
   QvsResponse lookUp(const WebURL& url);
   CloudScanResponse scan(const WebURL& url);
 
-  // A scan of a file that still matters, and for how long.
+  // What a scan of a file asks those it is for, on its own thread.
   struct Scan {
-    std::chrono::steady_clock::time_point deadline;
-    Block<bool()> isWanted;  // asked again and again; the scan is given up when it says no
+    Block<bool()> isWanted;  // again and again; the scan is given up when it says no
+    // When the rules begin, which nothing but their own time limit ends.
+    Block<std::chrono::steady_clock::time_point()> deadline;
   };
   // Null with an error of kWispErrorDomain. What the rules found is kept by remember(), which may wait for
   // other programs that use the store.
@@ -71,15 +76,20 @@ class WispAnswers {
   StoredVerdict unknown(bool isStoreUsable) const;
   CloudScanResponse scan(const OpenedFile& file, const Scan& scan, std::optional<ScannedFile>& analyzed,
                          ErrorPtr* error);
-  // The verdict of the store, of the SHA-256 before that of the SHA-1. False when it cannot be used.
-  bool find(const ScannedFile& file, std::optional<StoredVerdict>& known);
+  // Sets what the store or else the rules say about the content; without its bytes it is not examined. False
+  // with an error.
+  bool judge(ScannedFile& scanned, const void* bytes, std::size_t length, const Scan& scan,
+             std::optional<ScannedFile>& analyzed, ErrorPtr* error);
+  void noteHashes(const ScannedFile& scanned);
+  std::optional<SHA256Value> notedSHA256(const SHA1Value& sha1);
   std::optional<StoredVerdict> rememberedVerdict(const FileStatus& status);
-  void cache(const FileStatus& before, int descriptor, const ScannedFile& scanned);
 
   const WispAnswersOptions options_;
   SampleAnalysis analysis_;
   LiveVerdictStore store_;
   ScanCache cache_;
+  std::mutex hashesMutex_;
+  RecentMap<SHA1Value, SHA256Value> hashes_;  // of what was scanned
 };
 
 }  // namespace qm

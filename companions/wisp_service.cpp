@@ -25,13 +25,30 @@ Queue queue(const char* name) {
   return Queue::concurrent(std::string("com.quillmarsh.qmwpcored.") + name);
 }
 
+// What the rules found out about a file is kept behind the answer, one after the other: another program may
+// be changing the store for seconds.
+FileScans::Scanner scannerOf(const std::shared_ptr<WispAnswers>& answers) {
+  const BoundedWork analyses(queue("analyses"), 1, kWaitingAnalyses);
+  return [answers, analyses](const FilePath& file, const WispAnswers::Scan& scan, ErrorPtr* error) {
+    std::optional<ScannedFile> analyzed;
+    auto response = answers->scan(file, scan, analyzed, error);
+    if (analyzed && !analyses.submit([answers, found = *analyzed] { answers->remember(found); }))
+      QM_LOG_ERROR(log(), "An analysis is not remembered: too many are waiting");
+    return response;
+  };
+}
+
 }  // namespace
 
 // What one peer may call, on its connection's queue.
 class WispService::Peer final : public QMRWispServiceProtocol, public std::enable_shared_from_this<Peer> {
  public:
-  Peer(std::shared_ptr<WispService> service, std::int32_t process, std::uint32_t user)
-      : service_(std::move(service)), process_(process), user_(user) {}
+  Peer(std::shared_ptr<WispService> service, const AuditToken& token, std::uint32_t user)
+      : service_(std::move(service)),
+        process_(token.processID()),
+        user_(user),
+        lookupShare_(service_->lookupShares_.of(token)),
+        scanShare_(service_->scanShares_.of(token)) {}
 
   // --- Scans ---
 
@@ -39,11 +56,10 @@ class WispService::Peer final : public QMRWispServiceProtocol, public std::enabl
     const std::optional<WispAddress> address = url ? wispAddress(*url) : std::nullopt;
     if (!address || std::holds_alternative<FilePath>(*address))
       return refuse(callback, WispError::badRequest, "The URL of a Qvs scan is a hash or on the web");
-    answer(lookups(), timeout, callback,
-           [answers = service_->answers_, address = *address](const WispAnswers::Scan&, ErrorPtr*) {
-             const auto* web = std::get_if<WebURL>(&address);
-             return web != nullptr ? answers->lookUp(*web) : answers->lookUp(std::get<SHA1Value>(address));
-           });
+    answer(timeout, callback, [answers = service_->answers_, address = *address] {
+      const auto* web = std::get_if<WebURL>(&address);
+      return web != nullptr ? answers->lookUp(*web) : answers->lookUp(std::get<SHA1Value>(address));
+    });
   }
 
   // The metadata is for a cloud that keeps it; there is none here.
@@ -53,9 +69,8 @@ class WispService::Peer final : public QMRWispServiceProtocol, public std::enabl
     if (!address || std::holds_alternative<SHA1Value>(*address))
       return refuse(callback, WispError::badRequest, "The URL of a cloud scan is of a file or on the web");
     if (const auto* file = std::get_if<FilePath>(&*address)) return scanFile(*file, timeout, callback);
-    answer(lookups(), timeout, callback,
-           [answers = service_->answers_, url = std::get<WebURL>(*address)](
-               const WispAnswers::Scan&, ErrorPtr*) { return answers->scan(url); });
+    answer(timeout, callback,
+           [answers = service_->answers_, url = std::get<WebURL>(*address)] { return answers->scan(url); });
   }
 
   void fileScan(const Array&, std::uint64_t, const std::shared_ptr<const QMRWispFileScanParametersObjC>&,
@@ -110,15 +125,6 @@ class WispService::Peer final : public QMRWispServiceProtocol, public std::enabl
   template <class Response>
   using Callback = Block<void(const std::shared_ptr<const Response>& response, const ErrorPtr& error)>;
 
-  // One kind of work, and how much of it is this peer's.
-  struct Work {
-    BoundedWork& all;
-    const std::shared_ptr<const int>& tickets;  // one more owner for each of the peer's that is not done
-    std::size_t limit;
-  };
-  Work lookups() { return {service_->lookups_, lookupTickets_, service_->options_.lookupsOfOnePeer}; }
-  Work scans() { return {service_->scans_, scanTickets_, service_->options_.scansOfOnePeer}; }
-
   template <class Response>
   static void refuse(const Callback<Response>& callback, WispError code, const char* text) {
     QM_LOG_ERROR(log(), "A call is refused: %{public}@", std::string(text));
@@ -134,49 +140,63 @@ class WispService::Peer final : public QMRWispServiceProtocol, public std::enabl
   }
 
   void scanFile(const FilePath& file, std::uint32_t timeout, const CloudScanCallback& callback) {
-    answer(scans(), timeout, callback,
-           [service = service_, file](const WispAnswers::Scan& scan, ErrorPtr* error) {
-             std::optional<ScannedFile> analyzed;
-             auto response = service->answers_->scan(file, scan, analyzed, error);
-             if (analyzed) service->remember(*analyzed);
-             return response;
-           });
+    const auto call = begin(timeout, callback);
+    if (!call) return;
+    const auto end = endOf(*call, callback);
+    WorkShare::Ticket ticket = scanShare_->take();
+    const bool isTaken = ticket != nullptr &&
+                         service_->scans_->ask(file, {isWaiting(*call), call->first, end, std::move(ticket)});
+    if (!isTaken) refuse(end, WispError::busy, "Too many calls are waiting");
   }
 
-  // Asks the question behind the bounds of its work, and answers the call with what comes of it, or with an
-  // error when that takes longer than the time-out.
+  // Asks the question behind the bounds of look-ups, and answers the call with what comes of it.
   template <class Response, class Question>
-  void answer(const Work& work, std::uint32_t timeout, const Callback<Response>& callback,
-              Question question) {
+  void answer(std::uint32_t timeout, const Callback<Response>& callback, Question question) {
+    const auto call = begin(timeout, callback);
+    if (!call) return;
+    const auto end = endOf(*call, callback);
+    const WorkShare::Ticket ticket = lookupShare_->take();
+    const auto work = [ticket, end, isWaiting = isWaiting(*call), question = std::move(question)] {
+      if (isWaiting()) end(question(), nullptr);
+    };
+    if (ticket == nullptr || !service_->lookups_.submit(work))
+      refuse(end, WispError::busy, "Too many calls are waiting");
+  }
+
+  // Nothing when the call has no time. Once it is over, the call is answered with an error.
+  template <class Response>
+  std::optional<CallDeadlines::Call> begin(std::uint32_t timeout, const Callback<Response>& callback) {
     const auto late = [callback] {
       refuse(callback, WispError::timedOut, "There was no answer within the time-out");
     };
-    if (timeout == 0) return late();
+    if (timeout == 0) {
+      late();
+      return std::nullopt;
+    }
     const auto limit = std::min(std::chrono::seconds(timeout), service_->options_.longestTimeout);
-    const auto deadlines = service_->deadlines_;
-    const auto call = deadlines->begin(CallDeadlines::Clock::now() + limit, late);
-    const WispAnswers::Scan scan{call.first, [deadlines, call, weak = weak_from_this()] {
-                                   return deadlines->isPending(call) && !weak.expired();
-                                 }};
-    const bool isTaken =
-        isWithinShare(work) && work.all.submit([=, ticket = work.tickets, question = std::move(question)] {
-          if (!scan.isWanted()) return static_cast<void>(deadlines->end(call));
-          ErrorPtr error;
-          const std::shared_ptr<const Response> response = question(scan, &error);
-          if (deadlines->end(call)) callback(error == nullptr ? response : nullptr, error);
-        });
-    if (!isTaken && deadlines->end(call)) refuse(callback, WispError::busy, "Too many calls are waiting");
+    return service_->deadlines_->begin(CallDeadlines::Clock::now() + limit, late);
   }
 
-  static bool isWithinShare(const Work& work) {
-    return static_cast<std::size_t>(work.tickets.use_count() - 1) < work.limit;
+  // Answers the call when it is not over.
+  template <class Response>
+  Callback<Response> endOf(const CallDeadlines::Call& call, const Callback<Response>& callback) {
+    return [deadlines = service_->deadlines_, call, callback](const std::shared_ptr<const Response>& response,
+                                                              const ErrorPtr& error) {
+      if (deadlines->end(call)) callback(response, error);
+    };
+  }
+
+  Block<bool()> isWaiting(const CallDeadlines::Call& call) {
+    return [deadlines = service_->deadlines_, call, weak = weak_from_this()] {
+      return deadlines->isPending(call) && !weak.expired();
+    };
   }
 
   const std::shared_ptr<WispService> service_;
   const std::int32_t process_;
   const std::uint32_t user_;
-  const std::shared_ptr<const int> lookupTickets_ = std::make_shared<const int>();
-  const std::shared_ptr<const int> scanTickets_ = std::make_shared<const int>();
+  const std::shared_ptr<WorkShare> lookupShare_;
+  const std::shared_ptr<WorkShare> scanShare_;
 };
 
 std::shared_ptr<WispService> WispService::create(std::shared_ptr<WispAnswers> answers, Options options) {
@@ -188,24 +208,19 @@ WispService::WispService(std::shared_ptr<WispAnswers> answers, Options options)
       options_(std::move(options)),
       peers_(AdmittedPeers::create("qmwpcored", log(), options_.peers)),
       deadlines_(CallDeadlines::create("com.quillmarsh.qmwpcored.deadlines")),
+      lookupShares_(options_.lookupsOfOneProcess),
+      scanShares_(options_.scansOfOneProcess),
       lookups_(queue("lookups"), options_.runningLookups, options_.waitingLookups),
-      scans_(queue("scans"), options_.runningScans, options_.waitingScans),
-      analyses_(queue("analyses"), 1, kWaitingAnalyses) {}
+      scans_(FileScans::create(queue("scans"), options_.scans, scannerOf(answers_))) {}
 
 void WispService::serve(const std::shared_ptr<RemoteListener>& listener) {
   peers_->serve(listener, [self = shared_from_this()](const RemoteConnection& connection) {
     const auto peer =
-        std::make_shared<Peer>(self, connection.processIdentifier(), self->options_.userOf(connection));
+        std::make_shared<Peer>(self, connection.auditToken(), self->options_.userOf(connection));
     AdmittedPeers::Served served{peer, remoteExport<QMRWispServiceProtocol>(peer)};
     allowWispSettingValues(served.exported.interface());
     return served;
   });
-}
-
-// Behind the answer: another program may be changing the store for seconds.
-void WispService::remember(const ScannedFile& analyzed) {
-  if (!analyses_.submit([answers = answers_, analyzed] { answers->remember(analyzed); }))
-    QM_LOG_ERROR(log(), "An analysis is not remembered: too many are waiting");
 }
 
 }  // namespace qm

@@ -1,6 +1,6 @@
 // The Wisp core daemon's service: what its peers may call. Every call is answered once and, when it has a
-// time-out, within that; look-ups and scans run on queues of their own behind bounds, those of a peer that is
-// gone are dropped.
+// time-out, within that; look-ups and scans run on queues of their own behind bounds, and those of a peer
+// that is gone are not begun.
 #pragma once
 
 #include <chrono>
@@ -11,6 +11,8 @@
 #include "companions/admitted_peers.hpp"
 #include "companions/bounded_work.hpp"
 #include "companions/call_deadlines.hpp"
+#include "companions/file_scans.hpp"
+#include "companions/process_shares.hpp"
 #include "companions/wisp_answers.hpp"
 #include "companions/wisp_configuration.hpp"
 #include "foundation/block.hpp"
@@ -31,10 +33,9 @@ class WispService : public std::enable_shared_from_this<WispService> {
     std::chrono::seconds longestTimeout{60};
     std::size_t runningLookups = 4;
     std::size_t waitingLookups = 4096;
-    std::size_t lookupsOfOnePeer = 1024;
-    std::size_t runningScans = 2;  // each of them holds a file in memory
-    std::size_t waitingScans = 64;
-    std::size_t scansOfOnePeer = 32;
+    std::size_t lookupsOfOneProcess = 1024;
+    std::size_t scansOfOneProcess = 32;
+    FileScans::Limits scans;
   };
 
   static std::shared_ptr<WispService> create(std::shared_ptr<WispAnswers> answers, Options options);
@@ -46,17 +47,16 @@ class WispService : public std::enable_shared_from_this<WispService> {
   class Peer;
 
   WispService(std::shared_ptr<WispAnswers> answers, Options options);
-  // Keeps what the rules found out about a file, soon.
-  void remember(const ScannedFile& analyzed);
 
   const std::shared_ptr<WispAnswers> answers_;
   const Options options_;
   const std::shared_ptr<AdmittedPeers> peers_;
   const std::shared_ptr<CallDeadlines> deadlines_;
   WispConfiguration configuration_;
-  BoundedWork lookups_;
-  BoundedWork scans_;
-  BoundedWork analyses_;  // to be written into the store, one after the other
+  ProcessShares lookupShares_;
+  ProcessShares scanShares_;
+  const BoundedWork lookups_;
+  const std::shared_ptr<FileScans> scans_;
 };
 
 }  // namespace qm
