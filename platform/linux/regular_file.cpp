@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/file_io.hpp"
@@ -95,18 +96,21 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
     errno = file.errorNumber != 0 ? file.errorNumber : file.kind == FileKind::directory ? EISDIR : EINVAL;
     return std::nullopt;
   }
-  std::string content(largestSize + 1, '\0');
+  // One byte more than there is to be, to see the end at once; it may grow, and files of the kernel's say 0.
+  const std::size_t limit = largestSize + 1;
+  std::string content(std::min(limit, static_cast<std::size_t>(file.size) + 1), '\0');
   std::size_t length = 0;
-  while (length < content.size()) {
+  for (;;) {
+    if (length == limit) {
+      errno = EFBIG;
+      return std::nullopt;
+    }
+    if (length == content.size()) content.resize(std::min(limit, std::max<std::size_t>(2 * length, 4096)));
     const std::int64_t count = readAt(file.descriptor.get(), content.data() + length, content.size() - length,
                                       static_cast<std::int64_t>(length));
     if (count < 0) return std::nullopt;
     if (count == 0) break;
     length += static_cast<std::size_t>(count);
-  }
-  if (length > largestSize) {
-    errno = EFBIG;
-    return std::nullopt;
   }
   content.resize(length);
   return content;

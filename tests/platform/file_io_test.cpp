@@ -55,6 +55,21 @@ TEST(OpenRegularFile, DoesNotWaitForTheHolderOfALease) {
   EXPECT_TRUE(openRegularFile(path, SymbolicLinks::follow).descriptor);
 }
 
+TEST(ReadRegularFile, TakesWhatThereIsAndNoMoreThanIsAllowed) {
+  const ScratchFolder folder;
+  const std::string text = folder.write("text", std::string(10'000, 'x'));
+  constexpr std::size_t kAnyMemory = std::size_t{1} << 50;
+  EXPECT_EQ(readRegularFile(text, kAnyMemory), contentOf(text)) << "memory for the file, not for the bound";
+  EXPECT_EQ(readRegularFile(text, 10'000), contentOf(text));
+  EXPECT_EQ(readRegularFile(text, 9'999), std::nullopt);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(readRegularFile(folder.write("empty", ""), 0), "");
+  // Files of the kernel's say a size of 0.
+  EXPECT_EQ(readRegularFile("/proc/self/status", 3), std::nullopt);
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_GT(readRegularFile("/proc/self/smaps", kAnyMemory).value_or("").size(), 8192u);
+}
+
 TEST(ReadTextFile, ContentAndErrors) {
   const ScratchFolder folder;
   const std::string large(100'000, 'x');
