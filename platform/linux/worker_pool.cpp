@@ -353,32 +353,29 @@ void WorkerPool::monitorMain() {
       runnable_ = runnable;
       countedAt_ = tick_;
     }
-    putSleeperAside(lock);
+    Followup relief;
+    if (Worker* const worker = longestAtBoundedTask()) {
+      const ::pid_t thread = worker->thread;
+      const std::uint64_t since = worker->since;
+      lock.unlock();
+      const bool sleeps = !isRunnable(thread);
+      lock.lock();
+      if (worker == longestAtBoundedTask() && worker->since == since) relief = relieve(*worker, sleeps);
+    }
     const Followup followup = monitorTick();
     lock.unlock();
+    followUp(relief);
     followUp(followup);
   }
 }
 
-// At most one at a time: those behind it may then find all that they need.
-void WorkerPool::putSleeperAside(MutexLock& lock) {
-  Worker* const worker = longestAtBoundedTask();
-  if (worker == nullptr) return;
-  const std::uint64_t since = worker->since;
-  const ::pid_t thread = worker->thread;
-  lock.unlock();
-  const bool sleeps = !isRunnable(thread);
-  lock.lock();
-  if (longestAtBoundedTask() != worker || worker->since != since) return;
-  if (!sleeps) {
-    worker->since = tick_;  // the next one's turn to be looked at
-    return;
-  }
+WorkerPool::Followup WorkerPool::relieve(Worker& worker, bool sleeps) {
   Followup followup;
-  putAside(*worker, followup);
-  lock.unlock();
-  followUp(followup);
-  lock.lock();
+  if (sleeps)
+    putAside(worker, followup);
+  else
+    worker.since = tick_;  // the next one's turn to be looked at
+  return followup;
 }
 
 // Nobody while the bounded tasks that wait have a worker to come, or no more may be put aside.

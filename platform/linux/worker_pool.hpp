@@ -164,7 +164,7 @@ class WorkerPool {
 
   void monitorMain();
   void armMonitor() const;
-  void putSleeperAside(MutexLock& lock) QM_REQUIRES(mutex_);
+  Followup relieve(Worker& worker, bool sleeps) QM_REQUIRES(mutex_);
   Worker* longestAtBoundedTask() const QM_REQUIRES(mutex_);
   Followup monitorTick() QM_REQUIRES(mutex_);
   bool needsCount() const QM_REQUIRES(mutex_);
