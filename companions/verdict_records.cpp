@@ -68,13 +68,17 @@ int prepare(SQLiteDatabase& database, VerdictKind kind, ReadStatements& statemen
 
 int prepare(SQLiteDatabase& database, VerdictKind kind, WriteStatements& statements) {
   const TableNames& names = kTables.at(indexOf(kind));
-  const std::string table = names.table;
+  const std::string table = names.table, key = names.key;
   const std::string values =
       kind == VerdictKind::url ? "(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)" : "(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
-  return prepareAll(database, {{statements.find, findSQL(names)},
-                               {statements.put, "INSERT OR REPLACE INTO " + table + " VALUES " + values},
-                               {statements.remove, "DELETE FROM " + table + " WHERE " + names.key + " = ?1"},
-                               {statements.removeSource, "DELETE FROM " + table + " WHERE source = ?1"}});
+  return prepareAll(
+      database, {{statements.find, findSQL(names)},
+                 {statements.put, "INSERT OR REPLACE INTO " + table + " VALUES " + values},
+                 {statements.remove, "DELETE FROM " + table + " WHERE " + key + " = ?1"},
+                 {statements.stretch, "SELECT max(" + key + "), count(*) FROM (SELECT " + key + " FROM " +
+                                          table + " WHERE " + key + " > ?1 ORDER BY " + key + " LIMIT ?2)"},
+                 {statements.removeSource,
+                  "DELETE FROM " + table + " WHERE source = ?1 AND " + key + " > ?2 AND " + key + " <= ?3"}});
 }
 
 int prepareVisit(SQLiteDatabase& database, VerdictKind kind, SQLiteStatement& statement) {
@@ -118,6 +122,13 @@ void bindKey(SQLiteStatement& statement, const SHA1Value& sha1) {
 
 void bindKey(SQLiteStatement& statement, const std::string& key) {
   statement.bind(1, std::string_view(key));
+}
+
+void bindStretchKey(SQLiteStatement& statement, int parameter, VerdictKind kind, const std::string& bytes) {
+  if (kind == VerdictKind::url)
+    statement.bind(parameter, std::string_view(bytes));
+  else
+    statement.bindBytes(parameter, bytes.data(), bytes.size());
 }
 
 void bindRecord(SQLiteStatement& statement, const StoredVerdict& record) {

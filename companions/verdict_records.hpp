@@ -55,7 +55,8 @@ struct WriteStatements {
   SQLiteStatement find;
   SQLiteStatement put;
   SQLiteStatement remove;
-  SQLiteStatement removeSource;
+  SQLiteStatement stretch;       // the last key, and the number, of the ?2 rows behind the key ?1
+  SQLiteStatement removeSource;  // ?1, behind the key ?2, up to the key ?3
 };
 
 // All of them or, with an SQLite result code, only some.
@@ -73,6 +74,8 @@ bool checkEntry(const VerdictEntry& entry, ErrorPtr* error);
 void bindKey(SQLiteStatement& statement, const SHA256Value& sha256);
 void bindKey(SQLiteStatement& statement, const SHA1Value& sha1);
 void bindKey(SQLiteStatement& statement, const std::string& key);
+// A key as its bytes stand in the table; before all others when it is empty.
+void bindStretchKey(SQLiteStatement& statement, int parameter, VerdictKind kind, const std::string& bytes);
 void bindRecord(SQLiteStatement& statement, const StoredVerdict& record);
 void bindRecord(SQLiteStatement& statement, const StoredURLVerdict& record);
 

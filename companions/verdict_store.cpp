@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <thread>
+#include <tuple>
 
 #include "companions/sqlite_database.hpp"
 #include "companions/verdict_records.hpp"
@@ -67,6 +69,22 @@ bool isRecordText(std::string_view text) {
          std::none_of(text.begin(), text.end(), isControl);
 }
 
+namespace {
+
+// A removal goes through a table in stretches of so many rows, each a transaction of a few hundredths of a
+// second.
+constexpr std::int64_t kStretchRows = 20'000;
+constexpr std::chrono::milliseconds kStretchPause{10};
+
+// How far a removal has come in its table.
+struct RemovedStretch {
+  std::string end;  // the last key of the stretch
+  std::int64_t rows = 0;
+  std::size_t removed = 0;
+};
+
+}  // namespace
+
 // Reading and writing have a connection each, so that a lookup never waits for a transaction: a reader in
 // write-ahead mode sees the last committed state.
 struct VerdictStore::Reader {
@@ -96,6 +114,9 @@ struct VerdictStore::Writer {
   }
   template <class Key>
   int importOne(const Key& key, const typename Table<Key>::Record& record, ImportOutcome& outcome);
+
+  // Removes what the source brought of the rows behind the last stretch.
+  int removeStretch(VerdictKind kind, const std::string& source, RemovedStretch& stretch);
 
   // Runs the work inside a transaction that takes the write lock first. The work returns SQLITE_DONE to
   // commit.
@@ -289,6 +310,40 @@ bool VerdictStore::addAll(const std::vector<VerdictEntry>& entries, ErrorPtr* er
       error);
 }
 
+namespace {
+
+bool isBad(const StoredVerdict& record) {
+  return record.verdict == SVKSkyvaultSafetyVerdictValueMalicious ||
+         record.verdict == SVKSkyvaultSafetyVerdictValueUnwanted ||
+         record.verdict == SVKSkyvaultSafetyVerdictValuePU;
+}
+
+bool isClean(const StoredVerdict& record) {
+  return record.verdict == SVKSkyvaultSafetyVerdictValueKnownClean;
+}
+
+void noteReversal(const StoredVerdict& before, const StoredVerdict& after,
+                  VerdictStore::ImportOutcome& outcome) {
+  if (isBad(before) && isClean(after)) ++outcome.badToClean;
+  if (isClean(before) && isBad(after)) ++outcome.cleanToBad;
+}
+
+// In the order of the table a page is changed once for all of its rows. Of one key the last entry alone is
+// left: one before it would be written only to be replaced.
+std::vector<const VerdictEntry*> inOrderOfTable(const std::vector<VerdictEntry>& entries) {
+  std::vector<const VerdictEntry*> ordered;
+  ordered.reserve(entries.size());
+  for (const VerdictEntry& entry : entries) ordered.push_back(&entry);
+  std::sort(ordered.begin(), ordered.end(), [](const VerdictEntry* a, const VerdictEntry* b) {
+    return std::tie(a->first, b) < std::tie(b->first, a);  // the last of a key first
+  });
+  const auto isSameKey = [](const VerdictEntry* a, const VerdictEntry* b) { return a->first == b->first; };
+  ordered.erase(std::unique(ordered.begin(), ordered.end(), isSameKey), ordered.end());
+  return ordered;
+}
+
+}  // namespace
+
 template <class Key>
 int VerdictStore::Writer::importOne(const Key& key, const typename Table<Key>::Record& record,
                                     ImportOutcome& outcome) {
@@ -304,20 +359,16 @@ int VerdictStore::Writer::importOne(const Key& key, const typename Table<Key>::R
     return SQLITE_DONE;
   }
   ++(there == SQLITE_ROW ? outcome.replaced : outcome.added);
+  if (there == SQLITE_ROW) noteReversal(present, record, outcome);
   return put(key, record);
 }
 
 std::optional<VerdictStore::ImportOutcome> VerdictStore::importAll(const std::vector<VerdictEntry>& entries,
                                                                    ErrorPtr* error) {
   if (!checkAll(entries, error)) return std::nullopt;
-  // In the order of the table a page is changed once for all of its rows; of one key the last comes last.
-  std::vector<const VerdictEntry*> ordered;
-  ordered.reserve(entries.size());
-  for (const VerdictEntry& entry : entries) ordered.push_back(&entry);
-  std::sort(ordered.begin(), ordered.end(), [](const VerdictEntry* a, const VerdictEntry* b) {
-    return std::tie(a->first, a) < std::tie(b->first, b);
-  });
+  const std::vector<const VerdictEntry*> ordered = inOrderOfTable(entries);
   ImportOutcome outcome;
+  outcome.repeated = entries.size() - ordered.size();
   const auto work = [&](Writer& writer) {
     for (const VerdictEntry* const entry : ordered) {
       const auto importOne = [&](const auto& key) { return writer.importOne(key, entry->second, outcome); };
@@ -369,28 +420,65 @@ std::optional<std::size_t> VerdictStore::remove(const std::vector<VerdictKey>& k
   return change(work, error) ? std::optional(removed) : std::nullopt;
 }
 
+int VerdictStore::Writer::removeStretch(VerdictKind kind, const std::string& source,
+                                        RemovedStretch& stretch) {
+  WriteStatements& prepared = of(kind);
+  const SQLiteStatementUse useOfEnd(prepared.stretch);
+  bindStretchKey(prepared.stretch, 1, kind, stretch.end);
+  prepared.stretch.bind(2, kStretchRows);
+  if (const int status = prepared.stretch.step(); status != SQLITE_ROW) return status;
+  stretch.rows = prepared.stretch.integer(1);
+  if (stretch.rows == 0) return SQLITE_DONE;
+  const std::string end = prepared.stretch.bytes(0);
+  SQLiteStatement& removal = prepared.removeSource;
+  const SQLiteStatementUse useOfRemoval(removal);
+  removal.bind(1, std::string_view(source));
+  bindStretchKey(removal, 2, kind, stretch.end);
+  bindStretchKey(removal, 3, kind, end);
+  if (const int status = removal.step(); status != SQLITE_DONE) return status;
+  stretch.removed = static_cast<std::size_t>(database.changes());
+  stretch.end = end;
+  return SQLITE_DONE;
+}
+
 std::optional<std::size_t> VerdictStore::removeSource(const std::vector<VerdictKind>& kinds,
-                                                      const std::string& source, ErrorPtr* error) {
+                                                      const std::string& source,
+                                                      const RemovalObserver& observer, ErrorPtr* error) {
+  std::uint64_t total = 0;
+  for (const VerdictKind kind : kinds) {
+    const std::optional<Counts> counts = observer ? count(kind, error) : Counts();
+    if (!counts) return std::nullopt;
+    for (const auto& [verdict, number] : *counts) total += number;
+  }
   std::size_t removed = 0;
-  const auto work = [&](Writer& writer) {
-    for (const VerdictKind kind : kinds) {
-      SQLiteStatement& statement = writer.of(kind).removeSource;
-      const SQLiteStatementUse use(statement);
-      statement.bind(1, std::string_view(source));
-      if (const int status = statement.step(); status != SQLITE_DONE) return status;
-      removed += static_cast<std::size_t>(writer.database.changes());
-    }
-    return SQLITE_DONE;
-  };
-  return change(work, error) ? std::optional(removed) : std::nullopt;
+  std::uint64_t seen = 0;
+  for (const VerdictKind kind : kinds) {
+    RemovedStretch stretch;
+    do {
+      stretch.rows = 0;
+      stretch.removed = 0;
+      const auto work = [&](Writer& writer) { return writer.removeStretch(kind, source, stretch); };
+      if (!change(work, error)) return std::nullopt;
+      removed += stretch.removed;
+      seen += static_cast<std::uint64_t>(stretch.rows);
+      if (observer)
+        observer(removed,
+                 total == 0 ? 1 : std::min(1.0, static_cast<double>(seen) / static_cast<double>(total)));
+      // A program that waits for the lock looks for it from time to time only.
+      if (stretch.rows == kStretchRows) std::this_thread::sleep_for(kStretchPause);
+    } while (stretch.rows == kStretchRows);
+  }
+  return removed;
 }
 
-std::optional<std::size_t> VerdictStore::removeFilesOfSource(const std::string& source, ErrorPtr* error) {
-  return removeSource({VerdictKind::sha256, VerdictKind::sha1}, source, error);
+std::optional<std::size_t> VerdictStore::removeFilesOfSource(const std::string& source, ErrorPtr* error,
+                                                             const RemovalObserver& observer) {
+  return removeSource({VerdictKind::sha256, VerdictKind::sha1}, source, observer, error);
 }
 
-std::optional<std::size_t> VerdictStore::removeURLsOfSource(const std::string& source, ErrorPtr* error) {
-  return removeSource({VerdictKind::url}, source, error);
+std::optional<std::size_t> VerdictStore::removeURLsOfSource(const std::string& source, ErrorPtr* error,
+                                                            const RemovalObserver& observer) {
+  return removeSource({VerdictKind::url}, source, observer, error);
 }
 
 std::optional<VerdictStore::Counts> VerdictStore::countWith(SQLiteStatement ReadStatements::*statement,

@@ -3,7 +3,7 @@
 // agent answers from it, qmverdicts edits it.
 //
 // A store belongs to whoever opened it and may be used from any thread; lookups do not wait for changes.
-// Every change is whole or not made and is on the disk when the call returns.
+// Every change is whole or not made, but where it says otherwise, and is on the disk when the call returns.
 #pragma once
 
 #include <chrono>
@@ -123,8 +123,12 @@ class VerdictStore {
     std::size_t replaced = 0;   // said something else before, or had another source
     std::size_t unchanged = 0;  // there already: the time when it was added stays
     std::size_t kept = 0;       // a person had given another verdict, which stays
+    std::size_t repeated = 0;   // not looked at: a later one of the same call has their key
+    // Of the replaced ones: known clean now and malicious, unwanted or pu before, and the reverse.
+    std::size_t badToClean = 0;
+    std::size_t cleanToBad = 0;
   };
-  // Takes all, in the order of their keys, or none. Of two with one key the later counts.
+  // Takes all, in the order of their keys, or none. Of several with one key the last counts.
   std::optional<ImportOutcome> importAll(const std::vector<VerdictEntry>& entries, ErrorPtr* error = nullptr);
 
   // Keeps what an analysis found under both hashes, unless one of them has a verdict from another source. The
@@ -134,7 +138,15 @@ class VerdictStore {
 
   // Removes all or none. How many there were, nothing on failure.
   std::optional<std::size_t> remove(const std::vector<VerdictKey>& keys, ErrorPtr* error = nullptr);
-  std::optional<std::size_t> removeFilesOfSource(const std::string& source, ErrorPtr* error = nullptr);
+
+  // How many are removed for good, and how much of the work is done (0 to 1).
+  using RemovalObserver = std::function<void(std::size_t removed, double share)>;
+  // In many short transactions, so that others come to their turn: what was removed before a failure stays
+  // removed. How many there were, nothing on failure.
+  std::optional<std::size_t> removeFilesOfSource(const std::string& source, ErrorPtr* error = nullptr,
+                                                 const RemovalObserver& observer = nullptr);
+  std::optional<std::size_t> removeURLsOfSource(const std::string& source, ErrorPtr* error = nullptr,
+                                                const RemovalObserver& observer = nullptr);
 
   // Records by verdict; nothing on failure.
   using Counts = std::map<std::string, std::uint64_t>;
@@ -154,7 +166,6 @@ class VerdictStore {
   // The first of the keys that is there.
   std::optional<URLEntry> findURL(const std::vector<std::string>& keys, ErrorPtr* error = nullptr);
   [[nodiscard]] bool addURLs(const std::vector<URLEntry>& entries, ErrorPtr* error = nullptr);
-  std::optional<std::size_t> removeURLsOfSource(const std::string& source, ErrorPtr* error = nullptr);
 
  private:
   struct Reader;
@@ -168,7 +179,7 @@ class VerdictStore {
   template <class Entries>
   bool putAll(const Entries& entries, ErrorPtr* error);
   std::optional<std::size_t> removeSource(const std::vector<VerdictKind>& kinds, const std::string& source,
-                                          ErrorPtr* error);
+                                          const RemovalObserver& observer, ErrorPtr* error);
   template <class Hash>
   std::optional<StoredVerdict> findHash(const Hash& hash, ErrorPtr* error);
   std::optional<Counts> countWith(SQLiteStatement verdict_records::ReadStatements::*statement,

@@ -13,6 +13,8 @@
 namespace qm {
 namespace {
 
+constexpr std::size_t kSmallestBuffer = 4096;  // bytes
+
 FileKind kindOf(mode_t mode) {
   switch (mode & S_IFMT) {
     case S_IFREG:
@@ -96,21 +98,21 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
     errno = file.errorNumber != 0 ? file.errorNumber : file.kind == FileKind::directory ? EISDIR : EINVAL;
     return std::nullopt;
   }
-  // One byte more than there is to be, to see the end at once; it may grow, and files of the kernel's say 0.
-  const std::size_t limit = largestSize + 1;
-  std::string content(std::min(limit, static_cast<std::size_t>(file.size) + 1), '\0');
+  // What says it is empty may be a file of the kernel's, which has its text only for those who read it.
+  const std::size_t expected = std::max(static_cast<std::size_t>(file.size), kSmallestBuffer);
+  std::string content(std::min(expected, largestSize) + 1, '\0');
   std::size_t length = 0;
   for (;;) {
-    if (length == limit) {
-      errno = EFBIG;
-      return std::nullopt;
-    }
-    if (length == content.size()) content.resize(std::min(limit, std::max<std::size_t>(2 * length, 4096)));
     const std::int64_t count = readAt(file.descriptor.get(), content.data() + length, content.size() - length,
                                       static_cast<std::int64_t>(length));
     if (count < 0) return std::nullopt;
     if (count == 0) break;
     length += static_cast<std::size_t>(count);
+    if (length > largestSize) {
+      errno = EFBIG;
+      return std::nullopt;
+    }
+    if (length == content.size()) content.resize(std::min(2 * length, largestSize + 1));
   }
   content.resize(length);
   return content;

@@ -113,7 +113,8 @@ TEST_F(VerdictStoreTest, AnImportAgainChangesNothingNeverAPersonsWordAndIsRemove
     const auto outcome = store->importAll(entries, &error_);
     if (!outcome) return std::string("failed");
     return std::to_string(outcome->added) + " " + std::to_string(outcome->replaced) + " " +
-           std::to_string(outcome->unchanged) + " " + std::to_string(outcome->kept);
+           std::to_string(outcome->unchanged) + " " + std::to_string(outcome->kept) + " " +
+           std::to_string(outcome->repeated);
   };
   EXPECT_EQ(import({{"c.example", imported},
                     {"a.example", imported},
@@ -121,12 +122,14 @@ TEST_F(VerdictStoreTest, AnImportAgainChangesNothingNeverAPersonsWordAndIsRemove
                     {numbered(1), file},
                     {numbered(2), file},
                     {numberedSHA1(2), file}}),
-            "4 0 0 2");
-  EXPECT_EQ(import({{"a.example", kHost}, {"c.example", again}, {numbered(2), file}}), "0 0 3 0");
+            "4 0 0 2 0");
+  EXPECT_EQ(import({{"a.example", kHost}, {"c.example", again}, {numbered(2), file}}), "0 0 3 0 0");
   EXPECT_EQ(store->findURL({"c.example", "a.example"})->second, imported) << "first key, and first time";
   again.ttl = 5;
-  EXPECT_EQ(import({{"c.example", imported}, {"c.example", again}}), "0 1 1 0");
-  EXPECT_EQ(store->findURL({"c.example"})->second, again);
+  for (const char* outcome : {"0 1 0 0 1", "0 0 1 0 1"}) {  // a list that names it twice, and once more
+    EXPECT_EQ(import({{"c.example", imported}, {"c.example", again}}), outcome);
+    EXPECT_EQ(store->findURL({"c.example"})->second, again);
+  }
   EXPECT_EQ(import({{"d.example", imported}, {"e.example", bad}}), "failed");
   EXPECT_EQ(code(), VerdictStoreError::badRecord);
   EXPECT_EQ(store->countSources(VerdictKind::url), (VerdictStore::Counts{{"list", 1}, {"manual", 2}}));
@@ -196,7 +199,7 @@ TEST_F(VerdictStoreTest, LookupsDuringAnImportAllSucceedAndSeeWholeBatches) {
   ASSERT_NE(open(), nullptr);
   const auto import = std::async(std::launch::async, [this] {
     const auto store = VerdictStore::open(path_, Access::readWrite);
-    for (unsigned first = 0; first < 20'000; first += 2'000) {
+    for (unsigned first = 0; first < 22'000; first += 2'000) {
       std::vector<VerdictEntry> entries;
       for (unsigned i = first; i < first + 2'000; ++i)
         entries.emplace_back(numbered(i), StoredURLVerdict{kMalicious, {}});
@@ -206,13 +209,23 @@ TEST_F(VerdictStoreTest, LookupsDuringAnImportAllSucceedAndSeeWholeBatches) {
   });
   const auto reader = open(Access::readOnly);
   bool isOver = false;
-  for (unsigned first = 0; !isOver; first = (first + 2'000) % 20'000) {
+  for (unsigned first = 0; !isOver; first = (first + 2'000) % 22'000) {
     isOver = import.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     const bool isLastThere = reader->find(numbered(first + 1'999), &error_).has_value();
     ASSERT_EQ(error_, nullptr) << error_->localizedDescription();
     if (reader->find(numbered(first), &error_).has_value() < isLastThere) FAIL() << "half a batch";
   }
-  EXPECT_EQ(reader->count(), (VerdictStore::Counts{{"malicious", 20'000}}));
+  EXPECT_EQ(reader->count(), (VerdictStore::Counts{{"malicious", 22'000}}));
+  std::vector<std::size_t> steps;
+  EXPECT_EQ(open()->removeFilesOfSource(kVerdictSourceManual, &error_,
+                                        [&](std::size_t removed, double share) {
+                                          EXPECT_NEAR(share, static_cast<double>(removed) / 22'000, 1e-9);
+                                          if (steps.empty() || steps.back() != removed)
+                                            steps.push_back(removed);
+                                          EXPECT_EQ(reader->count()->size(), removed == 22'000 ? 0u : 1u);
+                                        }),
+            22'000u);
+  EXPECT_EQ(steps, (std::vector<std::size_t>{20'000, 22'000})) << "step by step, for others to see";
 }
 
 TEST_F(VerdictStoreTest, ALookupDoesNotWaitForAWriterAndAWriterThatWaitsTooLongSaysSo) {

@@ -61,6 +61,10 @@ class ChildProcess {
   pid_t pid() const { return pid_; }
   bool isRunning() const { return hasNotEnded(WNOHANG); }
 
+  void write(const std::string& text) {
+    if (::write(input_.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+      throw std::runtime_error("the input takes no more");
+  }
   void closeInput() { input_.reset(); }
   // Up to the next line's end or the end of the output.
   std::string readLine() {

@@ -1,5 +1,7 @@
 // Imports of verdicts about URLs: what lines say, what becomes of the store, and the program around it.
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/ioctl.h>
 
 #include "support/child_process.hpp"
 #include "tools/qmverdicts/csv_format.hpp"
@@ -107,16 +109,20 @@ TEST(VerdictImport, ListsOfHashesGiveWhatTheStoreTakes) {
 
 TEST(VerdictImport, DpkgsDatabaseSaysWhichFilesBelongToInstalledPackages) {
   const std::string sum(32, '1');
-  const auto packages = installedPackages(
+  const auto [packages, unfinished] = packageStates(
       "Package: gone\nStatus: deinstall ok config-files\n\n"
       "Package: lib\nStatus: hold ok installed\nArchitecture: amd64\n"
       "Multi-Arch: same\nConffiles:\n /etc/a b " +
       sum + "\n /etc/old " + sum + " obsolete\nDescription: x\n /etc/c " + sum +
-      "\n\nPackage: ../x\nStatus: install ok installed\n");
-  ASSERT_EQ(packages.size(), 1u);
+      "\n\nPackage: ../x\nStatus: install ok installed\n\nPackage: half\nStatus: install ok "
+      "half-configured\n\n"
+      "Package: man\nStatus: install ok triggers-pending\n");
+  ASSERT_EQ(packages.size(), 2u);
   EXPECT_EQ(packages[0].filesName, "lib:amd64");
   ASSERT_EQ(packages[0].configuration.size(), 1u);
   EXPECT_EQ(packages[0].configuration[0].path, "/etc/a b");
+  EXPECT_EQ(packages[1].filesName, "man");
+  EXPECT_EQ(unfinished, std::vector<std::string>{"half (half-configured)"});
   EXPECT_EQ(recordedFile(sum + "  usr/bin/a b")->path, "/usr/bin/a b");
   for (const std::string& line : {sum, sum + " x", sum.substr(1) + "g  x", sum + "  "})
     EXPECT_FALSE(recordedFile(line)) << line;
@@ -134,11 +140,20 @@ TEST(VerdictImport, TheProgramImportsAnInstalledSystemAndWhatItExportsIsTheSameA
     return result.output;
   };
   const std::string sumOfHello = "5d41402abc4b2a76b9719d911017c592";  // md5sum of "hello"
-  folder.write("root/var/lib/dpkg/status",
-               "Package: p\nStatus: install ok installed\n\n"
-               "Package: none\nStatus: install ok installed\n");
+  qmverdicts(2, "none", {"import", "--format", "debian", folder.path("root")});
+  EXPECT_FALSE(std::filesystem::exists(folder.path("none"))) << "no store for a folder without packages";
+  const std::string dpkg = "root/var/lib/dpkg/";
+  folder.write(dpkg + "status", "Package: p\nStatus: install ok triggers-pending\nConffiles:\n /etc/p " +
+                                    sumOfHello +
+                                    "\n\nPackage: none\nStatus: install ok installed\n\n"
+                                    "Package: odd\nStatus: install ok installed\n\n"
+                                    "Package: half\nStatus: install ok unpacked\n");
+  folder.write(dpkg + "diversions", "/usr/moved\n/usr/moved.real\nq\n");
+  std::filesystem::create_directories(folder.path(dpkg + "info/odd.md5sums"));
+  folder.write("root/etc/p", "hello");
+  folder.write("root/usr/moved.real", "hello");
   std::string sums = "nonsense\n";
-  for (const char* name : {"same", "changed", "missing", "link", "pipe"})
+  for (const char* name : {"same", "changed", "missing", "link", "pipe", "moved"})
     sums += sumOfHello + "  usr/" + name + "\n";
   folder.write("root/var/lib/dpkg/info/p.md5sums", sums);
   const std::string same = folder.write("root/usr/same", "hello"), usr = folder.path("root/usr/");
@@ -147,16 +162,29 @@ TEST(VerdictImport, TheProgramImportsAnInstalledSystemAndWhatItExportsIsTheSameA
   ASSERT_EQ(::mkfifo((usr + "pipe").c_str(), 0600), 0);
   const std::vector<std::string> import = {"import", "--format", "debian", folder.path("root")};
   const std::string summary = qmverdicts(1, "s", import);
-  EXPECT_THAT(summary,
-              testing::AllOf(HasSubstr("5 files: 2 verdicts added,"), HasSubstr("6 files skipped\n"),
-                             HasSubstr("skipped, not as it was installed: " + usr + "changed\n"),
-                             HasSubstr("skipped, not a regular file: " + usr + "link, " + usr + "pipe\n"),
-                             HasSubstr("skipped, not there: " + usr + "missing\n"),
-                             HasSubstr("skipped, no sum and path: "), HasSubstr("p.md5sums:1\n"),
-                             HasSubstr("skipped, a package without recorded sums: none\n")));
+  EXPECT_THAT(
+      summary,
+      testing::AllOf(HasSubstr("7 files: 2 verdicts added, 0 replaced, 0 there already, 0 left as a person "
+                               "gave them, 4 named again later; 4 files, 1 line, 3 packages skipped\n"),
+                     HasSubstr("\nskipped, not as it was installed:\n  " + usr + "changed\n"),
+                     HasSubstr("\nskipped, not a regular file:\n  " + usr + "link\n  " + usr + "pipe\n"),
+                     HasSubstr("\nskipped, not there:\n  " + usr + "missing\n"),
+                     HasSubstr("\nlines skipped, no sum and path:\n  "), HasSubstr("p.md5sums:1\n"),
+                     HasSubstr("\npackages skipped, not wholly installed:\n  half (unpacked)\n"),
+                     HasSubstr("\npackages skipped, without recorded sums:\n  none\n"),
+                     HasSubstr("odd.md5sums: Is a directory\n")));
   EXPECT_THAT(qmverdicts(1, "s", import), HasSubstr("0 replaced, 2 there already"));
   EXPECT_THAT(qmverdicts(0, "s", {"show", same}),
               HasSubstr(" known_clean prevalence=0 ttl=86400 source=debian"));
+
+  const std::string listed = folder.write("list", textFromKey(sha256("hello", 5)) + ":5:Bad.Hello\n");
+  EXPECT_THAT(qmverdicts(0, "s", {"import", "--format", "clamav", listed}),
+              HasSubstr("1 replaced (0 bad before and known_clean now, 1 known_clean before and bad now)"));
+  EXPECT_THAT(qmverdicts(1, "s", import),
+              HasSubstr("1 replaced (1 bad before and known_clean now, 0 known_clean before and bad now)"));
+  EXPECT_THAT(
+      qmverdicts(2, "s", {"import", "--format", "clamav", folder.write("daily.cvd", "ClamAV-VDB:x:1:\n")}),
+      HasSubstr("sigtool --unpack"));
 
   const std::string odd = "Odd, \"name\" ";
   qmverdicts(0, "s", {"add", usr + "changed", "--verdict", "malicious", "--name", odd});
@@ -261,6 +289,42 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
   ::kill(running.pid(), SIGINT);
   EXPECT_THAT(running.readToEnd(), HasSubstr("0 lines: 0 verdicts added"));
   EXPECT_EQ(WTERMSIG(running.wait()), SIGINT);
+}
+
+// The other end of a terminal that a program writes to.
+class Terminal {
+ public:
+  Terminal() : control_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    const winsize size{.ws_row = 24, .ws_col = 200, .ws_xpixel = 0, .ws_ypixel = 0};
+    if (::grantpt(control_.get()) != 0 || ::unlockpt(control_.get()) != 0 ||
+        ::ioctl(control_.get(), TIOCSWINSZ, &size) != 0)
+      throw std::runtime_error("no terminal");
+  }
+  std::string path() const { return ::ptsname(control_.get()); }
+  // What is written, until it holds the text or the program is gone.
+  std::string readUntil(const std::string& text) const {
+    std::string read;
+    for (char c = 0; read.find(text) == std::string::npos && ::read(control_.get(), &c, 1) == 1;) read += c;
+    return read;
+  }
+
+ private:
+  const FileDescriptor control_;
+};
+
+TEST(VerdictImport, WhatTheTerminalSaysIsInTheStoreSurvivesAKillAndIsThereBeforeAQuietPipeEnds) {
+  const ScratchFolder folder;
+  const Terminal terminal;
+  ::setenv("TERM", "xterm", 1);
+  ChildProcess import(
+      {QM_QMVERDICTS, "--store", folder.path("s"), "import-url", "--format", "hosts", "--verdict", "pu", "-"},
+      true, terminal.path());
+  import.write("0.0.0.0 a.example\n0.0.0.0 b.example\n0.0.0.0 half");
+  EXPECT_THAT(terminal.readUntil(" 2 verdicts put"),
+              testing::ContainsRegex("2 lines, [0-9]+ a second, 2 verdicts"));
+  import.end(SIGKILL);
+  const auto store = VerdictStore::open(folder.path("s"), VerdictStore::Access::readWrite);
+  EXPECT_EQ(store->countURLs(), (VerdictStore::Counts{{"pu", 2}}));
 }
 
 }  // namespace

@@ -21,7 +21,10 @@ constexpr std::string_view kMissing = "not there";
 constexpr std::string_view kNotRegular = "not a regular file";
 constexpr std::string_view kUnreadable = "cannot be read";
 constexpr std::string_view kChanged = "not as it was installed";
-constexpr std::string_view kWithoutSums = "a package without recorded sums";
+// Of whole packages, and of lines.
+constexpr std::string_view kUnfinished = "not wholly installed";
+constexpr std::string_view kWithoutSums = "without recorded sums";
+constexpr std::string_view kUnreadableSums = "with recorded sums that cannot be read";
 constexpr std::string_view kBadLine = "no sum and path";
 
 // The digest that dpkg records; nothing but a comparison with it rests on it.
@@ -77,14 +80,19 @@ std::string_view PackageFiles::check(const RecordedFile& file, Hashes& hashes) {
   return md5_.finish() == file.md5 ? std::string_view() : kChanged;
 }
 
+void skipPackages(const DebianPackages& packages, ImportLedger& ledger) {
+  for (const std::string& package : packages.unfinishedPackages) ledger.skip(kUnfinished, package, "package");
+  for (const std::string& package : packages.packagesWithoutSums)
+    ledger.skip(kWithoutSums, package, "package");
+  for (const std::string& sums : packages.unreadableSums) ledger.skip(kUnreadableSums, sums, "package");
+  for (const std::string& line : packages.badLines) ledger.skip(kBadLine, line, "line");
+}
+
 }  // namespace
 
-tools::Failure importDebianPackages(const std::string& root, const StoredURLVerdict& record,
-                                    ImportLedger& ledger) {
-  DebianPackages packages;
-  if (auto failure = packages.read(root)) return failure;
-  for (const std::string& package : packages.packagesWithoutSums) ledger.skip(kWithoutSums, package);
-  for (const std::string& line : packages.badLines) ledger.skip(kBadLine, line);
+tools::Failure importDebianFiles(const DebianPackages& packages, const StoredURLVerdict& record,
+                                 ImportLedger& ledger) {
+  skipPackages(packages, ledger);
   PackageFiles files;
   if (!files.start()) return "this machine's libcrypto offers no MD5, which dpkg's sums are";
   std::uint64_t done = 0;

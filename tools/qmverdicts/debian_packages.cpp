@@ -14,8 +14,8 @@ namespace qm::qmverdicts {
 
 namespace {
 
-// Bytes; the largest real ones have a few dozen megabytes.
-constexpr std::size_t kLargestDatabaseFile = 512 << 20;
+// Bytes; the largest real ones have some megabytes.
+constexpr std::size_t kLargestDatabaseFile = 128 << 20;
 constexpr std::string_view kDatabase = "/var/lib/dpkg/";
 
 // Takes the next line, without its end, off the text.
@@ -51,16 +51,19 @@ class Paragraph {
     isConfiguration_ = name == "Conffiles";
     if (name == "Package") package_.name = value;
     if (name == "Architecture") architecture_ = value;
-    if (name == "Status") isInstalled_ = value.ends_with(" installed");
+    if (name == "Status") state_ = value.substr(value.rfind(' ') + 1);  // npos + 1 is the start
     if (name == "Multi-Arch") isForSeveral_ = value == "same";
   }
-  // Nothing when it is not about an installed package.
-  std::optional<InstalledPackage> end() {
+  void endInto(PackageStates& packages) {
     const bool isNamed = !package_.name.empty() && package_.name.find('/') == std::string::npos &&
                          architecture_.find('/') == std::string::npos;
-    if (!isInstalled_ || !isNamed) return std::nullopt;
+    if (!isNamed || state_ == "not-installed" || state_ == "config-files") return;
+    if (state_ != "installed" && !state_.starts_with("triggers-")) {
+      packages.unfinished.push_back(package_.name + " (" + state_ + ")");
+      return;
+    }
     package_.filesName = package_.name + (isForSeveral_ ? ":" + architecture_ : "");
-    return std::move(package_);
+    packages.installed.push_back(std::move(package_));
   }
 
  private:
@@ -75,15 +78,15 @@ class Paragraph {
 
   InstalledPackage package_;
   std::string architecture_;
-  bool isInstalled_ = false;
+  std::string state_;          // the last word of the status
   bool isForSeveral_ = false;  // architectures at once
   bool isConfiguration_ = false;
 };
 
 }  // namespace
 
-std::vector<InstalledPackage> installedPackages(std::string_view status) {
-  std::vector<InstalledPackage> packages;
+PackageStates packageStates(std::string_view status) {
+  PackageStates packages;
   while (!status.empty()) {
     Paragraph paragraph;
     while (!status.empty()) {
@@ -91,7 +94,7 @@ std::vector<InstalledPackage> installedPackages(std::string_view status) {
       if (line.empty()) break;
       paragraph.take(line);
     }
-    if (auto package = paragraph.end()) packages.push_back(*std::move(package));
+    paragraph.endInto(packages);
   }
   return packages;
 }
@@ -120,26 +123,35 @@ const std::string& Diversions::placeOf(const std::string& path, std::string_view
   return isElsewhere ? diversion->second.place : path;
 }
 
-tools::Failure DebianPackages::read(const std::string& root) {
+tools::Failure DebianPackages::read(const std::string& root, const Observer& observer) {
   const std::string database = root + std::string(kDatabase);
   const std::optional<std::string> status = readRegularFile(database + "status", kLargestDatabaseFile);
   if (!status) return "no database of dpkg's: " + database + "status: " + std::strerror(errno);
-  const Diversions diversions(readRegularFile(database + "diversions", kLargestDatabaseFile).value_or(""));
-  for (const InstalledPackage& package : installedPackages(*status))
-    if (auto failure = readPackage(root, package, diversions)) return failure;
+  const std::optional<std::string> diverted = readRegularFile(database + "diversions", kLargestDatabaseFile);
+  if (!diverted && errno != ENOENT) return database + "diversions: " + std::strerror(errno);
+  const Diversions diversions(diverted.value_or(""));
+  PackageStates packages = packageStates(*status);
+  unfinishedPackages = std::move(packages.unfinished);
+  std::size_t done = 0;
+  for (const InstalledPackage& package : packages.installed) {
+    readPackage(root, package, diversions);
+    observer(++done, packages.installed.size());
+  }
   return std::nullopt;
 }
 
-tools::Failure DebianPackages::readPackage(const std::string& root, const InstalledPackage& package,
-                                           const Diversions& diversions) {
+void DebianPackages::readPackage(const std::string& root, const InstalledPackage& package,
+                                 const Diversions& diversions) {
   const std::string sums = root + std::string(kDatabase) + "info/" + package.filesName + ".md5sums";
   const auto take = [&](const RecordedFile& file) {
     files.push_back({root + diversions.placeOf(file.path, package.name), file.md5});
   };
   for (const RecordedFile& file : package.configuration) take(file);
   const std::optional<std::string> text = readRegularFile(sums, kLargestDatabaseFile);
-  if (!text && errno != ENOENT) return sums + ": " + std::strerror(errno);
-  if (!text) packagesWithoutSums.push_back(package.filesName);
+  if (!text && errno == ENOENT)
+    packagesWithoutSums.push_back(package.filesName);
+  else if (!text)
+    unreadableSums.push_back(sums + ": " + std::strerror(errno));
   std::string_view rest = text ? std::string_view(*text) : std::string_view();
   for (std::size_t number = 1; !rest.empty(); ++number) {
     if (const auto file = recordedFile(nextLine(rest)))
@@ -147,7 +159,6 @@ tools::Failure DebianPackages::readPackage(const std::string& root, const Instal
     else
       badLines.push_back(sums + ":" + std::to_string(number));
   }
-  return std::nullopt;
 }
 
 }  // namespace qm::qmverdicts

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -27,8 +28,12 @@ struct InstalledPackage {
   std::vector<RecordedFile> configuration;
 };
 
-// The packages of dpkg's status file that are installed, whatever is wanted with them.
-std::vector<InstalledPackage> installedPackages(std::string_view status);
+struct PackageStates {
+  std::vector<InstalledPackage> installed;  // also those whose triggers are still to run
+  std::vector<std::string> unfinished;      // whose files may be half there: "NAME (STATE)"
+};
+// The packages of dpkg's status file, whatever is wanted with them.
+PackageStates packageStates(std::string_view status);
 
 // A line of a package's list of sums; nothing when it is none.
 std::optional<RecordedFile> recordedFile(std::string_view line);
@@ -52,16 +57,20 @@ class Diversions {
 // The recorded files of one system.
 class DebianPackages {
  public:
+  // Of how many packages the sums are read.
+  using Observer = std::function<void(std::size_t done, std::size_t all)>;
+
   // Of the system that has its root there. When it has no database of dpkg's, the failure says so.
-  tools::Failure read(const std::string& root);
+  tools::Failure read(const std::string& root, const Observer& observer);
 
   std::vector<RecordedFile> files;  // with their paths below the root
+  std::vector<std::string> unfinishedPackages;
   std::vector<std::string> packagesWithoutSums;
-  std::vector<std::string> badLines;  // FILE:LINE of lines without a sum and a path
+  std::vector<std::string> unreadableSums;  // the file, and why
+  std::vector<std::string> badLines;        // FILE:LINE of lines without a sum and a path
 
  private:
-  tools::Failure readPackage(const std::string& root, const InstalledPackage& package,
-                             const Diversions& diversions);
+  void readPackage(const std::string& root, const InstalledPackage& package, const Diversions& diversions);
 };
 
 }  // namespace qm::qmverdicts

@@ -102,10 +102,9 @@ int removeFiles(const Options& options) {
   for (const Subject& subject : *subjects) keys.insert(keys.end(), subject.keys.begin(), subject.keys.end());
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
+  if (!options.source.empty()) return removeSource(*store, options, &VerdictStore::removeFilesOfSource);
   ErrorPtr error;
-  const auto removed = options.source.empty() ? store->remove(keys, &error)
-                                              : store->removeFilesOfSource(options.source, &error);
-  return printRemoved(removed, error);
+  return printRemoved(store->remove(keys, &error), error);
 }
 
 int showFiles(const Options& options) {

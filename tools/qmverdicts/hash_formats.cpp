@@ -64,7 +64,8 @@ std::string textFromKey(const VerdictKey& key) {
 
 ImportedLine ClamAVFormat::parse(std::string_view line) {
   line = trimmed(line);
-  if (line.empty() || line.starts_with('#')) return {};
+  isPacked_ = isPacked_ || line.starts_with("ClamAV-VDB:");
+  if (isPacked_ || line.empty() || line.starts_with('#')) return {};
   const std::string_view hash = nextField(line), size = nextField(line), name = nextField(line);
   VerdictEntry entry({}, record_);
   if (const std::string_view reason = readHash(hash, entry.first); !reason.empty()) return {{}, reason};
@@ -80,6 +81,11 @@ ImportedLine ClamAVFormat::parse(std::string_view line) {
   ImportedLine result;
   result.entries.push_back(std::move(entry));
   return result;
+}
+
+tools::Failure ClamAVFormat::failure() const {
+  if (!isPacked_) return std::nullopt;
+  return "a packed signature database: unpack it with \"sigtool --unpack\" and import the .hsb files in it";
 }
 
 ImportedLine HashListFormat::parse(std::string_view line) {

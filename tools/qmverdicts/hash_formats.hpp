@@ -25,9 +25,11 @@ class ClamAVFormat final : public ImportFormat {
   // for names that begin with "PUA.", "pu". An infection name there takes the place of the list's.
   explicit ClamAVFormat(StoredURLVerdict record) : record_(std::move(record)) {}
   ImportedLine parse(std::string_view line) override;
+  tools::Failure failure() const override;
 
  private:
   const StoredURLVerdict record_;
+  bool isPacked_ = false;  // a database (.cvd, .cld) rather than a list
 };
 
 // One hash a line: alone, followed by spaces and a file name as sha256sum(1) and sha1sum(1) write it, also

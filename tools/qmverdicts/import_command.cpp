@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -19,10 +19,10 @@
 #include "platform/file_io.hpp"
 #include "platform/interruption.hpp"
 #include "platform/regular_file.hpp"
-#include "platform/terminal.hpp"
 #include "tools/qmr/progress_line.hpp"
 #include "tools/qmverdicts/csv_format.hpp"
 #include "tools/qmverdicts/debian_import.hpp"
+#include "tools/qmverdicts/debian_packages.hpp"
 #include "tools/qmverdicts/hash_formats.hpp"
 #include "tools/qmverdicts/import_run.hpp"
 
@@ -30,15 +30,17 @@ namespace qm::qmverdicts {
 
 namespace {
 
-// What is there already is not kept waiting for more. The wait is poll's: ThreadSanitizer holds signals back
-// in a read.
+// What is there already is not kept waiting for more: EAGAIN says that nothing came for a while. The wait is
+// poll's: ThreadSanitizer holds signals back in a read.
 std::int64_t readStandardInput(char* buffer, std::size_t size) {
+  constexpr int kPatience = std::chrono::milliseconds(ImportLedger::kBatchTime).count();
   pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
-  ssize_t count = -1;
-  do {
-    if (::poll(&input, 1, -1) > 0) count = ::read(STDIN_FILENO, buffer, size);
-  } while (count < 0 && errno == EINTR);
-  return count;
+  for (;;) {
+    const int ready = ::poll(&input, 1, kPatience);
+    if (ready == 0) errno = EAGAIN;
+    const ssize_t count = ready > 0 ? ::read(STDIN_FILENO, buffer, size) : -1;
+    if (count >= 0 || errno != EINTR) return count;
+  }
 }
 
 struct ImportSource {
@@ -62,13 +64,6 @@ ImportSource openSource(const std::string& path) {
     return count;
   };
   return {read, file.size};
-}
-
-unsigned progressWidth() {
-  const char* terminal = std::getenv("TERM");
-  const bool isDumb =
-      terminal == nullptr || std::string_view(terminal).empty() || std::string_view(terminal) == "dumb";
-  return isDumb ? 0 : terminalWidth(StandardStream::error);
 }
 
 // Runs the work with a ledger; says how it went, also when a person interrupts it. The exit status.
@@ -111,6 +106,17 @@ int importLines(const Options& options, CSVSubject subject) {
   });
 }
 
+// Before there is a store: a folder without packages leaves none behind.
+tools::Failure readDebianPackages(const std::string& root, DebianPackages& packages) {
+  qmr::ProgressLine progress(std::cerr, progressWidth());
+  return packages.read(root, [&](std::size_t done, std::size_t all) {
+    progress.show([&] {
+      return "reading what dpkg recorded: " + std::to_string(done) + " of " + std::to_string(all) +
+             " packages";
+    });
+  });
+}
+
 int importDebian(Options options) {
   if (options.verdict.empty()) options.verdict = SVKSkyvaultSafetyVerdictValueKnownClean;
   if (options.verdict != SVKSkyvaultSafetyVerdictValueKnownClean)
@@ -120,8 +126,10 @@ int importDebian(Options options) {
   std::string root = options.arguments.at(0);
   while (root.ends_with('/')) root.pop_back();
   const auto record = urlRecordFrom(options, options.source.empty() ? "debian" : options.source);
+  DebianPackages packages;
+  if (const tools::Failure failure = readDebianPackages(root, packages)) return report(*failure);
   return runImport(options, "file",
-                   [&](ImportLedger& ledger) { return importDebianPackages(root, *record, ledger); });
+                   [&](ImportLedger& ledger) { return importDebianFiles(packages, *record, ledger); });
 }
 
 // One line for each record of the kinds. The exit status.

@@ -20,6 +20,9 @@ void addTo(VerdictStore::ImportOutcome& sum, const VerdictStore::ImportOutcome& 
   sum.replaced += outcome.replaced;
   sum.unchanged += outcome.unchanged;
   sum.kept += outcome.kept;
+  sum.repeated += outcome.repeated;
+  sum.badToClean += outcome.badToClean;
+  sum.cleanToBad += outcome.cleanToBad;
 }
 
 std::string textFromSeconds(double seconds) {
@@ -31,7 +34,7 @@ std::string textFromSeconds(double seconds) {
 }  // namespace
 
 void ImportLedger::skip(std::string_view reason, std::uint64_t line) {
-  Skipped& skipped = read_.skipped[reason];
+  Skipped& skipped = read_.skipped[{{}, reason}];
   ++skipped.units;
   std::vector<LineRange>& ranges = skipped.ranges;
   if (!ranges.empty() && skipped.unlisted == 0 && ranges.back().second + 1 == line)
@@ -42,11 +45,11 @@ void ImportLedger::skip(std::string_view reason, std::uint64_t line) {
     ++skipped.unlisted;
 }
 
-void ImportLedger::skip(std::string_view reason, const std::string& file) {
-  Skipped& skipped = read_.skipped[reason];
+void ImportLedger::skip(std::string_view reason, const std::string& name, std::string_view kind) {
+  Skipped& skipped = read_.skipped[{kind, reason}];
   ++skipped.units;
-  if (skipped.files.size() < kMaximumListed)
-    skipped.files.push_back(file);
+  if (skipped.names.size() < kMaximumListed)
+    skipped.names.push_back(name);
   else
     ++skipped.unlisted;
 }
@@ -63,10 +66,12 @@ tools::Failure ImportLedger::advance(std::uint64_t units, std::optional<double> 
 
 tools::Failure ImportLedger::commit() {
   const std::lock_guard lock(mutex_);
-  ErrorPtr error;
-  const auto outcome = store_.importAll(std::exchange(batch_, {}), &error);
-  if (!outcome) return error->localizedDescription();
-  addTo(read_.outcome, *outcome);
+  if (!batch_.empty()) {
+    ErrorPtr error;
+    const auto outcome = store_.importAll(std::exchange(batch_, {}), &error);
+    if (!outcome) return error->localizedDescription();
+    addTo(read_.outcome, *outcome);
+  }
   committed_ = read_;
   lastCommit_ = now_();
   return std::nullopt;
@@ -84,29 +89,46 @@ std::string ImportLedger::progressText(std::optional<double> share) const {
   return text + ", " + counted(done.added + done.replaced, "verdict") + " put into the store";
 }
 
+std::string ImportLedger::outcomeText() const {
+  const VerdictStore::ImportOutcome& outcome = committed_.outcome;
+  std::string text =
+      counted(outcome.added, "verdict") + " added, " + std::to_string(outcome.replaced) + " replaced";
+  if (outcome.badToClean + outcome.cleanToBad != 0)
+    text += " (" + std::to_string(outcome.badToClean) + " bad before and known_clean now, " +
+            std::to_string(outcome.cleanToBad) + " known_clean before and bad now)";
+  text += ", " + std::to_string(outcome.unchanged) + " there already, " + std::to_string(outcome.kept) +
+          " left as a person gave them";
+  if (outcome.repeated != 0) text += ", " + std::to_string(outcome.repeated) + " named again later";
+  return text;
+}
+
+std::string ImportLedger::skippedText() const {
+  std::map<std::string_view, std::uint64_t> kinds = {{{}, 0}};
+  for (const auto& [reason, skipped] : committed_.skipped) kinds[reason.first] += skipped.units;
+  std::string text;
+  for (const auto& [kind, count] : kinds)
+    text += (text.empty() ? "" : ", ") + counted(count, kind.empty() ? unit_ : kind);
+  return text + " skipped";
+}
+
 void ImportLedger::list(std::ostream& output, const Skipped& skipped) {
-  const char* separator = skipped.units == 1 ? "line " : "lines ";
+  const char* separator = skipped.units == 1 ? " line " : " lines ";
   for (const auto& [first, end] : skipped.ranges) {
     output << std::exchange(separator, ", ") << first;
     if (end != first) output << "-" << end;
   }
-  separator = "";
-  for (const std::string& file : skipped.files)
-    output << std::exchange(separator, ", ") << qmr::displayText(file);
-  if (skipped.unlisted != 0) output << ", and " << skipped.unlisted << " more";
+  for (const std::string& name : skipped.names) output << "\n  " << qmr::displayText(name);
+  if (skipped.unlisted != 0)
+    output << (skipped.names.empty() ? ", and " : "\n  and ") << skipped.unlisted << " more";
 }
 
 void ImportLedger::conclude(std::ostream& output, const std::function<void()>& last) {
   const std::lock_guard lock(mutex_);
   progress_.clear();
-  std::uint64_t skippedUnits = 0;
-  for (const auto& [reason, skipped] : committed_.skipped) skippedUnits += skipped.units;
-  const auto& [added, replaced, unchanged, kept] = committed_.outcome;
-  output << counted(committed_.units, unit_) << ": " << counted(added, "verdict") << " added, " << replaced
-         << " replaced, " << unchanged << " there already, " << kept << " left as a person gave them; "
-         << counted(skippedUnits, unit_) << " skipped\n";
+  output << counted(committed_.units, unit_) << ": " << outcomeText() << "; " << skippedText() << "\n";
   for (const auto& [reason, skipped] : committed_.skipped) {
-    output << "skipped, " << reason << ": ";
+    const auto& [kind, text] = reason;
+    output << (kind.empty() ? "" : std::string(kind) + "s ") << "skipped, " << text << ":";
     list(output, skipped);
     output << "\n";
   }

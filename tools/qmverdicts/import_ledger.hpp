@@ -36,10 +36,11 @@ class ImportLedger {
   ImportLedger(const ImportLedger&) = delete;
   ImportLedger& operator=(const ImportLedger&) = delete;
 
-  // One thread calls these. The reason is for people: one of a few texts that live as long as the program.
+  // One thread calls these. The reason, and the kind of what is skipped where it is not the unit, are for
+  // people: some of a few texts that live as long as the program.
   void add(VerdictEntry entry) { batch_.push_back(std::move(entry)); }
   void skip(std::string_view reason, std::uint64_t line);
-  void skip(std::string_view reason, const std::string& file);
+  void skip(std::string_view reason, const std::string& name, std::string_view kind = {});
   // So many units are done in all, and so much of the whole (0 to 1) where that is known. Commits when it is
   // time.
   tools::Failure advance(std::uint64_t units, std::optional<double> share);
@@ -58,15 +59,19 @@ class ImportLedger {
     std::uint64_t units = 0;
     std::uint64_t unlisted = 0;  // those beyond the lists
     std::vector<LineRange> ranges;
-    std::vector<std::string> files;
+    std::vector<std::string> names;
   };
+  using Reason = std::pair<std::string_view, std::string_view>;  // of a kind; that of units is empty
   struct Account {
     std::uint64_t units = 0;
     VerdictStore::ImportOutcome outcome;
-    std::map<std::string_view, Skipped> skipped;
+    std::map<Reason, Skipped> skipped;
   };
 
   std::string progressText(std::optional<double> share) const;
+  // What became of the entries, and of how many of which kind nothing could be told.
+  std::string outcomeText() const;
+  std::string skippedText() const;
   static void list(std::ostream& output, const Skipped& skipped);
 
   VerdictStore& store_;

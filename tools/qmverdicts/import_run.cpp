@@ -19,6 +19,10 @@ tools::Failure ImportRun::run(const Source& source) {
   std::array<char, 64 << 10> buffer;
   for (;;) {
     const std::int64_t count = source(buffer.data(), buffer.size());
+    if (count < 0 && errno == EAGAIN) {
+      if (auto failure = ledger_.advance(lines_, share())) return failure;
+      continue;
+    }
     if (count < 0) return "it cannot be read: " + std::string(std::strerror(errno));
     if (count == 0) break;
     position_ += count;

@@ -19,7 +19,8 @@ class ImportRun {
   // Bytes. A longer line is skipped.
   static constexpr std::size_t kMaximumLineLength = 64 << 10;
 
-  // Up to so many bytes into the buffer; 0 at the end, negative with errno set on failure.
+  // Up to so many bytes into the buffer; 0 at the end, negative with errno set on failure. EAGAIN is none:
+  // there is nothing more for now, which is the time to commit what waits.
   using Source = std::function<std::int64_t(char* buffer, std::size_t size)>;
 
   // Of a source of so many bytes, where that is known.

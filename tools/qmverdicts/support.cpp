@@ -1,13 +1,17 @@
 #include "tools/qmverdicts/support.hpp"
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <iostream>
 #include <map>
 #include <utility>
 
 #include "companions/url_categories.hpp"
 #include "foundation/value.hpp"
+#include "platform/terminal.hpp"
 #include "tools/qmr/display_text.hpp"
+#include "tools/qmr/progress_line.hpp"
 
 namespace qm::qmverdicts {
 
@@ -92,6 +96,32 @@ int printRemoved(const std::optional<std::size_t>& removed, const ErrorPtr& erro
   if (!removed) return report(error->localizedDescription());
   std::printf("%zu removed\n", *removed);
   return *removed == 0 ? kNotThere : kDone;
+}
+
+int removeSource(VerdictStore& store, const Options& options,
+                 std::optional<std::size_t> (VerdictStore::*removal)(const std::string&, ErrorPtr*,
+                                                                     const VerdictStore::RemovalObserver&)) {
+  qmr::ProgressLine progress(std::cerr, progressWidth());
+  std::size_t done = 0;
+  const auto show = [&](std::size_t removed, double share) {
+    done = removed;
+    progress.show([&] {
+      return std::to_string(removed) + " removed, " + std::to_string(static_cast<int>(100 * share)) + " %";
+    });
+  };
+  ErrorPtr error;
+  const std::optional<std::size_t> removed = (store.*removal)(options.source, &error, show);
+  progress.clear();
+  const int status = printRemoved(removed, error);
+  if (!removed && done != 0) report(std::to_string(done) + " were removed before that");
+  return status;
+}
+
+unsigned progressWidth() {
+  const char* terminal = std::getenv("TERM");
+  const bool isDumb =
+      terminal == nullptr || std::string_view(terminal).empty() || std::string_view(terminal) == "dumb";
+  return isDumb ? 0 : terminalWidth(StandardStream::error);
 }
 
 }  // namespace qm::qmverdicts

@@ -47,10 +47,9 @@ int removeURLs(const Options& options) {
   if (!keys) return kFailed;
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
+  if (!options.source.empty()) return removeSource(*store, options, &VerdictStore::removeURLsOfSource);
   ErrorPtr error;
-  const auto removed = options.source.empty() ? store->remove({keys->begin(), keys->end()}, &error)
-                                              : store->removeURLsOfSource(options.source, &error);
-  return printRemoved(removed, error);
+  return printRemoved(store->remove({keys->begin(), keys->end()}, &error), error);
 }
 
 int showURLs(const Options& options) {
