@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <map>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -12,8 +14,8 @@
 #include "companions/verdict_store.hpp"
 #include "foundation/log.hpp"
 #include "foundation/strings.hpp"
-#include "platform/file_io.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/file_io.hpp"
 
 namespace qm {
 
@@ -76,36 +78,15 @@ void keepFirstError(int level, const char*, int line, const YR_RULE*, const char
     text = "line " + std::to_string(line) + ": " + (message == nullptr ? "mistake" : message);
 }
 
-// Compiles the sources together. On a mistake in one of them its index and the reason; the result is null
-// then, and when the library fails.
+using Sources = std::vector<const SampleRuleSource*>;
+using Mistakes = std::map<const SampleRuleSource*, std::string>;  // why a source cannot be used
+
+// The rules are null on a mistake of grammar, which ends the compiler's use, and when the library fails.
+// Other mistakes are those of all sources.
 struct Attempt {
   Rules rules;
-  std::optional<std::size_t> mistaken;
-  std::string reason;
+  Mistakes mistakes;
 };
-
-Attempt attemptCompile(const std::vector<const SampleRuleSource*>& sources) {
-  Attempt attempt;
-  YR_COMPILER* created = nullptr;
-  if (yr_compiler_create(&created) != ERROR_SUCCESS) return attempt;
-  const Compiler compiler(created);
-  yr_compiler_set_callback(created, keepFirstError, &attempt.reason);
-  yr_compiler_set_include_callback(created, nullptr, nullptr, nullptr);  // no rule file reads another
-  for (std::size_t i = 0; i < sources.size(); ++i) {
-    if (sources[i]->text.find('\0') != std::string::npos) {  // the compiler would take the half before it
-      attempt.mistaken = i;
-      attempt.reason = "not a text";
-      return attempt;
-    }
-    if (yr_compiler_add_string(created, sources[i]->text.c_str(), sources[i]->name.c_str()) == 0) continue;
-    attempt.mistaken = i;
-    if (attempt.reason.empty()) attempt.reason = "mistake";
-    return attempt;
-  }
-  YR_RULES* rules = nullptr;
-  if (yr_compiler_get_rules(created, &rules) == ERROR_SUCCESS) attempt.rules.reset(rules);
-  return attempt;
-}
 
 // Why a match of the rule could not be told of; empty when it can.
 std::string_view mistakeInMeta(const YR_RULE* rule) {
@@ -116,19 +97,67 @@ std::string_view mistakeInMeta(const YR_RULE* rule) {
   return {};
 }
 
+// "line N: " where a line of the text begins with the rule; empty when none does. The compiled rule does not
+// know its line.
+std::string lineOfRule(const std::string& text, const std::string& name) {
+  std::istringstream lines(text);
+  std::string line;
+  for (std::size_t number = 1; std::getline(lines, line); ++number) {
+    std::istringstream words(line);
+    std::string word;
+    while (words >> word && (word == "private" || word == "global")) {
+    }
+    if (word == "rule" && words >> word && word.substr(0, word.find_first_of(":{")) == name)
+      return "line " + std::to_string(number) + ": ";
+  }
+  return {};
+}
+
 // A rule that could match without saying what that means makes its source a mistaken one.
-void findRuleOfNoUse(const std::vector<const SampleRuleSource*>& sources, Attempt& attempt) {
+void noteRulesOfNoUse(const Sources& sources, Attempt& attempt) {
+  std::map<std::string_view, const SampleRuleSource*> byName;
+  for (const SampleRuleSource* source : sources) byName.emplace(source->name, source);
   const YR_RULE* rule = nullptr;
   yr_rules_foreach(attempt.rules.get(), rule) {
     const std::string_view mistake = mistakeInMeta(rule);
-    if (mistake.empty()) continue;
-    const auto source = std::find_if(sources.begin(), sources.end(), [&](const SampleRuleSource* each) {
-      return each->name == rule->ns->name;
-    });
-    attempt.mistaken = static_cast<std::size_t>(source - sources.begin());
-    attempt.reason = std::string("rule ") + rule->identifier + " " + std::string(mistake);
-    return;
+    const auto source = mistake.empty() ? byName.end() : byName.find(rule->ns->name);
+    if (source == byName.end() || attempt.mistakes.contains(source->second)) continue;
+    attempt.mistakes.emplace(source->second, lineOfRule(source->second->text, rule->identifier) + "rule " +
+                                                 rule->identifier + " " + std::string(mistake));
   }
+}
+
+// Compiles the sources together.
+Attempt attemptCompile(const Sources& sources) {
+  Attempt attempt;
+  YR_COMPILER* created = nullptr;
+  if (yr_compiler_create(&created) != ERROR_SUCCESS) return attempt;
+  const Compiler compiler(created);
+  std::string reason;
+  yr_compiler_set_callback(created, keepFirstError, &reason);
+  yr_compiler_set_include_callback(created, nullptr, nullptr, nullptr);  // no rule file reads another
+  for (const SampleRuleSource* source : sources) {
+    const bool isText =
+        source->text.find('\0') == std::string::npos;  // else the half before it would be taken
+    if (isText && yr_compiler_add_string(created, source->text.c_str(), source->name.c_str()) == 0) continue;
+    if (reason.empty()) reason = isText ? "mistake" : "not a text";
+    attempt.mistakes.emplace(source, std::move(reason));
+    return attempt;
+  }
+  YR_RULES* rules = nullptr;
+  if (yr_compiler_get_rules(created, &rules) != ERROR_SUCCESS) return attempt;
+  attempt.rules.reset(rules);
+  noteRulesOfNoUse(sources, attempt);
+  return attempt;
+}
+
+// The same, with the mistakes of all sources in any case: none depends on another, so that each is tried
+// alone where they do not compile together. Rather that once than all of them anew for each mistake.
+Attempt attemptWithAllMistakes(const Sources& sources) {
+  Attempt attempt = attemptCompile(sources);
+  if (attempt.rules != nullptr) return attempt;
+  for (const SampleRuleSource* source : sources) attempt.mistakes.merge(attemptCompile({source}).mistakes);
+  return attempt;
 }
 
 struct Matches {
@@ -162,7 +191,8 @@ std::vector<std::string> ruleFilesIn(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code failure;
   for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure))
-    if (entry->path().extension() == ".yar") files.push_back(entry->path().string());
+    if (entry->path().extension() == ".yar" || entry->path().extension() == ".yara")
+      files.push_back(entry->path().string());
   std::sort(files.begin(), files.end());
   return files;
 }
@@ -185,15 +215,14 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
     fail(error, SampleRulesError::failed, "The rule library does not start: " + std::to_string(status) + ".");
     return nullptr;
   }
-  std::vector<const SampleRuleSource*> remaining;
+  Sources remaining;
   for (const SampleRuleSource& source : sources) remaining.push_back(&source);
-  // A compiler that met a mistake is of no further use: start anew without the source that had it.
   for (;;) {
-    Attempt attempt = attemptCompile(remaining);
-    if (attempt.rules != nullptr) findRuleOfNoUse(remaining, attempt);
-    if (attempt.mistaken && *attempt.mistaken < remaining.size()) {
-      reject(remaining[*attempt.mistaken]->name, attempt.reason, rejected);
-      remaining.erase(remaining.begin() + static_cast<std::ptrdiff_t>(*attempt.mistaken));
+    Attempt attempt = attemptWithAllMistakes(remaining);
+    if (!attempt.mistakes.empty()) {
+      for (const auto& [source, reason] : attempt.mistakes) reject(source->name, reason, rejected);
+      std::erase_if(remaining,
+                    [&](const SampleRuleSource* source) { return attempt.mistakes.contains(source); });
       continue;
     }
     if (attempt.rules == nullptr) {

@@ -36,7 +36,7 @@ struct SampleRuleSource {
 // A source that was left out.
 struct RejectedRules {
   std::string name;
-  std::string reason;  // with the line of the first mistake
+  std::string reason;  // with the line of the first mistake, but for what is wrong with the whole file
 };
 
 struct SampleFinding {
@@ -57,8 +57,8 @@ class SampleRules {
   static std::shared_ptr<const SampleRules> compile(const std::vector<SampleRuleSource>& sources,
                                                     std::vector<RejectedRules>* rejected = nullptr,
                                                     ErrorPtr* error = nullptr);
-  // All *.yar files of the folder, by name; a missing folder has none. What cannot be read is left out as
-  // above.
+  // All *.yar and *.yara files of the folder, by name; a missing folder has none. What cannot be read is left
+  // out as above.
   static std::vector<SampleRuleSource> readFolder(const std::string& folder,
                                                   std::vector<RejectedRules>* rejected = nullptr);
   static std::shared_ptr<const SampleRules> compileFolder(const std::string& folder,

@@ -20,8 +20,10 @@ TEST(SampleRules, AFileWithAMistakeIsLeftOutByNameAndOfTheOthersTheWorstMatchCou
   std::vector<RejectedRules> rejected;
   const auto rules =
       SampleRules::compile({{"grammar.yar", "rule broken { nonsense }"},
+                            {"later.yar", "\n\nrule also_broken { nonsense }"},
                             {"good.yar", rule("same_name", bad, "abc")},
-                            {"praise.yar", rule("praises", "verdict = \"known_clean\"", "abc")},
+                            {"praise.yar", "// rule praises\n\nprivate " + rule("p", "x = 1", "x") +
+                                               rule("praises", "verdict = \"known_clean\"", "abc")},
                             {"include.yar", "include \"/etc/passwd\"\n" + rule("reads", bad, "abc")},
                             {"name.yar", rule("named", bad + " name = \"a\\nb\"", "abc")},
                             {"also_good.yar", rule("same_name", "verdict = \"pu\" name = \"P\"", "xyz") +
@@ -29,12 +31,14 @@ TEST(SampleRules, AFileWithAMistakeIsLeftOutByNameAndOfTheOthersTheWorstMatchCou
                            &rejected);
   std::vector<std::string> reasons;
   for (const auto& [name, reason] : rejected) reasons.push_back(name + ": " + reason);
-  EXPECT_THAT(reasons,
-              testing::UnorderedElementsAre(
-                  testing::StartsWith("grammar.yar: line 1: "), testing::StartsWith("include.yar: line 1: "),
-                  "praise.yar: rule praises says no verdict of malicious, unwanted or pu",
-                  "name.yar: rule named has a name of more than 255 bytes, with control characters or not "
-                  "UTF-8"));
+  EXPECT_THAT(
+      reasons,
+      testing::UnorderedElementsAre(
+          testing::StartsWith("grammar.yar: line 1: "), testing::StartsWith("later.yar: line 3: "),
+          testing::StartsWith("include.yar: line 1: "),
+          "praise.yar: line 4: rule praises says no verdict of malicious, unwanted or pu",
+          "name.yar: line 1: rule named has a name of more than 255 bytes, with control characters or not "
+          "UTF-8"));
   EXPECT_EQ(nameOf(*rules, "xyz abc"), "malicious same_name");
   EXPECT_EQ(nameOf(*rules, "xyz"), "unwanted third");
   EXPECT_EQ(nameOf(*rules, ""), "");
@@ -85,7 +89,7 @@ TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
   folder.write("rules/a.yar", rule("second", bad_, "abc"));
   EXPECT_TRUE(comesToFind("abc", "malicious second"));
   folder.write("rules/a.yar", "\n\nrule second { nonsense }");
-  folder.write("rules/b.yar", rule("other", bad_, "xyz"));
+  folder.write("rules/b.yara", rule("other", bad_, "xyz"));
   EXPECT_TRUE(comesToFind("xyz", "malicious other"));
   EXPECT_TRUE(recorder.hasError("a.yar are left out: line 3: "));
   EXPECT_TRUE(recorder.hasError("a.yar had before stay in use"));
