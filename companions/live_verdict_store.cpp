@@ -30,11 +30,20 @@ LiveVerdictStore::FileState LiveVerdictStore::fileState() const {
   return {true, status.device, status.inode};
 }
 
+std::int64_t LiveVerdictStore::timeOfCreation() const {
+  FileStatus status;
+  return statPath(path_.c_str(), status) ? status.created : 0;
+}
+
+bool LiveVerdictStore::isDamaged(const FileState& state) const {
+  return damaged_.state.exists && state == damaged_.state && timeOfCreation() == damaged_.created;
+}
+
 // A store that may only be read still answers; nothing new is remembered then. One that is damaged is not
 // made worse.
-std::shared_ptr<VerdictStore> LiveVerdictStore::openStore(ErrorPtr* error) const {
-  if (damaged_.exists && fileState() == damaged_)
-    return VerdictStore::open(path_, VerdictStore::Access::readOnly, error);
+std::shared_ptr<VerdictStore> LiveVerdictStore::openStore(ErrorPtr* error) {
+  if (isDamaged(fileState())) return VerdictStore::open(path_, VerdictStore::Access::readOnly, error);
+  damaged_ = {};
   std::shared_ptr<VerdictStore> store = VerdictStore::open(path_, VerdictStore::Access::readWrite, error);
   if (store != nullptr ||
       (!is(*error, VerdictStoreError::readOnly) && !is(*error, VerdictStoreError::cannotOpen)))
@@ -77,6 +86,7 @@ void LiveVerdictStore::noteFailure(const ErrorPtr& error) {
 void LiveVerdictStore::noteSuccess() {
   if (!isFailing_.exchange(false)) return;
   const std::lock_guard lock(mutex_);
+  if (damaged_.state.exists) return;  // some of it can still be read; the complaint stands
   complaint_.clear();
   QM_LOG(log(), "The verdict store %{public}@ is in use again", path_);
 }
@@ -84,7 +94,7 @@ void LiveVerdictStore::noteSuccess() {
 void LiveVerdictStore::abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error) {
   const std::lock_guard lock(mutex_);
   if (store_ != store) return;
-  if (is(error, VerdictStoreError::damaged)) damaged_ = opened_;
+  if (is(error, VerdictStoreError::damaged)) damaged_ = {opened_, timeOfCreation()};
   store_ = nullptr;
   noteFailure(error);
 }

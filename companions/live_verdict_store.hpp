@@ -53,13 +53,21 @@ class LiveVerdictStore {
     std::uint64_t inode = 0;
     friend bool operator==(const FileState&, const FileState&) = default;
   };
+  // A file that is only read from then on. The number of one that was removed may be that of the next one
+  // made.
+  struct DamagedFile {
+    FileState state;
+    std::int64_t created = 0;  // seconds since 1970
+  };
 
   FileState fileState() const;
+  bool isDamaged(const FileState& state) const;
+  std::int64_t timeOfCreation() const;
   std::shared_ptr<VerdictStore> current();
   // Asks the store; false when it cannot be used.
   template <class Question>
   bool ask(const Question& question);
-  std::shared_ptr<VerdictStore> openStore(ErrorPtr* error) const;
+  std::shared_ptr<VerdictStore> openStore(ErrorPtr* error);
   // The store is given up until it is looked at again.
   void abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error);
   void noteFailure(const ErrorPtr& error);  // with the mutex held
@@ -69,8 +77,8 @@ class LiveVerdictStore {
   Clock::time_point (*const now_)();
   std::mutex mutex_;
   std::shared_ptr<VerdictStore> store_;
-  FileState opened_;               // what store_ has open, or what failed
-  FileState damaged_;              // is only read from then on
+  FileState opened_;  // what store_ has open, or what failed
+  DamagedFile damaged_;
   Clock::time_point lastFailure_;  // when store_ is null
   std::string complaint_;          // what the log says about the failure that lasts
   std::atomic<bool> isFailing_ = false;

@@ -1,4 +1,4 @@
-#include "companions/verdict_store.hpp"
+#include "companions/live_verdict_store.hpp"
 
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -237,6 +237,41 @@ TEST_F(VerdictStoreTest, ALookupDoesNotWaitForAWriterAndAWriterThatWaitsTooLongS
   EXPECT_EQ(code(), VerdictStoreError::busy);
   other.reset();
   EXPECT_TRUE(store->add(entriesFrom(2, 1)));
+}
+
+TEST_F(VerdictStoreTest, ADamagedFileIsOnlyReadAndComplainedOfOnceUntilAnotherTakesItsPlace) {
+  const LogRecorder recorder;
+  const auto complaints = [&] {
+    const auto lines = recorder.lines();
+    return std::count_if(lines.begin(), lines.end(), [](const LogLine& line) {
+      return line.message.find("nswering without") != std::string::npos ||
+             line.message.ends_with("in use again");
+    });
+  };
+  ASSERT_TRUE(open()->add(entriesFrom(0, 2000)));
+  std::fstream(path_, std::ios::in | std::ios::out | std::ios::binary).seekp(4096 * 20)
+      << std::string(std::filesystem::file_size(path_) - 4096 * 20, 'Z');
+  static LiveVerdictStore::Clock::time_point theTime;
+  LiveVerdictStore live(path_, [] { return theTime; });
+  const auto find = [&](unsigned number) {
+    std::optional<StoredVerdict> verdict;
+    theTime += LiveVerdictStore::kRetryInterval;
+    return live.find(numbered(number), verdict);
+  };
+  unsigned sound = 0, lost = 0;
+  while (sound < 2000 && !find(sound)) ++sound;
+  while (lost < 2000 && find(lost)) ++lost;
+  ASSERT_LT(std::max(sound, lost), 2000u) << "some of each";
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(find(sound) && !find(lost));
+  EXPECT_EQ(complaints(), 1);
+  EXPECT_EQ(live.remember(numbered(9000), numberedSHA1(9000), kAnalysed), kAnalysed);
+
+  std::filesystem::remove_all(folder_.path("qxmac"));  // the next file may get its number
+  EXPECT_TRUE(find(lost));
+  EXPECT_EQ(complaints(), 2) << "in use again";
+  live.close();
+  live.remember(numbered(9000), numberedSHA1(9000), kAnalysed);
+  EXPECT_EQ(open(Access::readOnly)->find(numbered(9000)), kAnalysed);
 }
 
 }  // namespace
