@@ -14,6 +14,9 @@ namespace {
 
 // How long the folder is left alone before it is read: an editor may be at work.
 constexpr std::chrono::milliseconds kSettlingTime{300};
+// How long a start waits for the first set of rules. Whoever started the program does not wait much longer
+// for it.
+constexpr std::chrono::seconds kStartPatience{10};
 constexpr std::int64_t kSecond = 1'000'000'000;  // in nanoseconds
 
 Log& log() {
@@ -25,11 +28,16 @@ Log& log() {
 
 LiveSampleRules::LiveSampleRules(std::string folder, Observer observer)
     : folder_(std::move(folder)), observer_(std::move(observer)) {
-  reload();
-  watcher_ = std::make_unique<FileWatcher>(folder_, kSettlingTime, [this](bool settled) {
-    if (settled) reload();
-    return !settled;
+  start_ = std::async(std::launch::async, [this] {
+    reload();
+    watcher_ = std::make_unique<FileWatcher>(folder_, kSettlingTime, [this](bool settled) {
+      if (settled) reload();
+      return !settled;
+    });
   });
+  if (start_.wait_for(kStartPatience) != std::future_status::ready)
+    QM_LOG_ERROR(log(), "The sample rules in %{public}@ take long to compile, no sample is examined yet",
+                 folder_);
 }
 
 LiveSampleRules::~LiveSampleRules() = default;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
@@ -24,10 +25,12 @@ inline constexpr std::string_view kSampleRulesProductPath = "/Library/Quillmarsh
 class LiveSampleRules {
  public:
   // Gets every new set of rules, and the time (seconds since 1970) up to which samples may have been examined
-  // with others. Runs on the thread of the constructor first, then on a thread of its own.
+  // with others. Runs on threads of its own, one call after the other.
   using Observer = std::function<void(std::shared_ptr<const SampleRules> rules, std::int64_t changed)>;
 
-  // Compiles what is there, then follows the folder. The path is that of the file system, absolute.
+  // Compiles what is there, then follows the folder. The observer has the first set when the constructor
+  // returns, but for rules that take more than ten seconds to compile. The path is that of the file system,
+  // absolute.
   LiveSampleRules(std::string folder, Observer observer);
   // The observer has returned for the last time then.
   ~LiveSampleRules();
@@ -46,6 +49,7 @@ class LiveSampleRules {
   std::map<std::string, std::string> inUse_;  // the text by the name of each file
   bool isFirst_ = true;
   std::unique_ptr<FileWatcher> watcher_;
+  std::future<void> start_;  // goes first: it still sets what stands above
 };
 
 }  // namespace qm
