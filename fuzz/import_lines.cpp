@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
        std::initializer_list<ImportFormat*>{&urls, &files, &signatures, &hosts, &hashes})
     parseAll(*format, text);
 
-  for (const InstalledPackage& package : installedPackages(text))
+  const PackageStates packages = packageStates(text);
+  for (const InstalledPackage& package : packages.installed)
     if (package.filesName.empty() || package.filesName.find('/') != std::string::npos) std::abort();
   const Diversions diversions(text);
   if (const auto file = recordedFile(text); file && !diversions.placeOf(file->path, "p").starts_with('/'))
