@@ -227,7 +227,7 @@ class Decoder {
   }
   // The value of the type under the key, or a null object.
   XPCObject required(const XPCDictionary& dictionary, std::string_view key, XPCType type) {
-    const XPCObject value = dictionary.value(key);
+    XPCObject value = dictionary.value(key);
     if (!value) {
       missing("no value for key " + inQuotes(key));
       return {};
