@@ -15,7 +15,6 @@
 #include "platform/file_handle.hpp"
 #include "reputation/QMRFileReputationRequest.hpp"
 
-using qm::Block;
 using qm::Date;
 using qm::Dictionary;
 using qm::ErrorPtr;
