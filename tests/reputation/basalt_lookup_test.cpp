@@ -302,7 +302,7 @@ TEST_F(BasaltLookupTest, AnUploadKeepsFileAndProviderUntilItEndsAndNothingAfterw
   }
   EXPECT_EQ(delayed_.size(), 1u);
   ASSERT_EQ(released->get_future().wait_for(kPatience), std::future_status::ready);
-  EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+  EXPECT_TRUE(eventually([&] { return ::fcntl(descriptor, F_GETFD) == -1; }));
   EXPECT_TRUE(provider.expired());
 }
 
