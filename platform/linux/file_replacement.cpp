@@ -75,6 +75,9 @@ class Draft {
   bool isKept_ = false;
 };
 
+// A file beyond that is no settings file.
+constexpr std::size_t kLargestCompared = 16 * 1024 * 1024;
+
 bool rename(const std::string& from, const std::string& to, unsigned flags) {
   return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
 }
@@ -90,11 +93,25 @@ FileReplacement put(const Draft& draft, const std::string& target) {
   return errno == EEXIST ? FileReplacement::changedMeanwhile : FileReplacement::failed;
 }
 
+// Puts back what was there instead of the content. What comes out must be what was put in last; else somebody
+// has changed the file once more meanwhile, and that goes back in its turn.
+bool giveBack(const Draft& draft, const std::string& target, std::string_view content) {
+  std::optional<std::string> placed(content);
+  std::optional<std::string> held = readRegularFile(draft.path(), kLargestCompared);
+  while (rename(draft.path(), target, RENAME_EXCHANGE)) {
+    std::optional<std::string> found = readRegularFile(draft.path(), kLargestCompared);
+    if (found == placed) return true;
+    placed = std::exchange(held, std::move(found));
+  }
+  return false;
+}
+
 // The two files change places first, so that no moment is left in which a change by others could go unseen.
-FileReplacement exchange(Draft& draft, const std::string& target, const std::string& expected) {
+FileReplacement exchange(Draft& draft, const std::string& target, const std::string& expected,
+                         std::string_view content) {
   if (rename(draft.path(), target, RENAME_EXCHANGE)) {
     if (holds(draft.path(), expected)) return FileReplacement::done;
-    if (rename(draft.path(), target, RENAME_EXCHANGE)) return FileReplacement::changedMeanwhile;
+    if (giveBack(draft, target, content)) return FileReplacement::changedMeanwhile;
     draft.keep();
     return FileReplacement::failed;
   }
@@ -130,7 +147,7 @@ FileReplacement replaceFile(const std::string& path, const std::optional<std::st
   }
   Draft draft(target);
   if (!draft.write(content, exists ? &original : nullptr)) return FileReplacement::failed;
-  const FileReplacement outcome = exists ? exchange(draft, target, *expected) : put(draft, target);
+  const FileReplacement outcome = exists ? exchange(draft, target, *expected, content) : put(draft, target);
   if (outcome != FileReplacement::done) return outcome;
   return syncFolder(stringByDeletingLastPathComponent(target)) ? FileReplacement::done
                                                                : FileReplacement::failed;
