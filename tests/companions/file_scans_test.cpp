@@ -8,7 +8,6 @@
 namespace {
 
 using Response = FileScans::Response;
-constexpr std::chrono::hours kLater{1};
 
 TEST(BoundedWork, AnItemThatDoesNotComeBackLosesItsPlaceUnlessThereAreTooManySuch) {
   const BoundedWork::LostItems lost{std::chrono::milliseconds(1), 1};
