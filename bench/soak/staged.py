@@ -83,6 +83,13 @@ class Service:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def descriptor_names(self):
+        names = []
+        for entry in os.listdir(f"/proc/{self.pid}/fd"):
+            with contextlib.suppress(OSError):
+                names.append(os.readlink(f"/proc/{self.pid}/fd/{entry}"))
+        return sorted(names)
+
     def threads(self):
         return len(os.listdir(f"/proc/{self.pid}/task"))
 
@@ -113,6 +120,7 @@ class Installation:
         self._product = self.root / "Library/Quillmarsh/qxmac"
         self.daemon_socket = self.root / "run/quillmarsh" / SERVICES["qmreputationd"]
         self._reports = self.root / "reports"
+        self._files = self.root / "files"
         self._reports.mkdir()
         self.environment = dict(os.environ)
         for name in SANITIZERS:
@@ -158,9 +166,12 @@ class Installation:
         streams = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         return wait_until(lambda: subprocess.run(check, env=self.environment, **streams).returncode == 1)
 
+    def is_asked_about(self, path):
+        return path.startswith(f"{self._files}/")
+
     def make_files(self):
         """Files known bad, known good and unknown, and the list of what the daemon must say about each."""
-        folder = self.root / "files"
+        folder = self._files
         folder.mkdir()
         lines = []
         for number in range(12):

@@ -1,7 +1,6 @@
 """What goes wrong on purpose, and when. Every choice comes from the seed; every deed is written down with its time."""
 
 import contextlib
-import os
 import random
 import signal
 import subprocess
@@ -199,12 +198,3 @@ class ServiceManager:
             self._violate("the daemon that was started again does not answer")
         self._diary.finish(outage)
         self._diary.write("daemon back")
-
-
-def descriptor_names(pid):
-    """For a person who looks for the descriptor too many."""
-    names = []
-    for entry in os.listdir(f"/proc/{pid}/fd"):
-        with contextlib.suppress(OSError):
-            names.append(os.readlink(f"/proc/{pid}/fd/{entry}"))
-    return sorted(names)
