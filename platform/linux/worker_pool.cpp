@@ -308,15 +308,15 @@ void WorkerPool::workerMain() {
     if (arm) armMonitor();
     task->run();
     lock.lock();
-    if (self.isAside) {
-      Followup followup;
-      takeBack(self, followup);
-      lock.unlock();
-      followUp(followup);
-      lock.lock();
-    }
-    if (self.runsBounded) --runningBounded_;
+    // Before the lock is given up again: the monitor puts aside whoever is at a bounded task.
+    if (self.runsBounded && !self.isAside) --runningBounded_;
     self.runsBounded = false;
+    if (!self.isAside) continue;
+    Followup followup;
+    takeBack(self, followup);
+    lock.unlock();
+    followUp(followup);
+    lock.lock();
   }
 }
 
