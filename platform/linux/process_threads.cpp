@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -47,6 +49,14 @@ class SignalsBlocked {
   ::sigset_t previous_{};
 };
 
+// As ::read() of a file below /proc/self/task.
+::ssize_t readThreadFile(::pid_t thread, const char* name, std::span<char> text) {
+  std::array<char, 64> path{};
+  std::snprintf(path.data(), path.size(), "/proc/self/task/%d/%s", thread, name);
+  const FileDescriptor file(::open(path.data(), O_RDONLY | O_CLOEXEC));
+  return file ? ::read(file.get(), text.data(), text.size()) : -1;
+}
+
 }  // namespace
 
 std::thread startThread(const char* name, std::function<void()> body) {
@@ -71,11 +81,8 @@ bool startProcessThread(const char* name, std::function<void()> body) {
 
 bool isRunnable(::pid_t thread) {
   std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "/proc/self/task/%d/stat", thread);
-  const FileDescriptor file(::open(text.data(), O_RDONLY | O_CLOEXEC));
-  if (!file) return false;
-  const auto length = ::read(file.get(), text.data(), text.size());
-  if (length <= 0) return false;
+  const auto length = readThreadFile(thread, "stat", text);
+  if (length < 0) return errno != ENOENT && errno != ESRCH;
   // "1234 (name) S ...", proc(5)
   const std::string_view line(text.data(), static_cast<std::size_t>(length));
   const auto nameEnd = line.rfind(") ");

@@ -17,11 +17,12 @@ namespace qm {
 // The same with a thread that is never joined. False when there is none to be had.
 [[nodiscard]] bool startProcessThread(const char* name, std::function<void()> body);
 
-// True for a thread of this process that runs or waits for a processor; false when it sleeps, in a lock or in
-// the kernel, or cannot be looked at.
+// True for a thread of this process that runs or waits for a processor, or cannot be looked at since no
+// descriptor is free; false when it sleeps, in a lock or in the kernel, or has ended.
 bool isRunnable(::pid_t thread);
 
-// At least one. Fewer than there are where the process is confined to some (cpuset, CPUAffinity= of its unit).
+// At least one. Fewer than there are where the process is confined to some (cpuset, CPUAffinity= of its
+// unit).
 std::size_t usableProcessors();
 
 // True in a child that was forked after the first startProcessThread().

@@ -1,8 +1,11 @@
 #include "platform/queue.hpp"
 
+#include <sys/resource.h>
+
 #include <semaphore>
 
 #include "platform/common/turns.hpp"
+#include "platform/linux/process_threads.hpp"
 #include "platform/linux/worker_pool.hpp"
 #include "platform/long_work.hpp"
 #include "support/blocked_items.hpp"
@@ -93,6 +96,17 @@ TEST(ConcurrentQueue, ItemsThatSleepTooLongDoNotHoldUpTheOthers) {
   }
   pool.setPatience(2s);
   EXPECT_TRUE(eventually([&] { return pool.statistics().runningBounded == 0; }));
+}
+
+TEST(ProcessThread, IsRunnableWhileNoDescriptorIsFree) {
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  const bool runnable = isRunnable(::gettid());
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(runnable);
+  EXPECT_FALSE(isRunnable(std::numeric_limits<::pid_t>::max())) << "there is none";
 }
 
 // Long work that keeps its processor busy until it is told to end.
