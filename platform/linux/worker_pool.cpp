@@ -170,7 +170,10 @@ void WorkerPool::takeBack(Worker& worker, Followup& followup) {
   --aside_;
   ++active_;
   if (worker.runsBounded) ++runningBounded_;
-  if (waitingForAside_.empty()) return;
+  if (waitingForAside_.empty()) {
+    followup.armMonitor = wantsMonitor();  // one more may be put aside
+    return;
+  }
   putAside(*waitingForAside_.front(), followup);
   waitingForAside_.pop_front();
 }
@@ -192,7 +195,7 @@ std::size_t WorkerPool::asideLimit() {
 
 WorkerPool::Statistics WorkerPool::statistics() const {
   const MutexLock lock(mutex_);
-  return {workers_, idle_.size(), runningBounded_, waiting_.load(std::memory_order_relaxed)};
+  return {workers_, idle_.size(), runningBounded_, waiting_.load(std::memory_order_relaxed), monitorArmed_};
 }
 
 void WorkerPool::setIdleTime(std::chrono::milliseconds time) {
@@ -414,7 +417,7 @@ void WorkerPool::armMonitor() const {
 WorkerPool::Followup WorkerPool::monitorTick() {
   const Task* const oldest = oldestRunnable();
   if (oldest == nullptr) {
-    monitorArmed_ = !bounded_.empty();
+    monitorArmed_ = !bounded_.empty() && aside_ < kMaximumAside;
     runnable_ = 0;
     return {.armMonitor = monitorArmed_};
   }

@@ -9,11 +9,11 @@
 // worker is expected to be free in a moment and to take it itself, which saves the way to another processor.
 // A second one wakes another worker, and so does the end of the task when the worker goes on with a serial
 // queue's next item. Whatever else keeps a task waiting is seen by the monitor, which looks once a
-// millisecond while tasks wait and sleeps otherwise: it wakes workers up to the target; past it, it adds a
-// worker when a task has waited for about 2 ms, and raises the target, so that the next task behind the same
-// slow disk does not wait again. But when as many workers as there are processors are busy with them, only
-// serial queues get another worker so soon; concurrent ones after 20 ms, while there are fewer than four busy
-// workers for each processor.
+// millisecond while tasks wait that it can do something for and sleeps otherwise: it wakes workers up to the
+// target; past it, it adds a worker when a task has waited for about 2 ms, and raises the target, so that the
+// next task behind the same slow disk does not wait again. But when as many workers as there are processors
+// are busy with them, only serial queues get another worker so soon; concurrent ones after 20 ms, while there
+// are fewer than four busy workers for each processor.
 //
 // A worker that steps aside for long work does not count for any of this, and not against the bounds but the
 // last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
@@ -74,6 +74,7 @@ class WorkerPool {
     std::size_t idle = 0;
     std::size_t runningBounded = 0;
     std::size_t waiting = 0;
+    bool monitorArmed = false;
   };
 
   // Made at the first call. Never destroyed: workers run until the process has ended, also while it exits,

@@ -87,12 +87,19 @@ TEST(ConcurrentQueue, ItemsThatSleepTooLongDoNotHoldUpTheOthers) {
   pool.setPatience(10ms);
   for (int round = 0; round < 2; ++round) {  // the second one has all places again
     const Queue queue = Queue::concurrent("test.hung-disk");
-    const BlockedItems asMany(queue, boundOfConcurrentItems());
+    auto putAsideFirst = std::make_unique<BlockedItems>(queue, 1);
+    const BlockedItems asMany(queue, boundOfConcurrentItems() - 1);
     const BlockedItems moreAside(queue, static_cast<int>(WorkerPool::asideLimit()));
+    std::latch waitingItem{1};
+    queue.async([&] { waitingItem.count_down(); });
     std::latch serialItem{1};
     Queue::serial("test.serial").async([&] { serialItem.count_down(); });
     serialItem.wait();
     EXPECT_EQ(pool.statistics().runningBounded, pool.boundedLimit());
+    EXPECT_EQ(pool.statistics().waiting, 1U);
+    EXPECT_TRUE(eventually([&] { return !pool.statistics().monitorArmed; })) << "nothing to look for";
+    putAsideFirst.reset();
+    waitingItem.wait();
   }
   pool.setPatience(2s);
   EXPECT_TRUE(eventually([&] { return pool.statistics().runningBounded == 0; }));
