@@ -195,6 +195,7 @@ void Queue::Core::drain() noexcept {
     const Item item = std::move(entries_.front().item);
     entries_.pop_front();
     lock.unlock();
+    WorkerPool::shared().willBlock();  // the item before may have handed something on
     item.run();
   }
   activation_.keepAlive = shared_from_this();

@@ -60,6 +60,24 @@ TEST(SerialQueue, LivesAsLongAsItsItemsAndReleasesThem) {
   EXPECT_TRUE(eventually([&] { return captured.use_count() == 1; }));
 }
 
+TEST(SerialQueue, WhatAnItemHandsOnGetsAWorkerBeforeTheNextItemRuns) {
+  WorkerPool& pool = WorkerPool::shared();
+  if (pool.processors() < 2) GTEST_SKIP() << "one worker has to do";
+  const Queue serial = Queue::serial("test.serial");
+  WorkerPool::Statistics seen;
+  std::latch gate{1};
+  std::latch done(2);
+  serial.async([&] { gate.wait(); });
+  serial.async([&] { Queue::global().async([&] { done.count_down(); }); });
+  serial.async([&] {
+    seen = pool.statistics();
+    done.count_down();
+  });
+  gate.count_down();
+  done.wait();
+  EXPECT_TRUE(seen.waiting == 0 || seen.workers - seen.idle >= 2);
+}
+
 TEST(SerialQueueDeathTest, SyncFromWithinItselfEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const Queue queue = Queue::serial("test.recursive");
