@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <span>
@@ -87,6 +88,20 @@ bool isRunnable(::pid_t thread) {
   const std::string_view line(text.data(), static_cast<std::size_t>(length));
   const auto nameEnd = line.rfind(") ");
   return nameEnd != std::string_view::npos && line.substr(nameEnd + 2).starts_with('R');
+}
+
+std::optional<std::uint64_t> currentSleep(::pid_t thread) {
+  constexpr std::string_view kState = "\nState:\t", kSleeps = "\nvoluntary_ctxt_switches:\t";
+  std::array<char, 4096> text{};
+  const auto length = readThreadFile(thread, "status", text);
+  if (length < 0) return {};
+  const std::string_view status(text.data(), static_cast<std::size_t>(length));
+  const auto state = status.find(kState), sleeps = status.find(kSleeps);
+  if (state == std::string_view::npos || sleeps == std::string_view::npos) return {};
+  if (status.substr(state + kState.size()).starts_with('R')) return {};
+  std::uint64_t count = 0;
+  std::from_chars(status.data() + sleeps + kSleeps.size(), status.data() + status.size(), count);
+  return count;
 }
 
 std::size_t usableProcessors() {

@@ -6,7 +6,9 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <thread>
 
 namespace qm {
@@ -20,6 +22,10 @@ namespace qm {
 // True for a thread of this process that runs or waits for a processor, or cannot be looked at since no
 // descriptor is free; false when it sleeps, in a lock or in the kernel, or has ended.
 bool isRunnable(::pid_t thread);
+
+// The number of the sleep in which such a thread is: the same as before when it has slept all the time since.
+// Nothing when it runs, waits for a processor or cannot be looked at.
+std::optional<std::uint64_t> currentSleep(::pid_t thread);
 
 // At least one. Fewer than there are where the process is confined to some (cpuset, CPUAffinity= of its
 // unit).

@@ -204,9 +204,9 @@ void WorkerPool::setIdleTime(std::chrono::milliseconds time) {
   for (Worker* const worker : idle_) worker->wakeUp.notifyOne();  // to look at the time again
 }
 
-void WorkerPool::setPatience(std::chrono::milliseconds time) {
+void WorkerPool::setTimeBetweenLooks(std::chrono::milliseconds time) {
   const MutexLock lock(mutex_);
-  ticksOfPatience_ = static_cast<std::uint64_t>(time / kTick);
+  ticksBetweenLooks_ = static_cast<std::uint64_t>(time / kTick);
 }
 
 void WorkerPool::push(Task& task) {
@@ -292,6 +292,7 @@ void WorkerPool::workerMain() {
   Worker& self = takeSeat();
   currentWorker_ = &self;
   self.thread = thread;
+  self.sleep.reset();  // another thread's
   threads_.push_back(thread);
   for (;;) {
     self.owesWake = false;
@@ -357,13 +358,13 @@ void WorkerPool::monitorMain() {
       countedAt_ = tick_;
     }
     Followup relief;
-    if (Worker* const worker = longestAtBoundedTask()) {
+    if (Worker* const worker = nextToBeLookedAt()) {
       const ::pid_t thread = worker->thread;
       const std::uint64_t since = worker->since;
       lock.unlock();
-      const bool sleeps = !isRunnable(thread);
+      const std::optional<std::uint64_t> sleep = currentSleep(thread);
       lock.lock();
-      if (worker == longestAtBoundedTask() && worker->since == since) relief = relieve(*worker, sleeps);
+      if (worker == nextToBeLookedAt() && worker->since == since) relief = relieve(*worker, sleep);
     }
     const Followup followup = monitorTick();
     lock.unlock();
@@ -372,21 +373,20 @@ void WorkerPool::monitorMain() {
   }
 }
 
-WorkerPool::Followup WorkerPool::relieve(Worker& worker, bool sleeps) {
+WorkerPool::Followup WorkerPool::relieve(Worker& worker, std::optional<std::uint64_t> sleep) {
   Followup followup;
-  if (sleeps)
-    putAside(worker, followup);
-  else
-    worker.since = tick_;  // the next one's turn to be looked at
+  if (sleep && sleep == worker.sleep) putAside(worker, followup);
+  worker.sleep = sleep;
+  worker.since = tick_;
   return followup;
 }
 
 // Nobody while the bounded tasks that wait have a worker to come, or no more may be put aside.
-WorkerPool::Worker* WorkerPool::longestAtBoundedTask() const {
+WorkerPool::Worker* WorkerPool::nextToBeLookedAt() const {
   if (bounded_.empty() || boundedAllowed() || aside_ == kMaximumAside) return nullptr;
   Worker* longest = nullptr;
   for (const auto& seat : seats_) {
-    const bool isCandidate = seat->runsBounded && !seat->isAside && tick_ - seat->since >= ticksOfPatience_;
+    const bool isCandidate = seat->runsBounded && !seat->isAside && tick_ - seat->since >= ticksBetweenLooks_;
     if (isCandidate && (longest == nullptr || seat->since < longest->since)) longest = seat.get();
   }
   return longest;

@@ -7,8 +7,8 @@
 // How many: up to the target (at first the number of processors) a worker is woken or started at once. The
 // exception is a task that a worker submits while it runs another: the first of these wakes nobody, since the
 // worker is expected to be free in a moment and to take it itself, which saves the way to another processor.
-// A second one wakes another worker, and so does the end of the task when the worker goes on with a serial
-// queue's next item. Whatever else keeps a task waiting is seen by the monitor, which looks once a
+// A second one wakes another worker, and so does the end of the item when the worker goes on with a serial
+// queue's next one. Whatever else keeps a task waiting is seen by the monitor, which looks once a
 // millisecond while tasks wait that it can do something for and sleeps otherwise: it wakes workers up to the
 // target; past it, it adds a worker when a task has waited for about 2 ms, and raises the target, so that the
 // next task behind the same slow disk does not wait again. But when as many workers as there are processors
@@ -18,8 +18,10 @@
 // A worker that steps aside for long work does not count for any of this, and not against the bounds but the
 // last: it is replaced at once when a task waits. No more than half of all workers step aside, so that serial
 // queues go on beside any number of long works; who comes then does so as soon as one of those has ended. A
-// worker whose bounded task has slept for two seconds, in a call to a file system that does not answer
-// perhaps, is put aside as well when bounded tasks wait past their bound.
+// worker whose bounded task hangs, in a call to a file system that does not answer perhaps, is put aside as
+// well when bounded tasks wait past their bound: a second after the task began it is looked at, and then once
+// a second; when it has slept from one look to the next without a break it hangs. A task that waits for a
+// slow disk again and again does not.
 //
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
 // that is more; the others (serial queues) beyond that as well, up to 512 workers in all. Past its bound a
@@ -35,6 +37,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/common/thread_annotations.hpp"
@@ -101,8 +104,9 @@ class WorkerPool {
   static std::size_t asideLimit();
   // How long a worker stays that finds nothing to do; five seconds at first.
   void setIdleTime(std::chrono::milliseconds time);
-  // How long a bounded task may sleep before its worker is put aside; two seconds at first.
-  void setPatience(std::chrono::milliseconds time);
+  // How long a bounded task runs before its worker is looked at, and from one look to the next; one second at
+  // first.
+  void setTimeBetweenLooks(std::chrono::milliseconds time);
 
  private:
   // What a worker thread is to the pool. Kept for the next one when the thread ends, so that a call to wake
@@ -114,7 +118,8 @@ class WorkerPool {
     bool runsBounded = false;
     bool isAside = false;
     ::pid_t thread = 0;
-    std::uint64_t since = 0;  // the tick at which its task began, or was seen at work
+    std::uint64_t since = 0;             // the tick at which its task began, or was looked at
+    std::optional<std::uint64_t> sleep;  // in which it was found then
   };
 
   // Tasks that wait, first in first out for each level.
@@ -165,8 +170,8 @@ class WorkerPool {
 
   void monitorMain();
   void armMonitor() const;
-  Followup relieve(Worker& worker, bool sleeps) QM_REQUIRES(mutex_);
-  Worker* longestAtBoundedTask() const QM_REQUIRES(mutex_);
+  Followup relieve(Worker& worker, std::optional<std::uint64_t> sleep) QM_REQUIRES(mutex_);
+  Worker* nextToBeLookedAt() const QM_REQUIRES(mutex_);
   Followup monitorTick() QM_REQUIRES(mutex_);
   bool needsCount() const QM_REQUIRES(mutex_);
   std::size_t countRunnable(const std::vector<::pid_t>& threads) const;
@@ -198,7 +203,7 @@ class WorkerPool {
   std::deque<Worker*> waitingForAside_ QM_GUARDED_BY(mutex_);  // at long work that began past the bound
   std::size_t target_ QM_GUARDED_BY(mutex_);
   std::chrono::milliseconds idleTime_ QM_GUARDED_BY(mutex_){5000};
-  std::uint64_t ticksOfPatience_ QM_GUARDED_BY(mutex_) = 2000;
+  std::uint64_t ticksBetweenLooks_ QM_GUARDED_BY(mutex_) = 1000;
 
   bool monitorArmed_ QM_GUARDED_BY(mutex_) = false;
   std::uint64_t tick_ QM_GUARDED_BY(mutex_) = 0;

@@ -102,7 +102,7 @@ TEST(ConcurrentQueue, StartsMoreWorkWhileItemsBlockAndSerialQueuesGoOnAtTheBound
 
 TEST(ConcurrentQueue, ItemsThatSleepTooLongDoNotHoldUpTheOthers) {
   WorkerPool& pool = WorkerPool::shared();
-  pool.setPatience(10ms);
+  pool.setTimeBetweenLooks(5ms);
   for (int round = 0; round < 2; ++round) {  // the second one has all places again
     const Queue queue = Queue::concurrent("test.hung-disk");
     auto putAsideFirst = std::make_unique<BlockedItems>(queue, 1);
@@ -119,7 +119,7 @@ TEST(ConcurrentQueue, ItemsThatSleepTooLongDoNotHoldUpTheOthers) {
     putAsideFirst.reset();
     waitingItem.wait();
   }
-  pool.setPatience(2s);
+  pool.setTimeBetweenLooks(1s);
   EXPECT_TRUE(eventually([&] { return pool.statistics().runningBounded == 0; }));
 }
 
@@ -132,6 +132,26 @@ TEST(ProcessThread, IsRunnableWhileNoDescriptorIsFree) {
   ::setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_TRUE(runnable);
   EXPECT_FALSE(isRunnable(std::numeric_limits<::pid_t>::max())) << "there is none";
+}
+
+TEST(ProcessThread, IsInAnotherSleepOnceItWasAwake) {
+  EXPECT_EQ(currentSleep(::gettid()), std::nullopt) << "it runs";
+  std::promise<::pid_t> started;
+  std::promise<void> awake;
+  std::latch first{1}, second{1};
+  std::jthread sleeper([&] {
+    started.set_value(::gettid());
+    first.wait();
+    awake.set_value();
+    second.wait();
+  });
+  const ::pid_t thread = started.get_future().get();
+  std::optional<std::uint64_t> before;
+  EXPECT_TRUE(eventually([&] { return (before = currentSleep(thread)).has_value(); }));
+  first.count_down();
+  awake.get_future().wait();
+  EXPECT_TRUE(eventually([&] { return currentSleep(thread).value_or(*before) != *before; }));
+  second.count_down();
 }
 
 // Long work that keeps its processor busy until it is told to end.
