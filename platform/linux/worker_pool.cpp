@@ -20,6 +20,8 @@ constexpr std::size_t kMaximumWorkers = 512;
 constexpr std::size_t kBoundedWorkers = 64;
 constexpr std::size_t kBoundedWorkersPerProcessor = 5;
 constexpr std::size_t kMaximumAside = kMaximumWorkers / 2;
+constexpr std::size_t kLeftForSerialQueues = 64;
+constexpr std::size_t kMaximumBoundedWorkers = kMaximumWorkers - kMaximumAside - kLeftForSerialQueues;
 
 constexpr std::uint64_t kPicksPerOldest = 16;
 
@@ -90,7 +92,8 @@ WorkerPool& WorkerPool::shared() {
 
 WorkerPool::WorkerPool()
     : processors_(usableProcessors()),
-      boundedLimit_(std::max(kBoundedWorkers, kBoundedWorkersPerProcessor * processors_)),
+      boundedLimit_(
+          std::clamp(kBoundedWorkersPerProcessor * processors_, kBoundedWorkers, kMaximumBoundedWorkers)),
       monitorTimer_(makeTimer()),
       target_(processors_) {
   if (!startProcessThread("qm.monitor", [this] { monitorMain(); }))
