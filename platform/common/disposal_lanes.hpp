@@ -1,6 +1,7 @@
 // The queues behind platform/disposal.hpp, for what else the platform has to let go of.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <utility>
@@ -9,21 +10,25 @@
 
 namespace qm {
 
-// How many closings can hang before the next has to wait for them.
+// Closings that are at work at a time, those that hang not counted.
 inline constexpr std::size_t kDisposalLanes = 4;
-// Descriptors that may wait to be closed. Further ones are closed at once: with so many that wait for
-// nothing, running out of descriptors would be worse.
-inline constexpr std::size_t kMaximumWaitingDescriptors = 1024;
+// With those that hang. Each takes one of the process's 512 workers for as long. Once so many hang, whatever
+// else is let go of stays open until one of them is through: nobody who lets go of something ever waits.
+inline constexpr std::size_t kMaximumDisposalLanes = 128;
 
-// Runs the work, which closes so many descriptors, on one of the queues; on the calling thread when that runs
-// such work already, or too much waits. Keeps errno.
-void runOnDisposalLane(std::size_t descriptors, const Block<void()>& work);
+// After how long a closing counts as one that hangs, so that another may begin beside it; two seconds at
+// first.
+void setDisposalPatience(std::chrono::milliseconds time);
+
+// Runs the work on one of the queues; on the calling thread when that runs such work already, and in a forked
+// child, which has no queues. Keeps errno.
+void runOnDisposalLane(const Block<void()>& work);
 
 // Resets the thing there.
 template <class Thing>
-void disposeElsewhere(std::size_t descriptors, Thing thing) {
+void disposeElsewhere(Thing thing) {
   const auto shared = std::make_shared<Thing>(std::move(thing));
-  runOnDisposalLane(descriptors, [shared] { *shared = Thing(); });
+  runOnDisposalLane([shared] { *shared = Thing(); });
 }
 
 }  // namespace qm

@@ -10,7 +10,7 @@
 namespace qm::xpc {
 
 void closeElsewhere(std::vector<FileDescriptor> descriptors) {
-  if (!descriptors.empty()) disposeElsewhere(descriptors.size(), std::move(descriptors));
+  if (!descriptors.empty()) disposeElsewhere(std::move(descriptors));
 }
 
 void closeSocketElsewhere(FileDescriptor socket) {
@@ -20,7 +20,7 @@ void closeSocketElsewhere(FileDescriptor socket) {
 }
 
 void releaseElsewhere(std::vector<XPCObject> attachments) {
-  if (!attachments.empty()) disposeElsewhere(attachments.size(), std::move(attachments));
+  if (!attachments.empty()) disposeElsewhere(std::move(attachments));
 }
 
 }  // namespace qm::xpc

@@ -1,5 +1,6 @@
 #include "platform/file_io.hpp"
 
+#include "platform/common/disposal_lanes.hpp"
 #include "platform/common/file_time.hpp"
 #include "platform/disposal.hpp"
 #include "platform/file_handle.hpp"
@@ -144,6 +145,32 @@ TEST(Disposal, KeepsNobodyWaitingForADescriptorThatCannotBeClosed) {
   Pipe pipe;
   closeElsewhere(std::move(pipe.writeEnd));
   EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+}
+
+TEST(Disposal, KeepsNobodyWaitingForMoreDescriptorsThatCannotBeClosed) {
+  setDisposalPatience(std::chrono::milliseconds(1));
+  std::array<LingeringSocket, kDisposalLanes + 6> lingering;
+  LingeringSocket last;
+  for (LingeringSocket& each : lingering) closeElsewhere(std::move(each.socket));
+  for (int i = 0; i < 2000; ++i) releaseElsewhere(XPCObject::boolean(true));
+  closeElsewhere(std::move(last.socket));
+  Pipe pipe;
+  closeElsewhere(std::move(pipe.writeEnd));
+  EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+}
+
+// A fork has no threads to close anything.
+TEST(DisposalDeathTest, ClosesAtOnceInAForkedChild) {
+  Pipe first;
+  closeElsewhere(std::move(first.writeEnd));
+  EXPECT_TRUE(first.isWriteEndClosedEverywhere());
+  GTEST_FLAG_SET(death_test_style, "fast");
+  const auto closeInChild = [] {
+    Pipe pipe;
+    { const FileHandle handle(pipe.writeEnd.release(), true); }
+    return pipe.isWriteEndClosedEverywhere() ? 0 : 1;
+  };
+  EXPECT_EXIT(::_exit(closeInChild()), testing::ExitedWithCode(0), "");
 }
 
 TEST(FileHandle, FailsOnFoldersAndClosedDescriptors) {
