@@ -60,7 +60,7 @@ void check(const XPCObject& arguments) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
   if (length == 0) return 0;
-  std::vector<FileDescriptor> descriptors;
+  std::vector<xpc::PassedDescriptor> descriptors;
   for (int i = 0; i < bytes[0] % 3; ++i)
     if (std::optional<xpc::SocketPair> pair = xpc::makeSocketPair(SOCK_SEQPACKET))
       descriptors.push_back(std::move(pair->first));

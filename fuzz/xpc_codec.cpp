@@ -15,11 +15,11 @@ namespace {
 
 using namespace qm;
 
-std::vector<FileDescriptor> someDescriptors(std::size_t count) {
-  std::vector<FileDescriptor> result;
+std::vector<xpc::PassedDescriptor> someDescriptors(std::size_t count) {
+  std::vector<xpc::PassedDescriptor> result;
   for (std::size_t i = 0; i < count; ++i) {
     if (i % 2 == 0) {
-      result.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+      result.emplace_back(FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)));
     } else if (std::optional<xpc::SocketPair> pair = xpc::makeSocketPair(SOCK_SEQPACKET)) {
       result.push_back(std::move(pair->first));
     }

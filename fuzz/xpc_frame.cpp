@@ -20,8 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   while (!rest.empty()) {
     const auto part = rest.first(std::min(readLength, rest.size()));
     rest = rest.subspan(part.size());
-    std::vector<FileDescriptor> descriptors;
-    if ((part[0] & 0x80) != 0) descriptors.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::vector<xpc::PassedDescriptor> descriptors;
+    if ((part[0] & 0x80) != 0)
+      descriptors.emplace_back(FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)));
     reader.feed(part, std::move(descriptors));
     xpc::Frame frame;
     xpc::FrameReader::Step step = reader.next(frame);

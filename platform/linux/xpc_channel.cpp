@@ -238,10 +238,7 @@ bool Channel::readOnce(bool& isDrained) {
     close(nullptr);
     return false;
   }
-  if (!checkSender(received)) {
-    closeElsewhere(std::move(received.descriptors));
-    return false;
-  }
+  if (!checkSender(received)) return false;
   const auto length = static_cast<std::size_t>(received.length);
   reader_.feed(readBuffer().first(length), std::move(received.descriptors));
   isDrained = length < kReadBytes && !hasHungUp_;
@@ -286,9 +283,7 @@ bool Channel::process() {
         close(reader_.refusal());
         return false;
     }
-    const bool goesOn = handle(frame);
-    closeElsewhere(std::move(frame.descriptors));  // unless they were handed on
-    if (!goesOn) return false;
+    if (!handle(frame)) return false;
   }
   return true;
 }
@@ -375,7 +370,7 @@ void Channel::finish() {
   processSource_.cancel();
   for (std::optional<EventLoop::Timer>* timer : {&helloTimer_, &frameTimer_})
     if (*timer) EventLoop::shared().cancelTimer(*std::exchange(*timer, std::nullopt));
-  closeElsewhere(reader_.abandon());
+  reader_ = {};
   {
     MutexLock lock(mutex_);
     outbox_.discard(passed);

@@ -39,6 +39,6 @@ struct DecodedMessage {
 };
 
 // Takes the descriptors over: they end up in the message, or closed. Each must be used exactly once.
-DecodedMessage decodeMessage(std::span<const std::uint8_t> body, std::vector<FileDescriptor> descriptors);
+DecodedMessage decodeMessage(std::span<const std::uint8_t> body, std::vector<PassedDescriptor> descriptors);
 
 }  // namespace qm::xpc

@@ -397,7 +397,7 @@ void Connection::deliverMessage(const std::shared_ptr<Channel>& channel, Frame f
 
 void Connection::deliverReply(const std::shared_ptr<Channel>& channel, Frame frame) {
   std::optional<PendingReply> pending = takePending(frame.header.identifier);
-  if (!pending) return closeElsewhere(std::move(frame.descriptors));  // too late, or nobody asked
+  if (!pending) return;  // too late, or nobody asked
   if (const std::shared_ptr<Waiter> waiter = pending->waiter) {
     return waiter->finish([&] {
       waiter->channel = channel;

@@ -100,7 +100,7 @@ const cbor_callbacks& callbacks() {
 // Every function that reads something returns the neutral result once the message is refused.
 class Decoder {
  public:
-  Decoder(std::span<const std::uint8_t> body, std::vector<FileDescriptor> descriptors)
+  Decoder(std::span<const std::uint8_t> body, std::vector<PassedDescriptor> descriptors)
       : rest_(body), descriptors_(std::move(descriptors)) {}
 
   DecodedMessage decode() {
@@ -108,7 +108,7 @@ class Decoder {
     if (refusal_ == nullptr && first.kind != Item::Kind::map) refuse("not a dictionary");
     const XPCObject message = refusal_ == nullptr ? dictionary(first.number, 1) : XPCObject();
     if (refusal_ == nullptr && !rest_.empty()) refuse("bytes after the message");
-    for (const FileDescriptor& descriptor : descriptors_)
+    for (const PassedDescriptor& descriptor : descriptors_)
       if (refusal_ == nullptr && descriptor) refuse("unused descriptor");
     if (refusal_ != nullptr) return {.message = {}, .refusal = refusal_};
     return {.message = message.asDictionary(), .refusal = nullptr, .values = values_};
@@ -245,13 +245,13 @@ class Decoder {
   }
 
   XPCObject endpoint(std::uint64_t index) {
-    FileDescriptor descriptor = takeDescriptor(index);
+    PassedDescriptor descriptor = takeDescriptor(index);
     if (refusal_ != nullptr) return {};
     if (!isUnixSocket(descriptor.get(), SOCK_SEQPACKET)) return refuse("endpoint that is none");
     return adoptEndpoint(std::move(descriptor));
   }
 
-  FileDescriptor takeDescriptor(std::uint64_t index) {
+  PassedDescriptor takeDescriptor(std::uint64_t index) {
     if (index >= descriptors_.size() || !descriptors_[index]) {
       refuse("descriptor that is not there, or used twice");
       return {};
@@ -260,14 +260,14 @@ class Decoder {
   }
 
   std::span<const std::uint8_t> rest_;
-  std::vector<FileDescriptor> descriptors_;
+  std::vector<PassedDescriptor> descriptors_;
   std::size_t values_ = 1;  // the message itself
   const char* refusal_ = nullptr;
 };
 
 }  // namespace
 
-DecodedMessage decodeMessage(std::span<const std::uint8_t> body, std::vector<FileDescriptor> descriptors) {
+DecodedMessage decodeMessage(std::span<const std::uint8_t> body, std::vector<PassedDescriptor> descriptors) {
   return Decoder(body, std::move(descriptors)).decode();
 }
 

@@ -1,18 +1,37 @@
-// Closes what came from a peer and nobody takes, and what was sent to one, as platform/disposal.hpp does:
-// close(2) of a socket with files in it that cannot be closed does not return either. Any thread.
+// What came from a peer and what is sent to one, closed as platform/disposal.hpp does: close(2) of a socket
+// with files in it that cannot be closed does not return either. Any thread.
 #pragma once
 
-#include <vector>
+#include <utility>
 
+#include "platform/disposal.hpp"
 #include "platform/file_descriptor.hpp"
-#include "platform/linux/xpc_object.hpp"
 
 namespace qm::xpc {
 
-void closeElsewhere(std::vector<FileDescriptor> descriptors);
+// A descriptor of a message. Its end closes it elsewhere, since a message may end on any thread.
+class PassedDescriptor {
+ public:
+  PassedDescriptor() = default;
+  PassedDescriptor(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  PassedDescriptor(PassedDescriptor&&) noexcept = default;
+  PassedDescriptor& operator=(PassedDescriptor&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+  }
+  ~PassedDescriptor() { closeElsewhere(std::move(descriptor_)); }
+
+  explicit operator bool() const { return static_cast<bool>(descriptor_); }
+  int get() const { return descriptor_.get(); }
+  FileDescriptor duplicate() const { return descriptor_.duplicate(); }
+  // Gives it away: from now on it is closed where its new owner ends.
+  [[nodiscard]] FileDescriptor take() { return std::move(descriptor_); }
+
+ private:
+  FileDescriptor descriptor_;
+};
+
 // Its peer sees the end at once.
 void closeSocketElsewhere(FileDescriptor socket);
-// Descriptors and endpoints. Those that somebody else still holds stay open.
-void releaseElsewhere(std::vector<XPCObject> attachments);
 
 }  // namespace qm::xpc

@@ -44,7 +44,7 @@ const char* readHeader(const std::uint8_t* bytes, FrameHeader& header) {
   return nullptr;
 }
 
-void FrameReader::feed(std::span<const std::uint8_t> bytes, std::vector<FileDescriptor> descriptors) {
+void FrameReader::feed(std::span<const std::uint8_t> bytes, std::vector<PassedDescriptor> descriptors) {
   buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
   received_ += bytes.size();
   if (!descriptors.empty()) batches_.push_back({received_, std::move(descriptors)});
@@ -85,13 +85,6 @@ FrameReader::Step FrameReader::refuse(const char* reason) {
   return Step::refused;
 }
 
-std::vector<FileDescriptor> FrameReader::abandon() {
-  std::vector<FileDescriptor> descriptors;
-  takeDescriptors(received_, descriptors);
-  *this = {};
-  return descriptors;
-}
-
 std::size_t FrameReader::descriptorsUpTo(std::uint64_t end) const {
   std::size_t count = 0;
   for (const Batch& batch : batches_)
@@ -99,7 +92,7 @@ std::size_t FrameReader::descriptorsUpTo(std::uint64_t end) const {
   return count;
 }
 
-void FrameReader::takeDescriptors(std::uint64_t end, std::vector<FileDescriptor>& descriptors) {
+void FrameReader::takeDescriptors(std::uint64_t end, std::vector<PassedDescriptor>& descriptors) {
   while (!batches_.empty() && batches_.front().end <= end) {
     auto& batch = batches_.front().descriptors;
     descriptors.insert(descriptors.end(), std::make_move_iterator(batch.begin()),

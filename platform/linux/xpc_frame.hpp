@@ -9,7 +9,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/file_descriptor.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_limits.hpp"
 
 namespace qm::xpc {
@@ -43,7 +43,7 @@ const char* readHeader(const std::uint8_t* bytes, FrameHeader& header);
 struct Frame {
   FrameHeader header;
   std::vector<std::uint8_t> body;
-  std::vector<FileDescriptor> descriptors;
+  std::vector<PassedDescriptor> descriptors;
 };
 
 // Puts frames together from what the socket gives. The kernel ends a read behind the part of a write that
@@ -54,14 +54,12 @@ class FrameReader {
   void setMaximumBody(std::size_t bytes) { maximumBody_ = bytes; }
 
   // The bytes of one read and the descriptors that came with it.
-  void feed(std::span<const std::uint8_t> bytes, std::vector<FileDescriptor> descriptors);
+  void feed(std::span<const std::uint8_t> bytes, std::vector<PassedDescriptor> descriptors);
 
   enum class Step : std::uint8_t { frame, incomplete, refused };
   // The next whole frame. After a refusal the stream cannot be read any further.
   Step next(Frame& frame);
   const char* refusal() const { return refusal_; }
-  // Forgets everything and hands out the descriptors that belong to no frame that was taken.
-  std::vector<FileDescriptor> abandon();
 
   // Part of a frame is there.
   bool hasPartialFrame() const { return taken_ < buffer_.size(); }
@@ -71,12 +69,12 @@ class FrameReader {
  private:
   struct Batch {
     std::uint64_t end = 0;  // position in the stream behind the read it came with
-    std::vector<FileDescriptor> descriptors;
+    std::vector<PassedDescriptor> descriptors;
   };
 
   Step refuse(const char* reason);
   std::size_t descriptorsUpTo(std::uint64_t end) const;
-  void takeDescriptors(std::uint64_t end, std::vector<FileDescriptor>& descriptors);
+  void takeDescriptors(std::uint64_t end, std::vector<PassedDescriptor>& descriptors);
   void compact();
 
   std::size_t maximumBody_ = kMaximumBodyBytes;

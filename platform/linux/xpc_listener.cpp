@@ -58,10 +58,9 @@ Outcome acceptFromEndpoint(int listening, AcceptedPeer& accepted) {
   if (!isSound) {
     QM_LOG_ERROR(transportLog(), "Ignoring a request for a connection from pid %d",
                  received.sender ? received.sender->pid : 0);
-    closeElsewhere(std::move(received.descriptors));
     return Outcome::nothing;
   }
-  accepted.socket = std::move(received.descriptors.front());
+  accepted.socket = received.descriptors.front().take();
   accepted.peer = peerFromCredentials(*received.sender, std::move(received.process));
   return Outcome::peer;
 }

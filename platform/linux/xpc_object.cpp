@@ -272,11 +272,11 @@ std::string xpcErrorDescription(const XPCObject& error) {
 
 namespace xpc {
 
-XPCObject adoptDescriptor(FileDescriptor descriptor) {
+XPCObject adoptDescriptor(PassedDescriptor descriptor) {
   return descriptor ? make<DescriptorRepresentation>(std::move(descriptor)) : XPCObject();
 }
 
-XPCEndpoint adoptEndpoint(FileDescriptor descriptor) {
+XPCEndpoint adoptEndpoint(PassedDescriptor descriptor) {
   return descriptor ? XPCEndpoint::from(make<EndpointRepresentation>(std::move(descriptor))) : XPCEndpoint();
 }
 

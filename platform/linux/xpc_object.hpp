@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/disposal.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/xpc.hpp"
 
 namespace qm {
@@ -37,14 +37,6 @@ struct Holding final : XPCObject::Representation {
   Content content;
 };
 
-// Of a file that a message carries: closed elsewhere, since a message may end on any thread.
-struct SentDescriptor : FileDescriptor {
-  explicit SentDescriptor(FileDescriptor descriptor) : FileDescriptor(std::move(descriptor)) {}
-  SentDescriptor(SentDescriptor&&) = delete;
-  SentDescriptor& operator=(SentDescriptor&&) = delete;
-  ~SentDescriptor() { qm::closeElsewhere(FileDescriptor(release())); }
-};
-
 using NullRepresentation = Holding<XPCType::null, Null>;
 using BooleanRepresentation = Holding<XPCType::boolean, bool>;
 using Int64Representation = Holding<XPCType::int64, std::int64_t>;
@@ -55,10 +47,10 @@ using DataRepresentation = Holding<XPCType::data, Data>;
 using StringRepresentation = Holding<XPCType::string, std::string>;
 using UUIDRepresentation = Holding<XPCType::uuid, UUID>;
 using ArrayRepresentation = Holding<XPCType::array, std::vector<XPCObject>>;
-using DescriptorRepresentation = Holding<XPCType::fileDescriptor, SentDescriptor>;
+using DescriptorRepresentation = Holding<XPCType::fileDescriptor, PassedDescriptor>;
 using ErrorRepresentation = Holding<XPCType::error, std::string>;
 // The descriptor is the end through which a connection is asked for.
-using EndpointRepresentation = Holding<XPCType::endpoint, FileDescriptor>;
+using EndpointRepresentation = Holding<XPCType::endpoint, PassedDescriptor>;
 
 struct DictionaryRepresentation final : XPCObject::Representation {
   DictionaryRepresentation() : Representation(XPCType::dictionary) {}
@@ -92,8 +84,8 @@ inline const ArrayRepresentation* asArray(const XPCObject& object) {
 }
 
 // Takes the descriptor over. Null for an empty one.
-XPCObject adoptDescriptor(FileDescriptor descriptor);
-XPCEndpoint adoptEndpoint(FileDescriptor descriptor);
+XPCObject adoptDescriptor(PassedDescriptor descriptor);
+XPCEndpoint adoptEndpoint(PassedDescriptor descriptor);
 
 // Both descriptors are the same end of the same socket.
 bool sameSocket(int a, int b);

@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "platform/linux/xpc_codec.hpp"
-#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
@@ -54,7 +53,6 @@ void Outbox::add(const OutgoingFrame& frame) {
 void Outbox::popFront() {
   bytes_ -= memoryOf(frames_.front());
   descriptors_ -= frames_.front().attachments.size();
-  releaseElsewhere(std::move(frames_.front().attachments));
   frames_.pop_front();
 }
 
@@ -104,10 +102,8 @@ void Outbox::consume(std::size_t count) {
 }
 
 void Outbox::discard(std::vector<Block<void()>>& passed) {
-  for (OutgoingFrame& frame : frames_) {
+  for (OutgoingFrame& frame : frames_)
     if (frame.barrier) passed.push_back(std::move(frame.barrier));
-    releaseElsewhere(std::move(frame.attachments));
-  }
   frames_.clear();
   bytes_ = 0;
   descriptors_ = 0;

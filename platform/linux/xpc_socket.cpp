@@ -21,13 +21,13 @@ struct alignas(cmsghdr) ControlBuffer {
       bytes;
 };
 
-void adoptDescriptors(const cmsghdr* header, std::vector<FileDescriptor>& descriptors) {
+void adoptDescriptors(const cmsghdr* header, std::vector<PassedDescriptor>& descriptors) {
   const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
   descriptors.reserve(descriptors.size() + count);
   for (std::size_t i = 0; i < count; ++i) {
     int descriptor = FileDescriptor::kNone;
     std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof descriptor, sizeof descriptor);
-    descriptors.emplace_back(descriptor);
+    descriptors.emplace_back(FileDescriptor(descriptor));
   }
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/file_descriptor.hpp"
+#include "platform/linux/xpc_disposal.hpp"
 
 namespace qm::xpc {
 
@@ -18,7 +19,7 @@ struct Received {
   ssize_t length = 0;  // 0: the end; -1: nothing, error says why
   int error = 0;
   bool isTruncated = false;  // control data or, with packets, bytes were lost
-  std::vector<FileDescriptor> descriptors;
+  std::vector<PassedDescriptor> descriptors;
   std::optional<ucred> sender;
   FileDescriptor process;  // pidfd of the sender, where the kernel gives one
 };

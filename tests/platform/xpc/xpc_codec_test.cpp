@@ -95,7 +95,7 @@ TEST(XPCCodec, WhatIsWrongIsRefusedAndItsDescriptorsAreClosed) {
   };
   for (const auto& each : cases) {
     Pipe pipe;
-    std::vector<FileDescriptor> descriptors;
+    std::vector<xpc::PassedDescriptor> descriptors;
     descriptors.push_back(pipe.writeEnd.duplicate());
     const DecodedMessage decoded = decodeMessage(each.body, std::move(descriptors));
     EXPECT_STREQ(decoded.refusal, each.refusal) << each.what;

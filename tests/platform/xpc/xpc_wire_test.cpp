@@ -21,6 +21,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 const Bytes kEmptyMap{0xa0};
 const Bytes kMapWithDescriptor{0xa1, 0x61, 'd', 0xd9, 0xdb, 0x27, 0x00};
+const Bytes kMapWithEndpoint{0xa1, 0x61, 'd', 0xd9, 0xdb, 0x28, 0x00};
 
 class XPCWire : public ServedTest {
  protected:
@@ -94,11 +95,14 @@ TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
     const char* where;
     xpc::FrameHeader header;
     std::vector<xpc::FrameHeader> before;
+    Bytes body = kEmptyMap;
   } cases[] = {
       {"in a refused frame", {.kind = FrameKind::message, .descriptors = 1, .identifier = 1}, {}},
       {"not announced", {.kind = FrameKind::message}, {}},
       {"still in the socket", {.kind = FrameKind::message}, {{.kind = static_cast<FrameKind>(7)}}},
       {"in a reply nobody asked for", {.kind = FrameKind::reply, .descriptors = 1, .identifier = 1}, {}},
+      {"in no value of a message", {.kind = FrameKind::message, .descriptors = 1}, {}},
+      {"where an endpoint belongs", {.kind = FrameKind::message, .descriptors = 1}, {}, kMapWithEndpoint},
   };
   std::deque<LingeringSocket> lingering;
   for (const auto& each : cases) {
@@ -113,7 +117,7 @@ TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
     });
     stands->take();
     for (const xpc::FrameHeader& header : each.before) client.writeFrame(header, Bytes(100'000));
-    client.writeFrame(each.header, kEmptyMap, std::vector{descriptor.socket.get()});
+    client.writeFrame(each.header, each.body, std::vector{descriptor.socket.get()});
     descriptor.socket.reset();
     goesOn->put(1);
     EXPECT_TRUE(each.header.kind == FrameKind::reply || client.isClosedByPeer()) << each.where;
