@@ -38,9 +38,7 @@ OSStatus readExactly(int descriptor, void* buffer, std::size_t length, std::uint
   auto* bytes = static_cast<std::uint8_t*>(buffer);
   while (length > 0) {
     const std::int64_t count = readAt(descriptor, bytes, length, static_cast<std::int64_t>(position));
-    // The peer's file system may return any error; EMFILE means this process's own shortage, which a read
-    // cannot find.
-    if (count < 0) return kSecErrnoBase + (errno == EMFILE ? EIO : errno);
+    if (count < 0) return peerErrnoStatus();
     if (count == 0) return kSecErrnoBase + EIO;
     bytes += count;
     position += static_cast<std::uint64_t>(count);
@@ -250,9 +248,13 @@ OSStatus readInfo(int descriptor, Dictionary& info) {
 
 }  // namespace
 
+OSStatus peerErrnoStatus() {
+  return kSecErrnoBase + (errno == EMFILE ? EIO : errno);
+}
+
 OSStatus readAppendedSignature(int descriptor, AppendedSignature& signature) {
   FileStatus status;
-  if (!statDescriptor(descriptor, status)) return kSecErrnoBase + errno;
+  if (!statDescriptor(descriptor, status)) return peerErrnoStatus();
   const std::uint64_t size = status.size < 0 ? 0 : static_cast<std::uint64_t>(status.size);
   if (!status.isRegularFile || size < kSignatureTrailerSize) return kSecCSUnsigned;
   std::array<std::uint8_t, kSignatureTrailerSize> trailer{};

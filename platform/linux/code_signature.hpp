@@ -33,6 +33,10 @@ struct AppendedSignature {
   std::vector<std::uint8_t> cms;
 };
 
+// The status of a call on a peer's file that has just failed and takes no descriptor: errno, but EIO instead
+// of EMFILE. The file system may return any error, and that one would be read as this process's own shortage.
+OSStatus peerErrnoStatus();
+
 // Reads by position; the content is not looked at. kSecCSUnsigned without the magic line,
 // kSecCSSignatureInvalid when the length is none, errno statuses for what cannot be read.
 OSStatus readAppendedSignature(int descriptor, AppendedSignature& signature);

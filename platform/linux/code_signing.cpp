@@ -42,12 +42,6 @@ OSStatus errnoStatus() {
   return kSecErrnoBase + errno;
 }
 
-// Of a call on the peer's file that takes no descriptor. Its file system may return any error, and EMFILE
-// would be read as this process's own shortage.
-OSStatus peerErrnoStatus() {
-  return kSecErrnoBase + (errno == EMFILE ? EIO : errno);
-}
-
 bool hasFreeDescriptor() {
   return static_cast<bool>(FileDescriptor(::open("/", O_PATH | O_CLOEXEC)));
 }
@@ -85,8 +79,8 @@ OSStatus openProgram(std::int32_t processID, FileDescriptor& program) {
   std::snprintf(link, sizeof link, "/proc/%d/exe", processID);
   program.reset(::open(link, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (program) return checkPathOfProgram(link, program.get());
-  const OSStatus status = errnoStatus();
-  return status == kSecErrnoBase + EMFILE && hasFreeDescriptor() ? kSecErrnoBase + EIO : status;
+  const bool isShortage = errno == EMFILE && !hasFreeDescriptor();
+  return isShortage ? kSecErrnoBase + EMFILE : peerErrnoStatus();
 }
 
 OSStatus openGuest(const AuditToken& token, FileDescriptor& program) {

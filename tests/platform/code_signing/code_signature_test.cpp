@@ -1,8 +1,24 @@
 #include "platform/linux/code_signature.hpp"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
 #include "certificate_maker.hpp"
 #include "platform/file_io.hpp"
 #include "support/testing.hpp"
+
+namespace {
+
+// What a file system answers whoever looks at a file; 0: nothing of its own.
+int statError = 0;
+
+}  // namespace
+
+extern "C" int statx(int folder, const char* path, int flags, unsigned mask, struct statx* result) noexcept {
+  errno = statError;
+  if (statError != 0) return -1;
+  return static_cast<int>(::syscall(SYS_statx, folder, path, flags, mask, result));
+}
 
 namespace {
 
@@ -73,6 +89,15 @@ TEST_F(CodeSignature, WhatIsNoneOrDamagedIsToldApart) {
   for (const std::string& damaged : {trailer(0), "x" + trailer(2), content_ + trailer(UINT64_MAX),
                                      content_ + trailer(kMaximumSignatureSize)})
     EXPECT_EQ(verify(damaged), kSecCSSignatureInvalid);
+}
+
+TEST_F(CodeSignature, AFileSystemsErrorIsNeverTakenForAShortageOfDescriptors) {
+  for (const auto& [returned, reported] : {std::pair(EMFILE, EIO), std::pair(EACCES, EACCES)}) {
+    statError = returned;
+    const OSStatus status = verify(content_);
+    statError = 0;
+    EXPECT_EQ(status, kSecErrnoBase + reported);
+  }
 }
 
 TEST_F(CodeSignature, OnlyTheProductsKindOfSignatureCounts) {
