@@ -13,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/common/disposal_lanes.hpp"
 #include "platform/file_descriptor.hpp"
 #include "platform/linux/code_signature.hpp"
 #include "platform/linux/process_identity.hpp"
@@ -20,11 +21,21 @@
 #include "platform/linux/supervised_work.hpp"
 
 namespace qm {
+namespace {
+
+// For each of the calls that touch the peer's file system.
+constexpr std::chrono::seconds kDeadline(10);
+
+}  // namespace
 
 class SecCode {
  public:
-  SecCode(FileDescriptor program, std::uint32_t userID) : program_(std::move(program)), userID_(userID) {}
+  explicit SecCode(std::uint32_t userID) : userID_(userID) {}
+  SecCode(const SecCode&) = delete;
+  SecCode& operator=(const SecCode&) = delete;
+  ~SecCode();
 
+  FileDescriptor& program() { return program_; }
   int program() const { return program_.get(); }
   std::uint32_t userID() const { return userID_; }
 
@@ -33,10 +44,20 @@ class SecCode {
   std::uint32_t userID_;
 };
 
-namespace {
+// A file system that does not answer to the closing either counts as stuck work of its user, who is refused
+// soon. Nobody waits for it here, whatever becomes of it.
+SecCode::~SecCode() {
+  if (!program_) return;
+  const auto program = std::make_shared<FileDescriptor>(std::move(program_));
+  runOnDisposalLane([program, userID = userID_] {
+    runSupervised(userID, kDeadline, [program](const std::atomic<bool>&) {
+      program->reset();
+      return kSecSuccess;
+    });
+  });
+}
 
-// For each of the two calls that touch the peer's file system.
-constexpr std::chrono::seconds kDeadline(10);
+namespace {
 
 OSStatus errnoStatus() {
   return kSecErrnoBase + errno;
@@ -90,20 +111,21 @@ OSStatus openGuest(const AuditToken& token, FileDescriptor& program) {
   const OSStatus status = openProgram(token.processID(), program);
   // What was opened under the process's id counts only if the process was there all the time; and that it was
   // not is also what an error means then.
-  if (const OSStatus after = statusOfState(process->state()); after != kSecSuccess) return after;
-  return status;
+  const OSStatus after = statusOfState(process->state());
+  const OSStatus result = after == kSecSuccess ? status : after;
+  if (result != kSecSuccess) program.reset();  // here, since it may hang
+  return result;
 }
 
 }  // namespace
 
 OSStatus copyGuestWithAuditToken(const AuditToken& token, SecCodePtr& code) {
   code = nullptr;
-  const auto program = std::make_shared<FileDescriptor>();
+  const auto guest = std::make_shared<SecCode>(token.effectiveUserID());
   const OSStatus status =
       runSupervised(token.effectiveUserID(), kDeadline,
-                    [token, program](const std::atomic<bool>&) { return openGuest(token, *program); });
-  if (status == kSecSuccess)
-    code = std::make_shared<const SecCode>(std::move(*program), token.effectiveUserID());
+                    [token, guest](const std::atomic<bool>&) { return openGuest(token, guest->program()); });
+  if (status == kSecSuccess) code = guest;
   return status;
 }
 

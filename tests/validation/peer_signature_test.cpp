@@ -5,13 +5,21 @@
 
 #include "platform/code_signing.hpp"
 #include "platform/linux/process_identity.hpp"
-#include "platform/linux/system_root.hpp"
 #include "platform/linux/system_log_sinks.hpp"
+#include "platform/linux/system_root.hpp"
 #include "support/development_authority.hpp"
 #include "validation/QMRSignatureVerifier.hpp"
 #include "validation/QRMXPCConnectionValidator.hpp"
 
 namespace {
+
+// This process has the file open.
+bool hasOpen(const std::string& path) {
+  std::error_code error;  // of a descriptor that was closed meanwhile
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    if (std::filesystem::read_symlink(entry, error) == path) return true;
+  return false;
+}
 
 constexpr const char* kOwnTeam = R"(certificate leaf[subject.OU] = "K7Q2M9X4T1")";
 
@@ -107,11 +115,13 @@ TEST_F(PeerSignature, AValidatorWithoutDescriptorsEndsItsProcess) {
   if (::dlsym(RTLD_DEFAULT, "__asan_init") != nullptr)
     GTEST_SKIP() << "the sanitizer needs descriptors itself";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  ChildProcess peer({signedBy(*authority_)});
+  const std::string program = signedBy(*authority_);
+  ChildProcess peer({program});
   peer.readLine();
   QRMXPCConnectionValidator validator;
   validator.setSignatureVerifier(std::make_shared<QMRSignatureVerifier>());
   ASSERT_TRUE(validator.codesignValidForAuditToken(tokenOf(peer), peer.pid()));
+  ASSERT_TRUE(eventually([&] { return !hasOpen(program); }));
   const auto validateWithoutDescriptors = [&] {
     const rlimit few{.rlim_cur = 64, .rlim_max = 64};
     ::setrlimit(RLIMIT_NOFILE, &few);
