@@ -394,15 +394,21 @@ void Channel::flush() {
   conclude(std::move(passed), failure);
 }
 
-Hold Channel::hold(const Frame& frame) {
+// The descriptors count until the last of them is closed: whoever sends what cannot be closed is not read.
+Hold Channel::hold(Frame& frame) {
   const std::size_t values = std::min(frame.body.size(), kMaximumValues);
-  const HeldCost cost{.messages = 1,
-                      .bytes = kHeaderBytes + frame.body.size() + values * kBytesPerValue,
-                      .descriptors = frame.descriptors.size()};
-  MutexLock lock(mutex_);
-  held_.messages += cost.messages;
-  held_.bytes += cost.bytes;
-  held_.descriptors += cost.descriptors;
+  const HeldCost cost{.messages = 1, .bytes = kHeaderBytes + frame.body.size() + values * kBytesPerValue};
+  const HeldCost files{.descriptors = frame.descriptors.size()};
+  {
+    MutexLock lock(mutex_);
+    held_.messages += cost.messages;
+    held_.bytes += cost.bytes;
+    held_.descriptors += files.descriptors;
+  }
+  if (files.descriptors > 0) {
+    const auto heldFiles = std::make_shared<const Hold>(shared_from_this(), files, 0);
+    for (PassedDescriptor& descriptor : frame.descriptors) descriptor.keepUntilClosed(heldFiles);
+  }
   return Hold(shared_from_this(), cost, values);
 }
 

@@ -114,7 +114,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   // Any thread.
   void flush();
-  Hold hold(const Frame& frame);
+  Hold hold(Frame& frame);
   void release(const HeldCost& cost);
   bool isReading() const;
   bool isFull() const QM_REQUIRES(mutex_);

@@ -2,7 +2,13 @@
 
 #include <sys/socket.h>
 
+#include "platform/common/disposal_lanes.hpp"
+
 namespace qm::xpc {
+
+PassedDescriptor::~PassedDescriptor() {
+  if (descriptor_) disposeElsewhere(std::pair(std::move(descriptor_), std::move(kept_)));
+}
 
 void closeSocketElsewhere(FileDescriptor socket) {
   if (!socket) return;

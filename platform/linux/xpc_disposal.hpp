@@ -2,6 +2,7 @@
 // with files in it that cannot be closed does not return either. Any thread.
 #pragma once
 
+#include <memory>
 #include <utility>
 
 #include "platform/disposal.hpp"
@@ -17,18 +18,22 @@ class PassedDescriptor {
   PassedDescriptor(PassedDescriptor&&) noexcept = default;
   PassedDescriptor& operator=(PassedDescriptor&& other) noexcept {
     std::swap(descriptor_, other.descriptor_);
+    std::swap(kept_, other.kept_);
     return *this;
   }
-  ~PassedDescriptor() { closeElsewhere(std::move(descriptor_)); }
+  ~PassedDescriptor();
 
   explicit operator bool() const { return static_cast<bool>(descriptor_); }
   int get() const { return descriptor_.get(); }
   FileDescriptor duplicate() const { return descriptor_.duplicate(); }
   // Gives it away: from now on it is closed where its new owner ends.
   [[nodiscard]] FileDescriptor take() { return std::move(descriptor_); }
+  // Lets go of that no sooner than the descriptor is closed.
+  void keepUntilClosed(std::shared_ptr<const void> kept) { kept_ = std::move(kept); }
 
  private:
   FileDescriptor descriptor_;
+  std::shared_ptr<const void> kept_;
 };
 
 // Its peer sees the end at once.

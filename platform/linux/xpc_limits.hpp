@@ -33,7 +33,7 @@ inline constexpr std::size_t kMaximumHeldMessages = 1024;
 // The bytes of those, and kBytesPerValue for each of their values. As long as a message was not looked into,
 // it counts as if it had as many as it can.
 inline constexpr std::size_t kMaximumHeldBytes = 16 * 1024 * 1024;
-// The descriptors of those.
+// The descriptors of what was received, each until all of its message are closed.
 inline constexpr std::size_t kMaximumHeldDescriptors = 1024;
 // Peers of one listener that are neither admitted nor refused; further ones wait in the kernel.
 inline constexpr std::size_t kMaximumUndecidedPeers = 64;

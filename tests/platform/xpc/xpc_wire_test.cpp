@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include "platform/common/disposal_lanes.hpp"
+#include "platform/disposal.hpp"
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/run_folder.hpp"
 #include "platform/linux/xpc_admission.hpp"
@@ -21,10 +23,20 @@ using Bytes = std::vector<std::uint8_t>;
 
 const Bytes kEmptyMap{0xa0};
 const Bytes kMapWithDescriptor{0xa1, 0x61, 'd', 0xd9, 0xdb, 0x27, 0x00};
+// An array of them.
+const Bytes kMapWithDescriptors = [] {
+  Bytes result{0xa1, 0x61, 'd', 0x90};
+  for (std::uint8_t i = 0; i < xpc::kMaximumDescriptors; ++i)
+    for (const std::uint8_t byte : Bytes{0xd9, 0xdb, 0x27, i}) result.push_back(byte);
+  return result;
+}();
 const Bytes kMapWithEndpoint{0xa1, 0x61, 'd', 0xd9, 0xdb, 0x28, 0x00};
 
 class XPCWire : public ServedTest {
  protected:
+  // What cannot be closed stays in the way.
+  XPCWire() { setDisposalPatience(std::chrono::hours(1)); }
+
   RawClient greetedClient() const {
     RawClient result = RawClient::connect(name);
     result.greet();
@@ -123,6 +135,25 @@ TEST_F(XPCWire, ADescriptorThatCannotBeClosedStopsNobody) {
     EXPECT_TRUE(each.header.kind == FrameKind::reply || client.isClosedByPeer()) << each.where;
     expectServes();
   }
+}
+
+TEST_F(XPCWire, WhoSendsWhatCannotBeClosedIsNotReadUntilItIs) {
+  std::array<LingeringSocket, kDisposalLanes> lingering;
+  for (LingeringSocket& each : lingering) closeElsewhere(std::move(each.socket));
+  RawClient client = greetedClient();
+  Pipe pipe;
+  const std::vector<int> descriptors(xpc::kMaximumDescriptors, pipe.writeEnd.get());
+  const xpc::FrameHeader header{.kind = FrameKind::message, .descriptors = xpc::kMaximumDescriptors};
+  for (std::size_t i = 0; i < xpc::kMaximumHeldDescriptors / xpc::kMaximumDescriptors; ++i) {
+    client.writeFrame(header, kMapWithDescriptors, descriptors);
+    EXPECT_TRUE(service.events->take()->asDictionary());
+  }
+  client.writeFrame({.kind = FrameKind::message}, kEmptyMap);
+  expectServes();  // and not the message
+  for (LingeringSocket& each : lingering) each.otherEnd.reset();
+  std::optional<XPCObject> event = service.events->take();
+  while (event && !event->asDictionary()) event = service.events->take();  // the other client's end
+  EXPECT_TRUE(event);
 }
 
 // In a process of its own, because the sockets are looked for once.
