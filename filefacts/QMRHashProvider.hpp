@@ -35,11 +35,11 @@ class QMRHashProvider : public QMRHashProviderProtocol {
   QMRHashProvider(const QMRHashProvider&) = delete;
   QMRHashProvider& operator=(const QMRHashProvider&) = delete;
 
-  // Reads the file from its beginning to its actual end, by position: the descriptor stays open and its
-  // offset where it is. `fileSize` is the size in bytes the caller knows of; it bounds each read, so that a
-  // small one means many small reads, and with 0 nothing is read of any file. Another size read is error 101,
-  // a `fileSize` above kMaxFileSizeForHashing error 104. Null on failure; when there is no memory for the
-  // buffer `error` stays as it is. Any thread.
+  // Reads the file from its beginning to its actual end, but not on past kMaxFileSizeForHashing bytes, by
+  // position: the descriptor stays open and its offset where it is. `fileSize` is the size in bytes the
+  // caller knows of; it bounds each read, so that a small one means many small reads, and with 0 nothing is
+  // read of any file. Another size read is error 101, a `fileSize` above kMaxFileSizeForHashing error 104.
+  // Null on failure; when there is no memory for the buffer `error` stays as it is. Any thread.
   static std::shared_ptr<QMRHashCacheEntry> generateHashesForFiledescriptor(int descriptor,
                                                                             std::uint64_t fileSize,
                                                                             qm::ErrorPtr* error = nullptr);

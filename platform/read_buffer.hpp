@@ -1,4 +1,4 @@
-// A block of memory to read files into, for one use: what it held goes back to the system with it.
+// A block of memory to read files into, for one use.
 #pragma once
 
 #include <cstddef>

@@ -12,8 +12,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/linux/process_threads.hpp"
 #include "platform/common/thread_annotations.hpp"
+#include "platform/linux/process_threads.hpp"
 
 namespace qm {
 namespace {

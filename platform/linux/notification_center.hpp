@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/common/thread_annotations.hpp"
 #include "platform/file_descriptor.hpp"
 #include "platform/linux/event_loop.hpp"
 #include "platform/linux/inotify.hpp"
-#include "platform/common/thread_annotations.hpp"
 #include "platform/notify.hpp"
 
 namespace qm {

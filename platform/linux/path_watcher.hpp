@@ -19,8 +19,8 @@ class PathWatcher {
   // The path is absolute. The handler runs on the watcher's thread: once at the start, when nothing can be
   // missed any more, with settled false; then after every change that may concern the file, sometimes without
   // need; and with settled true when it asked for it and nothing happened since. Where the system gives no
-  // watch, changes after the first call go unnoticed; where it gives no thread, or
-  // no descriptors to wait with, there is no call.
+  // watch, changes after the first call go unnoticed; where it gives no thread, or no descriptors to wait
+  // with, there is no call.
   PathWatcher(std::string path, std::chrono::milliseconds settlingTime, Handler handler);
   // Returns when the handler has run for the last time.
   ~PathWatcher();

@@ -112,7 +112,7 @@ class Listener final : public ConnectionCore {
   void enter(AcceptedPeer accepted);
   void ticketReturned(std::uint32_t userID);
   void pauseAccepting();
-  void setReading(bool isReading);
+  void stopAccepting();
   void deliverPeer(AcceptedPeer accepted);
   void fail(const std::string& reason);
   void end();
@@ -178,7 +178,7 @@ void Listener::ready() {
         return pauseAccepting();
       case Outcome::ended:
         QM_LOG_ERROR(transportLog(), "A holder of the endpoint has shut it down");
-        return setReading(false);
+        return stopAccepting();
     }
   }
 }
@@ -232,17 +232,16 @@ void Listener::pauseAccepting() {
     const auto core = weak.lock();
     if (!core) return;
     auto& self = static_cast<Listener&>(*core);
-    {
-      MutexLock lock(self.mutex_);
-      self.isExhausted_ = false;
-    }
-    self.setReading(true);
+    MutexLock lock(self.mutex_);
+    self.isExhausted_ = false;
+    if (!self.isCancelled_) self.source_.setInterest({.readable = true, .writable = false});
   });
 }
 
-void Listener::setReading(bool isReading) {
+// For good: from within its handler this waits for nobody.
+void Listener::stopAccepting() {
   MutexLock lock(mutex_);
-  if (!isCancelled_) source_.setInterest({.readable = isReading, .writable = false});
+  source_.cancel();
 }
 
 // It has a place.

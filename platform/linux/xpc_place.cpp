@@ -13,8 +13,8 @@
 #include <mutex>
 #include <vector>
 
-#include "foundation/log.hpp"
 #include "platform/linux/run_folder.hpp"
+#include "platform/linux/xpc_channel.hpp"
 #include "platform/linux/xpc_frame.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_socket.hpp"
@@ -49,7 +49,7 @@ std::vector<InheritedSocket>& inheritedSockets() {
       if (::sd_is_socket_unix(descriptor, SOCK_STREAM, 1, nullptr, 0) > 0)
         result.push_back({descriptor, names[i]});
       else
-        QM_LOG_ERROR(Log::create(kQMRLogSubsystem, "xpc"),
+        QM_LOG_ERROR(transportLog(),
                      "The service manager's “%{public}s” is no Unix stream socket that listens", names[i]);
       std::free(names[i]);
     }
