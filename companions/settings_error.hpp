@@ -17,7 +17,7 @@ enum class SettingsError : std::int64_t {
   notEditable = 4,    // it stands in the file in a form that only a person can change
   notWritten = 5,     // the file could not be replaced
   notAllowed = 6,     // the caller may not administer
-  busy = 7,           // too much of this kind is waiting
+  busy = 7,           // too much of this kind is waiting, or the file is being changed by somebody else
   noSuchSetting = 8,  // what was to be removed is not there
 };
 

@@ -107,6 +107,7 @@ bool SettingsStore::reload(bool settled) {
 }
 
 void SettingsStore::refuse(const ErrorPtr& error) {
+  hasText_ = true;
   const std::string text = error->localizedDescription();
   if (complaint_ != text)
     QM_LOG_ERROR(log(), "The settings file is not taken, the settings stay as they were: %{public}@", text);
@@ -118,6 +119,7 @@ void SettingsStore::refuse(const ErrorPtr& error) {
 SettingsStore::Change SettingsStore::adopt(SettingsDocument document) {
   if (!complaint_.empty()) QM_LOG(log(), "The settings file is in use again");
   complaint_.clear();
+  hasText_ = !document.text().empty();
   const std::lock_guard lock(mutex_);
   problem_ = nullptr;
   file_ = document.settings();
@@ -157,6 +159,9 @@ ErrorPtr SettingsStore::edit(const Edit& edit) {
     for (int i = 0; i < kEditAttempts && outcome == FileReplacement::changedMeanwhile; ++i) {
       std::optional<std::string> content;
       const std::optional<SettingsDocument> document = read(content, &error);
+      if (document && document->text().empty() && hasText_)
+        return makeSettingsError(SettingsError::busy,
+                                 "\"" + path_ + "\" is empty, it may just be being saved");
       std::optional<SettingsDocument> changed = document ? edit(*document, &error) : std::nullopt;
       if (!changed) return error;
       outcome = changed->text() == document->text() ? FileReplacement::done

@@ -49,7 +49,8 @@ class SettingsStore {
   std::shared_ptr<const Settings> current(ErrorPtr* error = nullptr) const;
 
   // Change the file as it is at that moment; the change is on the disk and in force when they return.
-  // Null or an error of the settings daemon: a file that is broken is left alone.
+  // Null or an error of the settings daemon: a file that is broken is left alone, and so is one that has just
+  // become empty or gone (busy), until reload() has taken that for settled.
   [[nodiscard]] ErrorPtr change(SettingsTable table, const Dictionary& changes);
   [[nodiscard]] ErrorPtr setAllowList(const Array& allowList);
 
@@ -61,8 +62,8 @@ class SettingsStore {
   // one step. What cannot be written stands in the log and stays in force until the daemon ends.
   void writeState();
 
-  // Reads the file again. Without `settled` one that is broken, empty or missing changes nothing yet: true, it
-  // may be on its way.
+  // Reads the file again. Without `settled` one that is broken, empty or missing changes nothing yet: true,
+  // it may be on its way.
   bool reload(bool settled);
 
  private:
@@ -84,6 +85,7 @@ class SettingsStore {
 
   std::mutex fileMutex_;  // one reads or changes the file at a time; never taken with mutex_ held
   std::string complaint_;
+  bool hasText_ = false;  // the file, when it was last taken or refused
   std::mutex stateFileMutex_;
 
   mutable std::mutex mutex_;

@@ -216,9 +216,18 @@ TEST_F(FollowedSettings, AHandEditBetweenReadingAndWritingIsNotLost) {
   person.join();
   store.reload(true);
   EXPECT_EQ(systemOf(store), (Dictionary{{"hand", 200}}));
-  folder.write("settings.toml", "");
+  // An editor that empties the file first and has it open until the text is written.
+  std::ofstream editor(file_);
+  EXPECT_EQ(store.change(SettingsTable::user, {{"own", 1}})->code(),
+            static_cast<std::int64_t>(SettingsError::busy));
   EXPECT_TRUE(store.reload(false)) << "it is just being saved";
-  EXPECT_EQ(systemOf(store), (Dictionary{{"hand", 200}}));
+  editor << "[system]\nhand = 300\n" << std::flush;
+  EXPECT_EQ(store.change(SettingsTable::user, {{"own", 1}}), nullptr);
+  EXPECT_EQ(systemOf(store), (Dictionary{{"hand", 300}}));
+  fs::remove(file_);
+  EXPECT_EQ(store.setAllowList({"a"})->code(), static_cast<std::int64_t>(SettingsError::busy));
+  EXPECT_FALSE(store.reload(true)) << "it is meant so";
+  EXPECT_EQ(store.setAllowList({"a"}), nullptr);
   EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 1) << "no draft is left";
 }
 
