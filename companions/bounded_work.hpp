@@ -1,5 +1,5 @@
-// Work on a concurrent queue with a bound on what runs at once and on what waits. Used for sample analyses,
-// each of which takes memory for a whole file.
+// Work on a concurrent queue with a bound on what runs at once and on what waits: for work that takes memory
+// for a whole file, or that may wait for a disk.
 #pragma once
 
 #include <chrono>

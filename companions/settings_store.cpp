@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <utility>
 
 #include "companions/settings_error.hpp"
@@ -26,7 +25,14 @@ Log& log() {
 }
 
 ErrorPtr makeErrnoError(SettingsError code, const std::string& what, const std::string& path) {
-  return makeSettingsError(code, "\"" + path + "\" " + what + ": " + std::strerror(errno));
+  return makeSettingsError(code, "\"" + path + "\" " + what + ": " + systemErrorText(errno));
+}
+
+// Right after a replacement that was not done.
+ErrorPtr notReplaced(FileReplacement outcome, const std::string& path) {
+  if (outcome == FileReplacement::failed)
+    return makeErrnoError(SettingsError::notWritten, "cannot be written", path);
+  return makeSettingsError(SettingsError::busy, "\"" + path + "\" is being changed all the time");
 }
 
 // Nothing with errno ENOENT where there is no file.
@@ -169,10 +175,7 @@ ErrorPtr SettingsStore::edit(const Edit& edit) {
       if (outcome == FileReplacement::done) change = adopt(std::move(*changed));
     }
   }
-  if (outcome == FileReplacement::changedMeanwhile)
-    return makeSettingsError(SettingsError::busy, "\"" + path_ + "\" is being changed all the time");
-  if (outcome == FileReplacement::failed)
-    return makeErrnoError(SettingsError::notWritten, "cannot be written", path_);
+  if (outcome != FileReplacement::done) return notReplaced(outcome, path_);
   tell(change);
   return nullptr;
 }
@@ -194,23 +197,34 @@ bool SettingsStore::keep(const Dictionary& changes) {
 }
 
 void SettingsStore::writeState() {
-  const std::lock_guard fileLock(stateFileMutex_);
-  Dictionary state;
   {
     const std::lock_guard lock(mutex_);
     if (std::exchange(isStateTold_, true)) return;
-    state = state_;
   }
   tell({.settings = true, .allowList = false});  // it is in force; nobody need wait for the disk
-  FileReplacement outcome = FileReplacement::changedMeanwhile;
-  for (int i = 0; i < kEditAttempts && outcome == FileReplacement::changedMeanwhile; ++i)
-    outcome = replaceFile(statePath_, readText(statePath_), stateText(state));
-  if (outcome != FileReplacement::done)
-    QM_LOG_ERROR(log(), "The state is not written down: %{public}@",
-                 makeErrnoError(SettingsError::notWritten, "cannot be written", statePath_));
+  const std::lock_guard fileLock(stateFileMutex_);
+  if (const ErrorPtr error = replaceState())
+    QM_LOG_ERROR(log(), "The state is not written down: %{public}@", error);
 }
 
-// A state that cannot be read is as good as none: it comes anew with the next error.
+ErrorPtr SettingsStore::replaceState() const {
+  std::string text;
+  {
+    const std::lock_guard lock(mutex_);
+    text = stateText(state_);
+  }
+  FileReplacement outcome = FileReplacement::changedMeanwhile;
+  for (int i = 0; i < kEditAttempts && outcome == FileReplacement::changedMeanwhile; ++i) {
+    const std::optional<std::string> content = readText(statePath_);
+    if (!content && errno != ENOENT)
+      return makeErrnoError(SettingsError::unreadable, "cannot be read", statePath_);
+    outcome = replaceFile(statePath_, content, text);
+  }
+  return outcome == FileReplacement::done ? nullptr : notReplaced(outcome, statePath_);
+}
+
+// A state that is broken is as good as none: it comes anew with the next error. One that cannot be read is
+// not replaced either.
 void SettingsStore::loadState() {
   const std::optional<std::string> content = readText(statePath_);
   if (!content && errno == ENOENT) return;

@@ -76,6 +76,7 @@ class SettingsStore {
   Change adopt(SettingsDocument document);
   void refuse(const ErrorPtr& error);
   void loadState();
+  ErrorPtr replaceState() const;  // with stateFileMutex_ held
   Change put(Settings settings);  // with mutex_ held; the file's
   void tell(const Change& change) const;
 
@@ -85,8 +86,8 @@ class SettingsStore {
 
   std::mutex fileMutex_;  // one reads or changes the file at a time; never taken with mutex_ held
   std::string complaint_;
-  bool hasText_ = false;  // the file, when it was last taken or refused
-  std::mutex stateFileMutex_;
+  bool hasText_ = false;       // the file, when it was last taken or refused
+  std::mutex stateFileMutex_;  // one replaces the file of the state at a time
 
   mutable std::mutex mutex_;
   std::optional<Settings> file_;             // what the file says

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "companions/content_kind.hpp"
@@ -144,7 +143,7 @@ std::optional<SVKSkyvaultResponse> SkyvaultAnswers::analyzeSample(int descriptor
     return failure;
   }
   if (outcome == ReadOutcome::failed) {
-    QM_LOG_ERROR(log(), "A sample cannot be read: %{public}s", std::strerror(errno));
+    QM_LOG_ERROR(log(), "A sample cannot be read: %{public}s", systemErrorText(errno));
     return failure;
   }
   return examine(buffer.bytes(), length);

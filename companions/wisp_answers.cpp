@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "companions/url_key.hpp"
 #include "companions/wisp_error.hpp"
@@ -83,7 +82,7 @@ void fail(ErrorPtr* error, WispError code, std::string text) {
 }
 
 void failToRead(ErrorPtr* error, int errorNumber) {
-  fail(error, WispError::unreadable, std::string("The file cannot be read: ") + std::strerror(errorNumber));
+  fail(error, WispError::unreadable, "The file cannot be read: " + systemErrorText(errorNumber));
 }
 
 // A sample's bytes as far as it was kept, and its hashes.

@@ -276,6 +276,11 @@ TEST_F(FollowedSettings, WhatItKeepsItselfLiesOverTheFileAndOutlivesIt) {
   EXPECT_EQ(systemOf(store).at("wisp-error-state"), Value(9));
   folder.write("state.toml", "nonsense");
   EXPECT_NE(SettingsStore(file_, state_, nullptr).current(), nullptr);
+  fs::remove(state_);
+  fs::create_directory(state_);
+  store.writeState();
+  const auto lines = recorder.lines();
+  EXPECT_NE(lines.back().message.find("cannot be read: Is a directory"), std::string::npos);
 }
 
 }  // namespace
