@@ -1,11 +1,15 @@
 #include "platform/linux/SVKSkyvaultServiceClient.hpp"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <mutex>
 #include <optional>
 #include <utility>
 
 #include "foundation/log.hpp"
 #include "foundation/object_description.hpp"
+#include "platform/file_descriptor.hpp"
 #include "platform/file_io.hpp"
 #include "platform/linux/skyvault_wire.hpp"
 #include "platform/system_root.hpp"
@@ -202,17 +206,16 @@ void SVKSkyvaultServiceClient::analyzeMetadata(const qm::Dictionary& metadata,
 void SVKSkyvaultServiceClient::analyzeFileHandle(std::shared_ptr<qm::FileHandle> fileHandle,
                                                  const qm::Dictionary& metadata,
                                                  std::chrono::milliseconds timeout, Completion completion) {
-  const XPCObject file =
-      fileHandle == nullptr ? XPCObject() : XPCObject::fileDescriptor(fileHandle->fileDescriptor());
-  if (!file) {
-    queue_.async([completion = std::move(completion)] {
-      completion(nullptr, makeError(ErrorCode::unreadableSample, "The sample is not open."));
-    });
-    return;
-  }
+  const auto fail = [&](const std::string& text) {
+    queue_.async(
+        [completion, error = makeError(ErrorCode::unreadableSample, text)] { completion(nullptr, error); });
+  };
+  if (fileHandle == nullptr) return fail("The sample is not open.");
+  qm::FileDescriptor own(::fcntl(fileHandle->fileDescriptor(), F_DUPFD_CLOEXEC, 0));
+  if (!own) return fail("The sample cannot be passed on: " + qm::systemErrorText(errno) + ".");
   XPCDictionary request = makeRequest(qm::skyvault::kRequestSample);
   request.setValue(qm::skyvault::kMetadataKey, qm::xpcObjectFromValue(metadata));
-  request.setValue(qm::skyvault::kFileKey, file);
+  request.setValue(qm::skyvault::kFileKey, XPCObject::fileDescriptor(std::move(own)));
   send(request, timeout, std::move(completion), std::move(fileHandle));
 }
 

@@ -122,8 +122,10 @@ TEST(SkyvaultClient, WhateverHappensToACallItCompletesOnceAndTheNextOneIsServed)
   for (int i = 0; i < 2; ++i) reply(soundAnswer(request));
   EXPECT_NE(twice->waitForOne().response, nullptr);
   EXPECT_EQ(askForHash(*client, -5ms).code(), ErrorCode::timedOut);
-  client->analyzeFileHandle(nullptr, {}, kLong, unreadable.make());
-  EXPECT_EQ(unreadable->waitForOne().code(), ErrorCode::unreadableSample);
+  client->analyzeFileHandle(std::make_shared<FileHandle>(-1, false), {}, kLong, unreadable.make());
+  const Answer failed = unreadable->waitForOne();
+  EXPECT_EQ(failed.code(), ErrorCode::unreadableSample);
+  EXPECT_EQ(failed.error->localizedDescription(), "The sample cannot be passed on: Bad file descriptor.");
   client->analyzeMetadata({{"xattrs", Array(100'000)}}, kLong, tooLarge.make());
   EXPECT_EQ(tooLarge->waitForOne().code(), ErrorCode::requestTooLarge)
       << "more values than a message may hold";
