@@ -31,6 +31,19 @@ inline constexpr std::uint64_t kOptionSageUploadRequested = 32;
 inline constexpr std::uint64_t kOptionSageUploaded = 64;
 inline constexpr std::uint64_t kOptionHipsEventsRequested = 128;
 
+// The errors of the clients, with a localized description. The framework adds errors of its own domains.
+inline constexpr const char* kErrorDomain = "com.quillmarsh.SVKSkyvaultServiceClient";
+
+enum class ErrorCode : std::int64_t {
+  timedOut = 1,           // no answer within the call's time-out
+  connectionLost = 2,     // the agent is not running, ended, refused this program or was given up
+  malformedResponse = 3,  // the answer is none, or has values of the wrong type
+  invalidRequest = 4,     // a key is missing or of the wrong type; the framework does not take the call
+  notSupported = 5,       // the agent does not know this request
+  unreadableSample = 6,   // no descriptor to pass on; the agent: not a regular file
+  requestTooLarge = 7,    // the request holds more than a message may; it was not sent
+};
+
 }  // namespace qm::skyvault
 
 // The safety verdict values. The texts are ours; only their equality counts.

@@ -64,13 +64,13 @@ using FrameworkCompletion = void (^)(id<SVKResponseFields> response, NSError* er
 namespace qm {
 namespace {
 
+using skyvault::ErrorCode;
+
 Log& log() {
   static Log& log = Log::create(kQMRLogSubsystem, "SVKSkyvaultServiceClient");
   return log;
 }
 
-constexpr const char* kErrorDomain = "SVKSkyvaultServiceClient";
-constexpr std::int64_t kFrameworkFailed = 1;
 // The framework keeps the time-outs itself; behind this much more they are kept here.
 constexpr std::chrono::seconds kGrace{5};
 
@@ -130,7 +130,9 @@ class Answer {
   // Keeps the handle until it was given.
   Answer(SVKSkyvaultServiceClientProtocol::Completion completion, std::shared_ptr<FileHandle> handle)
       : completion_(std::move(completion)), handle_(std::move(handle)) {}
-  ~Answer() { fail("The Skyvault client framework has let go of a call without an answer"); }
+  ~Answer() {
+    fail(ErrorCode::connectionLost, "The Skyvault client framework has let go of a call without an answer");
+  }
   Answer(const Answer&) = delete;
   Answer& operator=(const Answer&) = delete;
 
@@ -141,15 +143,19 @@ class Answer {
       failure = errorFrom(error);
       converted = responseFrom(response);
     });
-    if (raised) return fail("An answer of the Skyvault client framework cannot be read: " + *raised);
+    if (raised)
+      return fail(ErrorCode::malformedResponse,
+                  "An answer of the Skyvault client framework cannot be read: " + *raised);
     if (converted == nullptr && failure == nullptr)
-      return fail("The Skyvault client framework gives neither a response nor an error");
+      return fail(ErrorCode::malformedResponse,
+                  "The Skyvault client framework gives neither a response nor an error");
     finish(std::move(converted), std::move(failure));
   }
-  void fail(const std::string& reason) {
+  void fail(ErrorCode code, const std::string& reason) {
     if (isGiven_) return;
     QM_LOG_ERROR(log(), "%{public}s", reason);
-    finish(nullptr, makeError(kErrorDomain, kFrameworkFailed, {{kDebugDescriptionKey, reason}}));
+    finish(nullptr, makeError(skyvault::kErrorDomain, static_cast<std::int64_t>(code),
+                              {{kLocalizedDescriptionKey, reason}}));
   }
   void finish(std::shared_ptr<const SVKSkyvaultResponse> response, ErrorPtr error) {
     if (isGiven_.exchange(true)) return;
@@ -195,7 +201,9 @@ class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
     NSFileHandle* handle = nil;
     if (fileHandle != nullptr) {
       const int own = ::fcntl(fileHandle->fileDescriptor(), F_DUPFD_CLOEXEC, 0);
-      if (own < 0) return answer->finish(nullptr, makePOSIXError(errno));
+      if (own < 0)
+        return answer->fail(ErrorCode::unreadableSample,
+                            "The sample cannot be passed on: " + systemErrorText(errno) + ".");
       handle = [[NSFileHandle alloc] initWithFileDescriptor:own closeOnDealloc:YES];
     }
     call(answer, timeout, [&](FrameworkCompletion answered) {
@@ -229,14 +237,16 @@ class FrameworkClient final : public SVKSkyvaultServiceClientProtocol {
                    const FrameworkCall& frameworkCall) {
     Queue::global().after(timeout + kGrace, [weak = std::weak_ptr(answer)] {
       if (const auto waiting = weak.lock())
-        waiting->fail("The Skyvault client framework has let the time-out pass without an answer");
+        waiting->fail(ErrorCode::timedOut,
+                      "The Skyvault client framework has let the time-out pass without an answer");
     });
     const std::shared_ptr<Answer> kept = answer;
     const FrameworkCompletion answered = ^(id<SVKResponseFields> response, NSError* error) {
       kept->give(response, error);
     };
     if (const std::optional<std::string> raised = reasonRaisedBy([&] { frameworkCall(answered); }))
-      answer->fail("The Skyvault client framework does not take a call: " + *raised);
+      answer->fail(ErrorCode::invalidRequest,
+                   "The Skyvault client framework does not take a call: " + *raised);
   }
 
   const id<SVKClientCalls> client_;

@@ -41,17 +41,4 @@ inline constexpr const char* kCategoryValueKey = "value";           //   boolean
 inline constexpr const char* kErrorCodeKey = "error-code";          // signed, an ErrorCode
 inline constexpr const char* kErrorTextKey = "error-text";          // string, a sentence for people
 
-// The codes of the client's errors, some of them given by the agent.
-inline constexpr const char* kErrorDomain = "com.quillmarsh.SVKSkyvaultServiceClient";
-
-enum class ErrorCode : std::int64_t {
-  timedOut = 1,           // no answer within the call's time-out
-  connectionLost = 2,     // the agent is not running, ended, refused this program or was given up
-  malformedResponse = 3,  // the answer is none, or has values of the wrong type
-  invalidRequest = 4,     // the agent: a key is missing or of the wrong type
-  notSupported = 5,       // the agent does not know this request
-  unreadableSample = 6,   // no descriptor to pass on; the agent: not a regular file
-  requestTooLarge = 7,    // the request holds more than a message may; it was not sent
-};
-
 }  // namespace qm::skyvault
