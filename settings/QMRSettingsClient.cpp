@@ -60,6 +60,7 @@ QMRSettingsClient::~QMRSettingsClient() {
 }
 
 void QMRSettingsClient::initialize() {
+  storeSettings({}, {});
   if (customization_.isMDR()) return;
   for (const std::string_view protocolName : {qm::RemoteProtocol<RemoteActionEventsProtocol>::name,
                                               qm::RemoteProtocol<RemoteActionExecutedEventsProtocol>::name})
@@ -166,11 +167,16 @@ void QMRSettingsClient::startListenersWithReply(qm::Block<void(bool success)> re
     if (error) {
       QM_LOG_ERROR(classLog(), "Error receiving user and system settings: %@", error);
     } else {
-      self->userSettings_.set(userSettings);
-      self->systemSettings_.set(systemSettings);
+      self->storeSettings(userSettings, systemSettings);
     }
     self->fetchInitialWhitelist(error == nullptr, reply);
   });
+}
+
+void QMRSettingsClient::storeSettings(const qm::Dictionary& userSettings,
+                                      const qm::Dictionary& systemSettings) {
+  userSettings_.set(std::make_shared<const qm::Dictionary>(userSettings));
+  systemSettings_.set(std::make_shared<const qm::Dictionary>(systemSettings));
 }
 
 void QMRSettingsClient::fetchInitialWhitelist(bool hasSettings, const qm::Block<void(bool success)>& reply) {
@@ -230,8 +236,7 @@ void QMRSettingsClient::fetchUpdatedWhitelist() {
 void QMRSettingsClient::handleNotificationForUserSettings(const qm::Dictionary& userSettings,
                                                           const qm::Dictionary& systemSettings) {
   const std::lock_guard lock(settingsCallbacksLock_);
-  userSettings_.set(userSettings);
-  systemSettings_.set(systemSettings);
+  storeSettings(userSettings, systemSettings);
   const std::vector<SettingsUpdateCallback> registered = settingsUpdateCallbacks_;
   for (const SettingsUpdateCallback& callback : registered) {
     const bool isStillThere = std::find(settingsUpdateCallbacks_.begin(), settingsUpdateCallbacks_.end(),
@@ -274,8 +279,8 @@ void QMRSettingsClient::addWhitelistUpdateCallback(WhitelistUpdateCallback callb
 }
 
 bool QMRSettingsClient::isTaskPermanentlyDismissed(const std::string& taskName) const {
-  const qm::Dictionary settings = userSettings();
-  const qm::Array* dismissed = qm::find<qm::Array>(settings, kUserSettingsKeyDismissedTasks);
+  const std::shared_ptr<const qm::Dictionary> settings = userSettings();
+  const auto* dismissed = qm::find<qm::Array>(*settings, kUserSettingsKeyDismissedTasks);
   QM_LOG_DEBUG(classLog(), "Looking for %@ in dismissed tasks %@", taskName,
                dismissed == nullptr ? std::nullopt : std::optional(*dismissed));
   return dismissed != nullptr &&

@@ -55,8 +55,9 @@ class QMRSettingsClient : public QMRServiceClient,
   void startListeners();
   void startListenersWithReply(qm::Block<void(bool success)> reply);
 
-  qm::Dictionary userSettings() const { return userSettings_.get(); }
-  qm::Dictionary systemSettings() const override { return systemSettings_.get(); }
+  // What has been fetched does not change any more; never null.
+  std::shared_ptr<const qm::Dictionary> userSettings() const { return userSettings_.get(); }
+  std::shared_ptr<const qm::Dictionary> systemSettings() const override { return systemSettings_.get(); }
   qm::Array whitelist() const { return whitelist_.get(); }
   // The task is among the dismissed ones of the user settings.
   bool isTaskPermanentlyDismissed(const std::string& taskName) const;
@@ -127,6 +128,7 @@ class QMRSettingsClient : public QMRServiceClient,
   QMRSettingsClient();
   explicit QMRSettingsClient(std::shared_ptr<qm::RemoteConnection> xpcConnection);
   void initialize();
+  void storeSettings(const qm::Dictionary& userSettings, const qm::Dictionary& systemSettings);
   std::weak_ptr<QMRSettingsClient> weakClient();
   void registerForNotification(const char* name, int& token, void (QMRSettingsClient::*fetch)());
   void fetchInitialWhitelist(bool hasSettings, const qm::Block<void(bool success)>& reply);
@@ -154,8 +156,8 @@ class QMRSettingsClient : public QMRServiceClient,
 
   const QMRCustomization customization_;
   const QMRAuthorization authorization_;
-  qm::Property<qm::Dictionary> userSettings_;
-  qm::Property<qm::Dictionary> systemSettings_;
+  qm::Property<std::shared_ptr<const qm::Dictionary>> userSettings_;    // never null
+  qm::Property<std::shared_ptr<const qm::Dictionary>> systemSettings_;  // never null
   qm::HandlersByName<RemoteActionHandler> remoteActionsHandlers_;
   qm::HandlersByName<RemoteActionExecutedHandler> remoteActionsExecutedHandlers_;
   qm::Property<std::string> authMessage_;

@@ -2,6 +2,8 @@
 // place to report its errors. Implemented by QMRSettingsClient; tests put their substitute here.
 #pragma once
 
+#include <memory>
+
 #include "foundation/block.hpp"
 #include "foundation/error.hpp"
 #include "foundation/value.hpp"
@@ -14,8 +16,8 @@ class QMRSettingsClientProtocol {
 
   virtual ~QMRSettingsClientProtocol() = default;
 
-  // As last fetched; empty before that. Keys: settings_keys.hpp.
-  virtual qm::Dictionary systemSettings() const = 0;
+  // As last fetched; empty before that, never null. Keys: settings_keys.hpp.
+  virtual std::shared_ptr<const qm::Dictionary> systemSettings() const = 0;
   // Asks the settings daemon. When it cannot be reached that is logged and the reply is not called.
   virtual void getSystemSettingsWithReply(SettingsReply reply) = 0;
 

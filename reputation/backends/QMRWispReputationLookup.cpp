@@ -168,7 +168,7 @@ void QMRWispReputationLookup::removeObservers() {
 // --- Availability and errors ---
 
 bool QMRWispReputationLookup::wispAvailable() const {
-  return isConfigured(settingsClient_->systemSettings());
+  return isConfigured(*settingsClient_->systemSettings());
 }
 
 void QMRWispReputationLookup::updateWispAvailabilityFromSettings(const qm::Dictionary& settings) {
@@ -184,10 +184,10 @@ void QMRWispReputationLookup::reportErrorToProduct(const qm::ErrorPtr& error) co
 
 bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
                                                       const qm::FileReputationCompletion& reply) const {
-  const qm::Dictionary settings = settingsClient_->systemSettings();
-  if (isConfigured(settings)) return true;
+  const std::shared_ptr<const qm::Dictionary> settings = settingsClient_->systemSettings();
+  if (isConfigured(*settings)) return true;
   QM_LOG_DEBUG(log(), "Wisp is not yet available, not performing cloudScan (config state - %@)",
-               qm::find(settings, kWispConfigState));
+               qm::find(*settings, kWispConfigState));
   if (reply) {
     reply(QMRFileReputationResult::resultFromRequest(*request, level::unknown, std::nullopt, 0, 0), nullptr);
   }

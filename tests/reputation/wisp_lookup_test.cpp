@@ -57,7 +57,9 @@ class WispSubstitute final : public QMRWispProtocol {
 
 class SettingsSubstitute final : public QMRSettingsClientProtocol {
  public:
-  Dictionary systemSettings() const override { return settings.get(); }
+  std::shared_ptr<const Dictionary> systemSettings() const override {
+    return std::make_shared<const Dictionary>(settings.get());
+  }
   void getSystemSettingsWithReply(SettingsReply reply) override { fetches.push_back(std::move(reply)); }
   void addSettingsUpdateCallback(SettingsUpdateCallback callback) override { observers.push_back(callback); }
   void removeSettingsUpdateCallback(const SettingsUpdateCallback& callback) override {

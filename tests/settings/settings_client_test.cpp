@@ -117,8 +117,8 @@ TEST_F(SettingsClientTest, OnlyAFetchThatSucceedsReplacesTheCopiesAndTheFirstCal
     settings->error.set(c.error);
     settings->hasWhitelist = c.hasWhitelist;
     EXPECT_EQ(start(), !c.error && c.hasWhitelist);
-    EXPECT_EQ(versionOf(client->userSettings()), c.settings);
-    EXPECT_EQ(versionOf(client->systemSettings()), c.settings);
+    EXPECT_EQ(versionOf(*client->userSettings()), c.settings);
+    EXPECT_EQ(versionOf(*client->systemSettings()), c.settings);
     EXPECT_EQ(client->whitelist(), c.whitelist == 0 ? Array() : Array{c.whitelist});
     ++settings->current;
   }
@@ -136,7 +136,7 @@ TEST_F(SettingsClientTest, OnlyAFetchThatSucceedsReplacesTheCopiesAndTheFirstCal
   EXPECT_EQ(answer([this](auto reply) { client->getSystemSettingsWithReply(reply); }), 5);
   EXPECT_TRUE(recorder.has(LogLevel::error, "Error fetching settings: " + failure->description()));
   EXPECT_EQ(calls, 0);
-  EXPECT_EQ(versionOf(client->systemSettings()), 4);
+  EXPECT_EQ(versionOf(*client->systemSettings()), 4);
   EXPECT_EQ(client->whitelist(), Array{4});
 }
 
@@ -165,7 +165,7 @@ TEST_F(SettingsClientTest, CallbacksAreKnownByIdentityAndMayChangeTheirListWhile
   client->removeSettingsUpdateCallback(third);
   client->handleNotificationForUserSettings(version(8), version(9));
   EXPECT_EQ(calls, (std::vector<std::string>{"first", "third", "first", "added"}));
-  EXPECT_EQ(versionOf(client->userSettings()) * 10 + versionOf(client->systemSettings()), 89);
+  EXPECT_EQ(versionOf(*client->userSettings()) * 10 + versionOf(*client->systemSettings()), 89);
 }
 
 TEST_F(SettingsClientTest, ABurstOfNotificationsEndsWithTheLastValues) {
@@ -174,7 +174,7 @@ TEST_F(SettingsClientTest, ABurstOfNotificationsEndsWithTheLastValues) {
   client->addSettingsUpdateCallback(
       [seen, owner = std::weak_ptr(client)](const auto& user, const auto& system) {
         EXPECT_EQ(user, system);
-        EXPECT_EQ(owner.lock()->systemSettings(), system);
+        EXPECT_EQ(*owner.lock()->systemSettings(), system);
         seen->put(versionOf(system));
       });
   for (std::int64_t i = 1; i <= kLast; ++i) {
@@ -187,7 +187,7 @@ TEST_F(SettingsClientTest, ABurstOfNotificationsEndsWithTheLastValues) {
     EXPECT_LE(last, next);
     last = next;
   }
-  EXPECT_EQ(versionOf(client->userSettings()), kLast);
+  EXPECT_EQ(versionOf(*client->userSettings()), kLast);
 }
 
 TEST_F(SettingsClientTest, AnswersThatAreNoneAreLogged) {
@@ -211,7 +211,7 @@ TEST_F(SettingsClientTest, AnswersThatAreNoneAreLogged) {
         recorder.hasContaining(LogLevel::error, xpcError + "Error Domain=NSCocoaErrorDomain Code=" + code));
   }
   EXPECT_EQ(replies, 1);
-  EXPECT_EQ(versionOf(client->userSettings()), 1);
+  EXPECT_EQ(versionOf(*client->userSettings()), 1);
 }
 
 TEST_F(SettingsClientTest, ReportsGoOneWayAndErrorsOfTheConnectionAreLogged) {

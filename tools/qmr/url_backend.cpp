@@ -39,8 +39,8 @@ std::string adviceForWisp(const QMRSettingsClient& client, const URLAnswer& answ
   if (answer.failure != URLFailure::reportedByBackend ||
       answer.errorCode != QMRWispReputationLookup::kNotAvailable)
     return {};
-  const Dictionary settings = client.systemSettings();
-  const Value* state = find(settings, kWispConfigState);
+  const std::shared_ptr<const Dictionary> settings = client.systemSettings();
+  const Value* state = find(*settings, kWispConfigState);
   if (state != nullptr && state->integerValue() == QMRWispReputationLookup::kConfigured) return {};
   const std::string key = kWispConfigState;
   const std::string wanted = std::to_string(QMRWispReputationLookup::kConfigured);
