@@ -114,8 +114,9 @@ class QMRServiceClient : public std::enable_shared_from_this<QMRServiceClient> {
   void connectionInvalidated();
   void resetSubscriptions();
   // Drops the connection and tries to renew the subscriptions 2 seconds later, or 120 after 29 tries in a row
-  // that did not succeed. While one try is due, further breaks (of connections that calls made meanwhile)
-  // neither count nor bring another.
+  // that did not succeed. While one try is due, further breaks neither count nor bring another: during an
+  // outage every call makes a connection that breaks at once, and each would add a timer and use up one of
+  // the quick tries.
   void trySubscribe();
   // Renews one subscription that needs it, and when that succeeded the next.
   void continueSubscribe();
