@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -110,16 +111,16 @@ class QMRSettingsClient : public QMRServiceClient,
 
   const QMRCustomization& customization() const { return customization_; }
   const QMRAuthorization& authorization() const { return authorization_; }
-  // Kept for the product's other programs: profile identifiers, whether time-limit events are subscribed to,
-  // and the text of authorisation prompts.
-  std::string userProfileUUID() const { return userProfileUUID_.get(); }
-  void setUserProfileUUID(std::string uuid) { userProfileUUID_.set(std::move(uuid)); }
-  std::string systemProfileUUID() const { return systemProfileUUID_.get(); }
-  void setSystemProfileUUID(std::string uuid) { systemProfileUUID_.set(std::move(uuid)); }
+  // Kept for the product's other programs: profile identifiers, whether time-limit events are subscribed to
+  // (off), and the text of authorisation prompts. The client itself neither sets nor uses them.
+  std::optional<std::string> userProfileUUID() const { return userProfileUUID_.get(); }
+  void setUserProfileUUID(std::optional<std::string> uuid) { userProfileUUID_.set(std::move(uuid)); }
+  std::optional<std::string> systemProfileUUID() const { return systemProfileUUID_.get(); }
+  void setSystemProfileUUID(std::optional<std::string> uuid) { systemProfileUUID_.set(std::move(uuid)); }
   bool subscribedToTimeLimitEventsProtocol() const { return subscribedToTimeLimitEventsProtocol_.get(); }
   void setSubscribedToTimeLimitEventsProtocol(bool is) { subscribedToTimeLimitEventsProtocol_.set(is); }
-  std::string authMessage() const { return authMessage_.get(); }
-  void setAuthMessage(std::string message) { authMessage_.set(std::move(message)); }
+  std::optional<std::string> authMessage() const { return authMessage_.get(); }
+  void setAuthMessage(std::optional<std::string> message) { authMessage_.set(std::move(message)); }
 
  protected:
   qm::RemoteExport exportForProtocol(const std::string& protocolName) override;
@@ -145,8 +146,8 @@ class QMRSettingsClient : public QMRServiceClient,
   bool isShutDown_ = false;
 
   qm::Property<qm::Array> whitelist_;
-  qm::Property<std::string> userProfileUUID_;
-  qm::Property<std::string> systemProfileUUID_;
+  qm::Property<std::optional<std::string>> userProfileUUID_;
+  qm::Property<std::optional<std::string>> systemProfileUUID_;
 
   std::mutex whitelistCallbacksLock_;
   std::vector<WhitelistUpdateCallback> whitelistUpdateCallbacks_;
@@ -160,5 +161,5 @@ class QMRSettingsClient : public QMRServiceClient,
   qm::Property<std::shared_ptr<const qm::Dictionary>> systemSettings_;  // never null
   qm::HandlersByName<RemoteActionHandler> remoteActionsHandlers_;
   qm::HandlersByName<RemoteActionExecutedHandler> remoteActionsExecutedHandlers_;
-  qm::Property<std::string> authMessage_;
+  qm::Property<std::optional<std::string>> authMessage_;
 };
