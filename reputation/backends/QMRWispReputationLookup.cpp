@@ -75,28 +75,18 @@ void answerURL(const qm::Dictionary& scores, std::uint64_t ttl, const qm::URLRep
   callback(std::make_shared<QMRURLReputationResult>(qm::Dictionary{{"cats", scores}}, ttl, qm::ErrorPtr()));
 }
 
-// A callback that is called once at most. It is let go of on a concurrent queue: it may be the last to hold
-// the file, and a close that hangs must not hold up the answers behind it on the connection's queue.
+// A callback that is called once at most, and then let go of.
 template <class Callback>
 class PendingCallback {
  public:
   explicit PendingCallback(Callback callback) : callback_(std::move(callback)) {}
-  ~PendingCallback() { releaseElsewhere(callback_.exchange(nullptr)); }
-  PendingCallback(const PendingCallback&) = delete;
-  PendingCallback& operator=(const PendingCallback&) = delete;
 
   template <class Response>
   void call(const Response& response, const qm::ErrorPtr& error) {
-    Callback callback = callback_.exchange(nullptr);
-    if (callback) callback(response, error);
-    releaseElsewhere(std::move(callback));
+    if (const Callback callback = callback_.exchange(nullptr)) callback(response, error);
   }
 
  private:
-  static void releaseElsewhere(Callback callback) {
-    if (callback) qm::Queue::global().async([callback = std::move(callback)] {});
-  }
-
   qm::Property<Callback> callback_;
 };
 
