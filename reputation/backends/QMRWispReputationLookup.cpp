@@ -2,6 +2,7 @@
 
 #include <array>
 #include <utility>
+#include <vector>
 
 #include "filefacts/QMRHashCacheEntry.hpp"
 #include "filefacts/QMRHashProvider.hpp"
@@ -75,22 +76,30 @@ void answerURL(const qm::Dictionary& scores, std::uint64_t ttl, const qm::URLRep
   callback(std::make_shared<QMRURLReputationResult>(qm::Dictionary{{"cats", scores}}, ttl, qm::ErrorPtr()));
 }
 
-// A callback that is called once at most, and then let go of.
-template <class Callback>
-class PendingCallback {
+}  // namespace
+
+// A scan by the daemon, while its answer is waited for.
+class QMRWispReputationLookup::PendingScan {
  public:
-  explicit PendingCallback(Callback callback) : callback_(std::move(callback)) {}
-
-  template <class Response>
-  void call(const Response& response, const qm::ErrorPtr& error) {
-    if (const Callback callback = callback_.exchange(nullptr)) callback(response, error);
-  }
-
- private:
-  qm::Property<Callback> callback_;
+  virtual ~PendingScan() = default;
+  // Nothing when it is answered.
+  virtual void fail(const qm::ErrorPtr& error) = 0;
 };
 
-}  // namespace
+// With the callback, which is called once at most, and then let go of.
+template <class Response>
+class QMRWispReputationLookup::PendingCallback final : public PendingScan {
+ public:
+  explicit PendingCallback(ScanCallback<Response> callback) : callback_(std::move(callback)) {}
+
+  void answer(const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
+    if (const ScanCallback<Response> callback = callback_.exchange(nullptr)) callback(response, error);
+  }
+  void fail(const qm::ErrorPtr& error) override { answer(nullptr, error); }
+
+ private:
+  qm::Property<ScanCallback<Response>> callback_;
+};
 
 // --- Making and unmaking ---
 
@@ -189,13 +198,54 @@ bool QMRWispReputationLookup::shouldUseWispForRequest(const Request& request,
 template <class Response>
 QMRWispReputationLookup::ScanCallback<Response> QMRWispReputationLookup::withDeadline(
     std::uint32_t timeout, ScanCallback<Response> completion) {
-  const auto pending = std::make_shared<PendingCallback<ScanCallback<Response>>>(std::move(completion));
-  timing_.after(qm::Queue::global(), std::chrono::seconds(timeout) + kGrace, [weak = std::weak_ptr(pending)] {
-    if (const auto late = weak.lock()) late->call(nullptr, noAnswerError());
-  });
+  const auto pending = std::make_shared<PendingCallback<Response>>(std::move(completion));
+  addDeadline(pending, timeout);
   return [pending](const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error) {
-    pending->call(response, error || response ? error : noAnswerError());
+    pending->answer(response, error || response ? error : noAnswerError());
   };
+}
+
+void QMRWispReputationLookup::addDeadline(const std::weak_ptr<PendingScan>& scan, std::uint32_t timeout) {
+  const std::chrono::nanoseconds patience = std::chrono::seconds(timeout) + kGrace;
+  {
+    const std::lock_guard lock(deadlinesMutex_);
+    const auto [place, isNew] = deadlines_.try_emplace(timeout);
+    std::deque<Deadline>& deadlines = place->second;
+    while (!deadlines.empty() && deadlines.front().scan.expired()) deadlines.pop_front();
+    deadlines.push_back({timing_.now() + patience, scan});
+    if (!isNew) return;
+  }
+  checkDeadlinesAfter(patience, timeout);
+}
+
+void QMRWispReputationLookup::checkDeadlinesAfter(std::chrono::nanoseconds delay, std::uint32_t timeout) {
+  timing_.after(qm::Queue::global(), delay, [weak = std::weak_ptr(self()), timeout] {
+    if (const auto self = weak.lock()) self->checkDeadlines(timeout);
+  });
+}
+
+void QMRWispReputationLookup::checkDeadlines(std::uint32_t timeout) {
+  std::vector<std::shared_ptr<PendingScan>> late;
+  std::optional<std::chrono::nanoseconds> rest;
+  {
+    const std::lock_guard lock(deadlinesMutex_);
+    const auto now = timing_.now();
+    std::deque<Deadline>& deadlines = deadlines_.at(timeout);
+    for (; !deadlines.empty(); deadlines.pop_front()) {
+      const Deadline& first = deadlines.front();
+      if (first.time <= now)
+        late.push_back(first.scan.lock());  // is called, or let go of, without the lock
+      else if (!first.scan.expired())
+        break;
+    }
+    if (deadlines.empty())
+      deadlines_.erase(timeout);
+    else
+      rest = deadlines.front().time - now;
+  }
+  if (rest) checkDeadlinesAfter(*rest, timeout);
+  for (const std::shared_ptr<PendingScan>& scan : late)
+    if (scan) scan->fail(noAnswerError());
 }
 
 void QMRWispReputationLookup::qvsScan(const std::optional<qm::URL>& url, std::uint32_t timeout,

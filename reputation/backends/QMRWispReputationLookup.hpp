@@ -6,7 +6,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -112,6 +115,13 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
       qm::Block<void(const std::shared_ptr<const Response>& response, const qm::ErrorPtr& error)>;
   template <class Response>
   ScanCallback<Response> withDeadline(std::uint32_t timeout, ScanCallback<Response> completion);
+  // A scan that is still waited for when its time-out and the grace are over fails.
+  class PendingScan;
+  template <class Response>
+  class PendingCallback;
+  void addDeadline(const std::weak_ptr<PendingScan>& scan, std::uint32_t timeout);
+  void checkDeadlinesAfter(std::chrono::nanoseconds delay, std::uint32_t timeout);
+  void checkDeadlines(std::uint32_t timeout);
   void reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const;
 
   void finishQvsScan(const Request& request, bool skipCloudScan, const qm::FileReputationCompletion& reply,
@@ -130,4 +140,12 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   const Wisp wisp_;
   const SettingsClient settingsClient_;
   qm::Property<QMRSettingsClientProtocol::SettingsUpdateCallback> settingsUpdateCallback_;
+
+  struct Deadline {
+    std::chrono::steady_clock::time_point time;
+    std::weak_ptr<PendingScan> scan;
+  };
+  std::mutex deadlinesMutex_;
+  // By the time-out, in seconds, and so in the order of time. Each of them has one timer, for its first.
+  std::map<std::uint32_t, std::deque<Deadline>> deadlines_;
 };

@@ -97,6 +97,11 @@ class WispLookupTest : public RecordedTest {
       if (!next || next->delay == delay) return next.value_or(Delayed{});
     }
   }
+  // Lets the time pass in which the scans so far are to be answered.
+  void passDeadline() {
+    now += 6s;
+    takeDelayed(6s).work();
+  }
   void scan(bool skipCloudScan) { lookup->qvsScanForFile(makeRequest(), skipCloudScan, replies.block()); }
   void cloudScan() { lookup->cloudScanForFile(makeRequest(), replies.block()); }
   void rate(const char* url, std::uint32_t timeout = 0) {
@@ -229,7 +234,7 @@ TEST_F(WispLookupTest, AFailedScanIsAnErrorForAMomentAndIsReported) {
     nextCall().fail(daemonError);
     expectAnswer(nextReply(), level::error, 0, 1, std::nullopt, daemonError);
     EXPECT_EQ(settings->reports.take(), daemonError);
-    EXPECT_EQ(delayed.size(), skipCloudScan ? 1U : 3U) << "deadlines, and the further scan";
+    EXPECT_EQ(delayed.size(), skipCloudScan ? 1U : 2U) << "the deadline, and the further scan";
   }
   const Delayed followUp = takeDelayed(10s);
   EXPECT_EQ(followUp.queue, "com.quillmarsh.background-cloudscan");
@@ -246,7 +251,7 @@ TEST_F(WispLookupTest, AFailedScanIsAnErrorForAMomentAndIsReported) {
 TEST_F(WispLookupTest, AnAnswerThatIsNoneOrTooLateIsAFailureAndTheOnlyAnswer) {
   const std::function<void(WispSubstitute::Call&)> ways[] = {
       [](auto& call) { call.fail(nullptr); },
-      [this](auto&) { takeDelayed(6s).work(); },
+      [this](auto&) { passDeadline(); },
   };
   for (const auto& way : ways) {
     for (const bool isCloudScan : {false, true}) {
@@ -259,11 +264,46 @@ TEST_F(WispLookupTest, AnAnswerThatIsNoneOrTooLateIsAFailureAndTheOnlyAnswer) {
       EXPECT_EQ(reply.error->localizedDescription(), "The Wisp core daemon gave no answer");
       EXPECT_EQ(settings->reports.take(), reply.error);
       call.answer(0);
-      if (const auto deadline = delayed.size() > 0 ? delayed.take() : std::nullopt) deadline->work();
     }
   }
   EXPECT_EQ(replies.size(), 0U);
   EXPECT_EQ(settings->reports.size(), 0U);
+}
+
+TEST_F(WispLookupTest, OneTimerServesAllScansWithATimeOut) {
+  const auto ask = [&](std::chrono::seconds later) {
+    now += later;
+    scan(true);
+    rate("http://h/", 30);
+  };
+  ask(0s);
+  const auto answered = nextCall();
+  const auto first = nextCall();
+  ask(1s);
+  const auto hanging = nextCall();
+  ask(1s);
+  answered.answer(0);
+  nextReply();
+  first.answer(0);
+  settings->reports.take(), settings->reports.take();
+  const Delayed timer = takeDelayed(6s);
+  takeDelayed(31s);
+  EXPECT_EQ(delayed.size(), 0U);
+
+  now += 4s;  // the end of the first scan, which has been answered
+  timer.work();
+  EXPECT_EQ(replies.size(), 0U);
+  now += 1s;
+  takeDelayed(1s).work();
+  EXPECT_NE(nextReply().error, nullptr) << "of the one that hangs";
+  EXPECT_EQ(replies.size(), 0U);
+  now += 1s;
+  takeDelayed(1s).work();
+  EXPECT_NE(nextReply().error, nullptr);
+  EXPECT_EQ(delayed.size(), 0U) << "nobody waits";
+  scan(true);
+  EXPECT_EQ(delayed.take()->delay, 6s);
+  EXPECT_EQ(ratings.size(), 1U);
 }
 
 TEST_F(WispLookupTest, ALookupThatTheClientLetsGoOfIsLetGoOfUnanswered) {
@@ -286,8 +326,8 @@ TEST_F(WispLookupTest, ALookupThatTheClientLetsGoOfIsLetGoOfUnanswered) {
     EXPECT_FALSE(watched.expired());
     nextCall();
     EXPECT_TRUE(watched.expired()) << "whoever waits learns of it";
-    takeDelayed(6s).work();
   }
+  passDeadline();
   EXPECT_EQ(replies.size() + ratings.size() + settings->reports.size() + delayed.size(), 0U);
 }
 
@@ -297,7 +337,7 @@ TEST_F(WispLookupTest, NothingOfAProviderIsLeftWhenItsLastLookupIsAnswered) {
   const auto call = nextCall();
   lookup.reset();
   EXPECT_FALSE(watched.expired());
-  takeDelayed(6s).work();
+  passDeadline();
   EXPECT_TRUE(watched.expired()) << "although the daemon still has the call";
   const Reply reply = nextReply();
   expectAnswer(reply, level::error, 0, 1, std::nullopt, reply.error);
@@ -307,6 +347,7 @@ TEST_F(WispLookupTest, OneAnswerAndTheDeadlineMayComeAtOnce) {
   for (int i = 0; i < 100; ++i) {
     scan(true);
     const auto call = nextCall();
+    now += 6s;
     const auto deadline = std::async(std::launch::async, takeDelayed(6s).work);
     call.answer(0);
     deadline.wait();
@@ -393,7 +434,6 @@ TEST_F(WispLookupTest, URLsAreRatedByTheirCategoriesAndVerdict) {
       EXPECT_EQ(call.url, "http://h/p");
       EXPECT_EQ(call.timeout, 30U);
       EXPECT_EQ(call.metadata, isCloudScan ? *lookup->baseMetadata() : Dictionary());
-      takeDelayed(31s);
       call.answer(its.code, categories);
       const auto rating = ratings.take().value();
       EXPECT_EQ(rating->error(), nullptr);
