@@ -371,6 +371,26 @@ void QMRWispReputationLookup::answer(const QMRFileReputationRequest& request, qm
 
 // --- URLs ---
 
+// What the client holds of a URL lookup: when it lets go of it, there will be no answer.
+struct QMRWispReputationLookup::URLLookup {
+  URLLookup(std::shared_ptr<const QMRWispReputationLookup> itsProvider, qm::URL itsURL,
+            qm::URLReputationCompletion itsCallback)
+      : provider(std::move(itsProvider)), url(std::move(itsURL)), callback(std::move(itsCallback)) {}
+  URLLookup(const URLLookup&) = delete;
+  URLLookup& operator=(const URLLookup&) = delete;
+  ~URLLookup() {
+    if (isAnswered) return;
+    constexpr const char* text =
+        "The Wisp core daemon cannot be reached, has ended, or does not admit this program";
+    provider->answerUnrated(provider->lookupErrorWithCode(kConnectionLost, text), callback);
+  }
+
+  const std::shared_ptr<const QMRWispReputationLookup> provider;
+  const qm::URL url;
+  const qm::URLReputationCompletion callback;
+  bool isAnswered = false;
+};
+
 void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint32_t timeout,
                                                const qm::URLReputationCompletion& callback) {
   const std::optional<qm::URL> validated = validateURL(url, callback);
@@ -381,20 +401,21 @@ void QMRWispReputationLookup::reputationForURL(const std::string& url, std::uint
     QM_LOG_DEBUG(log(), "Wisp is not yet available, not performing reputation lookup");
     return answerUnrated(lookupErrorWithCode(kNotAvailable, "Wisp is not available"), callback);
   }
+  const auto asked = std::make_shared<URLLookup>(self(), *validated, callback);
   if (useCloudScanForURLLookup()) {
-    cloudScan(
-        *validated, baseMetadata().value_or(qm::Dictionary()), timeout,
-        [self = self(), validated, callback](const CloudScanResponse& response, const qm::ErrorPtr& error) {
-          self->reportOutcomeOfURLLookup(error);
-          self->handleWispCloudScanResponse(response, *validated, error, callback);
-        });
+    cloudScan(*validated, baseMetadata().value_or(qm::Dictionary()), timeout,
+              [asked](const CloudScanResponse& response, const qm::ErrorPtr& error) {
+                asked->isAnswered = true;
+                asked->provider->reportOutcomeOfURLLookup(error);
+                asked->provider->handleWispCloudScanResponse(response, asked->url, error, asked->callback);
+              });
     return;
   }
-  qvsScan(*validated, timeout,
-          [self = self(), validated, callback](const QvsResponse& response, const qm::ErrorPtr& error) {
-            self->reportOutcomeOfURLLookup(error);
-            self->handleWispQvsScanResponse(response, *validated, error, callback);
-          });
+  qvsScan(*validated, timeout, [asked](const QvsResponse& response, const qm::ErrorPtr& error) {
+    asked->isAnswered = true;
+    asked->provider->reportOutcomeOfURLLookup(error);
+    asked->provider->handleWispQvsScanResponse(response, asked->url, error, asked->callback);
+  });
 }
 
 void QMRWispReputationLookup::reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const {

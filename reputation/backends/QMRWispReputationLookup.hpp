@@ -20,9 +20,9 @@
 #include "settings/QMRSettingsClientProtocol.hpp"
 
 // Replies are called on whatever queue the Wisp client answers on. A daemon that gives no answer within the
-// time-out and a second is an error like one of its own. Of a lookup whose connection breaks, or cannot be
-// made, the reply is not called but released at once, with all that the lookup holds; the error goes to the
-// settings alone.
+// time-out and a second is an error like one of its own. When the connection breaks, or cannot be made, the
+// error goes to the settings; the reply of a file's lookup is not called but released at once, with all that
+// the lookup holds, and the callback of a URL's lookup gets an error.
 class QMRWispReputationLookup final : public QMRReputationLookup {
  public:
   using Wisp = std::shared_ptr<QMRWispProtocol>;
@@ -39,6 +39,8 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   static constexpr std::chrono::seconds kGrace{1};
   // The code of the error of a URL lookup while the service is not usable.
   static constexpr std::int64_t kNotAvailable = 1;
+  // The code of the error of a URL lookup whose connection broke, or could not be made.
+  static constexpr std::int64_t kConnectionLost = 2;
 
   // Where time comes from; a test has its own.
   struct Timing {
@@ -72,8 +74,9 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   void cloudScanForFile(const Request& request, const qm::FileReputationCompletion& reply) override;
 
   // The categories of the result are { "cats": score dictionary }, its ttl is the daemon's, in seconds. A
-  // failure ends in the unknown rating with an error: code 0 for what is no URL, kNotAvailable, or the
-  // daemon's. The time-out, in seconds, is passed on as it is.
+  // failure ends in the unknown rating with an error: code 0 for what is no URL, kNotAvailable,
+  // kConnectionLost, or the daemon's. The callback is always called. The time-out, in seconds, is passed on
+  // as it is.
   void reputationForURL(const std::string& url, std::uint32_t timeout,
                         const qm::URLReputationCompletion& callback) override;
   // One answer of the daemon about a URL, which is an error or a response, becomes a result for the callback.
@@ -122,6 +125,7 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   void addDeadline(const std::weak_ptr<PendingScan>& scan, std::uint32_t timeout);
   void checkDeadlinesAfter(std::chrono::nanoseconds delay, std::uint32_t timeout);
   void checkDeadlines(std::uint32_t timeout);
+  struct URLLookup;
   void reportOutcomeOfURLLookup(const qm::ErrorPtr& error) const;
 
   void finishQvsScan(const Request& request, bool skipCloudScan, const qm::FileReputationCompletion& reply,

@@ -314,10 +314,6 @@ TEST_F(WispLookupTest, ALookupThatTheClientLetsGoOfIsLetGoOfUnanswered) {
   const std::function<void(const std::shared_ptr<QMRFileReputationRequest>&)> lookups[] = {
       [&](const auto& request) { lookup->qvsScanForFile(request, false, reply(request)); },
       [&](const auto& request) { lookup->cloudScanForFile(request, reply(request)); },
-      [this](const auto& request) {
-        lookup->reputationForURL("http://h/", 5,
-                                 [this, request](const auto& rating) { ratings.put(rating); });
-      },
   };
   for (const auto& start : lookups) {
     auto request = makeRequest();
@@ -462,7 +458,11 @@ TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
     nextCall().fail(daemonError);
     expectFailed(12, daemonError->description());
     EXPECT_EQ(settings->reports.take(), daemonError);
+    rate("http://h/");
+    nextCall();  // let go of
+    expectFailed(2, "The Wisp core daemon cannot be reached, has ended, or does not admit this program");
   }
+  EXPECT_EQ(ratings.size() + settings->reports.size(), 0U);
 }
 
 TEST_F(WispLookupTest, EachStepIsLogged) {
