@@ -64,12 +64,12 @@ void RequestQueue::State::submit(const std::shared_ptr<State>& state, const Requ
   });
 }
 
-std::size_t RequestQueue::defaultMaximumPerShare() {
+std::size_t RequestQueue::defaultMaximumPerUser() {
   return qm::Queue::blockedItemsBound() / 3;
 }
 
-RequestQueue::RequestQueue(qm::Queue queue, std::size_t maximumPerShare)
-    : state_(std::make_shared<State>(std::move(queue), maximumPerShare)) {}
+RequestQueue::RequestQueue(qm::Queue queue, std::size_t maximumPerUser)
+    : state_(std::make_shared<State>(std::move(queue), maximumPerUser / 2)) {}
 
 void RequestQueue::async(const RequestShare& share, qm::Block<void()> work) const {
   if (state_->enter(share, work)) State::submit(state_, share, std::move(work));

@@ -11,8 +11,8 @@
 #include "foundation/block.hpp"
 #include "platform/queue.hpp"
 
-// Whose share a request takes. Long files have one of their own: they wait for processors while short ones
-// pass (platform/long_work.hpp).
+// Whose share a request takes. A user's long files have one of their own: they wait for processors while
+// short ones pass (platform/long_work.hpp).
 struct RequestShare {
   std::uint32_t userID = 0;
   bool isOfLongFiles = false;
@@ -23,10 +23,10 @@ struct RequestShare {
 class RequestQueue {
  public:
   RequestQueue() = default;  // null: not to be used
-  // At most so many requests of one share run at once.
-  explicit RequestQueue(qm::Queue queue, std::size_t maximumPerShare = defaultMaximumPerShare());
+  // At most so many requests of one user run at once, half of them in each share; not less than two.
+  explicit RequestQueue(qm::Queue queue, std::size_t maximumPerUser = defaultMaximumPerUser());
   // A third of what may block before everybody waits.
-  static std::size_t defaultMaximumPerShare();
+  static std::size_t defaultMaximumPerUser();
 
   // Runs the work on the queue; when the share is taken, behind what waits for it already, in order and
   // without limit: what a peer may have in flight is bounded elsewhere. Any thread.
