@@ -34,7 +34,7 @@ bool RequestQueue::State::enter(const RequestShare& share, qm::Block<void()>& wo
     ++use.running;
     return true;
   }
-  use.waiting.push_back(std::move(work));
+  use.waiting.push_back(qm::inCurrentActivity(std::move(work)));
   return false;
 }
 
@@ -56,11 +56,7 @@ void RequestQueue::State::submit(const std::shared_ptr<State>& state, const Requ
   state->queue.async([state, share, work = std::move(work)]() mutable {
     work();
     work = nullptr;  // what it holds goes before the next one begins
-    qm::Block<void()> next = state->leave(share);
-    if (!next) return;
-    // Not in the activity of the work that made room for it.
-    submit(state, share,
-           [next = std::move(next)] { qm::initiateActivity("Handle waiting XPC message", next); });
+    if (qm::Block<void()> next = state->leave(share)) submit(state, share, std::move(next));
   });
 }
 

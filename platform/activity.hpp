@@ -10,4 +10,8 @@ namespace qm {
 // description is a string literal. An exception from the body passes on.
 void initiateActivity(const char* description, const Block<void()>& body);
 
+// The work, for one call, wherever it is kept until then: it runs in the activity (on macOS also with the
+// quality of service) that the calling thread has now.
+Block<void()> inCurrentActivity(Block<void()> work);
+
 }  // namespace qm

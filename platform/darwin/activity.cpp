@@ -1,8 +1,11 @@
 #include "platform/activity.hpp"
 
+#include <Block.h>
+#include <dispatch/dispatch.h>
 #include <os/activity.h>
 
 #include <exception>
+#include <memory>
 
 namespace qm {
 namespace {
@@ -30,6 +33,14 @@ void initiateActivity(const char* description, const Block<void()>& body) {
   Call call{.body = body, .thrown = nullptr};
   _os_activity_initiate_f(&__dso_handle, description, OS_ACTIVITY_FLAG_DEFAULT, &call, run);
   if (call.thrown) std::rethrow_exception(call.thrown);
+}
+
+Block<void()> inCurrentActivity(Block<void()> work) {
+  const dispatch_block_t block = dispatch_block_create(DISPATCH_BLOCK_ASSIGN_CURRENT, ^{
+    work();
+  });
+  const std::shared_ptr<void> held(static_cast<void*>(block), [](void* its) { Block_release(its); });
+  return [block, held] { block(); };
 }
 
 }  // namespace qm

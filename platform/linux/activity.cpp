@@ -1,6 +1,7 @@
 #include "platform/activity.hpp"
 
 #include <atomic>
+#include <utility>
 
 #include "platform/linux/activity_context.hpp"
 
@@ -28,6 +29,13 @@ void initiateActivity(const char* description, const Block<void()>& body) {
   const std::uint64_t id = lastActivity.fetch_add(1, std::memory_order_relaxed) + 1;
   const ActivityScope scope({.id = id, .parent = current.id, .description = description});
   body();
+}
+
+Block<void()> inCurrentActivity(Block<void()> work) {
+  return [activity = current, work = std::move(work)] {
+    const ActivityScope scope(activity);
+    work();
+  };
 }
 
 }  // namespace qm

@@ -1,5 +1,7 @@
 #include "daemon/request_queue.hpp"
 
+#include "platform/activity.hpp"
+#include "platform/linux/activity_context.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -44,6 +46,22 @@ TEST_F(Requests, OfOneUserKeepToTheUsersPartWithLongAndShortFilesTogether) {
   EXPECT_THAT(begun().waitFor(5), ::testing::ElementsAre("hung", "hung", "hung", "hung", "of another user"));
   end();
   begun().waitFor(9);
+}
+
+TEST_F(Requests, ThatWaitRunInTheirOrderAndInTheActivityTheyCameIn) {
+  const RequestQueue requests(queue_, 2);
+  initiateActivity("first", [&] { hang(requests, kShort); });
+  Inbox<std::uint64_t> ranIn;
+  std::vector<std::uint64_t> cameIn;
+  for (int request = 0; request < 3; ++request) {
+    initiateActivity("waiting", [&] {
+      cameIn.push_back(currentActivity().id);
+      requests.async(kShort, [&ranIn] { ranIn.put(currentActivity().id); });
+    });
+  }
+  begun().waitForOne();
+  end();
+  EXPECT_EQ(ranIn.waitFor(3), cameIn);
 }
 
 }  // namespace
