@@ -46,9 +46,9 @@ void handle_listener_event(const ListenerContext& context, const XPCObject& even
   } else {
     QM_LOG_ERROR(daemon_log(), "No reputation provider available!");
   }
-  peer.setEventHandler([provider, queue = context.requestHandlingQueue](const XPCObject& peer_event) {
-    handle_peer_event(provider, queue, peer_event);
-  });
+  const RequestQueue queue = context.requestHandlingQueue.forPeer();
+  peer.setEventHandler(
+      [provider, queue](const XPCObject& peer_event) { handle_peer_event(provider, queue, peer_event); });
   peer.activate();
 }
 

@@ -1,24 +1,32 @@
 #include "daemon/request_queue.hpp"
 
+#include <algorithm>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "platform/activity.hpp"
 
 struct RequestQueue::State {
   State(qm::Queue target, std::size_t maximum) : queue(std::move(target)), maximumPerShare(maximum) {}
 
+  struct Waiting {
+    const Peer* peer;  // as a name only
+    qm::Block<void()> work;
+  };
   struct Use {
     std::size_t running = 0;
-    std::deque<qm::Block<void()>> waiting;  // none while a part of the share is left
+    std::deque<Waiting> waiting;  // none while a part of the share is left
   };
 
   // False when it has to wait.
-  bool enter(const RequestShare& share, qm::Block<void()>& work);
+  bool enter(const RequestShare& share, const Peer* peer, qm::Block<void()>& work);
   // The next work of the share, which has the place now; null when there is none.
   qm::Block<void()> leave(const RequestShare& share);
+  void drop(const Peer* peer);
   static void submit(const std::shared_ptr<State>& state, const RequestShare& share, qm::Block<void()> work);
 
   const qm::Queue queue;
@@ -27,14 +35,23 @@ struct RequestQueue::State {
   std::map<RequestShare, Use> uses;  // of shares with work that runs
 };
 
-bool RequestQueue::State::enter(const RequestShare& share, qm::Block<void()>& work) {
+struct RequestQueue::Peer {
+  explicit Peer(std::shared_ptr<State> queue) : state(std::move(queue)) {}
+  ~Peer() { state->drop(this); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  const std::shared_ptr<State> state;
+};
+
+bool RequestQueue::State::enter(const RequestShare& share, const Peer* peer, qm::Block<void()>& work) {
   const std::lock_guard lock(mutex);
   Use& use = uses[share];
   if (use.running < maximumPerShare) {
     ++use.running;
     return true;
   }
-  use.waiting.push_back(qm::inCurrentActivity(std::move(work)));
+  use.waiting.push_back({peer, qm::inCurrentActivity(std::move(work))});
   return false;
 }
 
@@ -46,9 +63,20 @@ qm::Block<void()> RequestQueue::State::leave(const RequestShare& share) {
     if (--use.running == 0) uses.erase(found);
     return {};
   }
-  qm::Block<void()> next = std::move(use.waiting.front());
+  qm::Block<void()> next = std::move(use.waiting.front().work);
   use.waiting.pop_front();
   return next;
+}
+
+void RequestQueue::State::drop(const Peer* peer) {
+  std::vector<Waiting> dropped;  // what they hold goes without the lock
+  const std::lock_guard lock(mutex);
+  for (auto& [share, use] : uses) {
+    const auto rest = std::stable_partition(use.waiting.begin(), use.waiting.end(),
+                                            [peer](const Waiting& each) { return each.peer != peer; });
+    std::move(rest, use.waiting.end(), std::back_inserter(dropped));
+    use.waiting.erase(rest, use.waiting.end());
+  }
 }
 
 void RequestQueue::State::submit(const std::shared_ptr<State>& state, const RequestShare& share,
@@ -67,6 +95,12 @@ std::size_t RequestQueue::defaultMaximumPerUser() {
 RequestQueue::RequestQueue(qm::Queue queue, std::size_t maximumPerUser)
     : state_(std::make_shared<State>(std::move(queue), maximumPerUser / 2)) {}
 
+RequestQueue RequestQueue::forPeer() const {
+  RequestQueue handle = *this;
+  handle.peer_ = std::make_shared<const Peer>(state_);
+  return handle;
+}
+
 void RequestQueue::async(const RequestShare& share, qm::Block<void()> work) const {
-  if (state_->enter(share, work)) State::submit(state_, share, std::move(work));
+  if (state_->enter(share, peer_.get(), work)) State::submit(state_, share, std::move(work));
 }

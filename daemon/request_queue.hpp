@@ -28,11 +28,18 @@ class RequestQueue {
   // A third of what may block before everybody waits.
   static std::size_t defaultMaximumPerUser();
 
+  // The same queue for the work of one peer. With the last copy of the handle goes what still waits for its
+  // share: nobody wants its reply any more, and it holds open files.
+  RequestQueue forPeer() const;
+
   // Runs the work on the queue; when the share is taken, behind what waits for it already, in order and
-  // without limit: what a peer may have in flight is bounded elsewhere. Any thread.
+  // without limit: what a peer may have in flight is bounded elsewhere. The work must not hold the handle.
+  // Any thread.
   void async(const RequestShare& share, qm::Block<void()> work) const;
 
  private:
   struct State;
+  struct Peer;
   std::shared_ptr<State> state_;
+  std::shared_ptr<const Peer> peer_;  // null: nobody's
 };

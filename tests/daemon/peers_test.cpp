@@ -1,5 +1,8 @@
 #include "daemon/peers.hpp"
 
+#include <poll.h>
+#include <sys/mman.h>
+
 #include "daemon/daemon_support.hpp"
 #include "validation/QRMXPCConnectionValidator.hpp"
 
@@ -24,9 +27,10 @@ class Peers : public ::testing::Test {
     ListenerContext context;
     context.validator = std::make_shared<QRMXPCConnectionValidator>();
     context.validator->setSignatureVerifier(std::make_shared<BothAtOnceVerifier>());
-    context.requestHandlingQueue = RequestQueue(Queue::concurrent("com.quillmarsh.reputationhandlingqueue"));
+    context.requestHandlingQueue =
+        RequestQueue(Queue::concurrent("com.quillmarsh.reputationhandlingqueue"), 2);
     context.makeProvider = [this] {
-      auto provider = std::make_shared<SubstituteProvider>();
+      auto provider = std::make_shared<SubstituteProvider>(answer_);
       providers_.put(provider);
       return provider;
     };
@@ -42,6 +46,14 @@ class Peers : public ::testing::Test {
         std::ranges::count_if(providers, [](const auto& p) { return !p.expired(); }));
   }
 
+  // Answers when it is let.
+  Inbox<std::string> asked_;
+  std::latch answers_{1};
+  const SubstituteProvider::Answer answer_ = [this](const auto& request, const auto& reply) {
+    asked_.put(request->path());
+    answers_.wait();
+    reply(nullptr, makeError("com.example", 1));
+  };
   LogRecorder recorder_;
   const XPCConnection listener_ = XPCConnection::createAnonymousListener();
   Inbox<std::weak_ptr<SubstituteProvider>> providers_;
@@ -71,6 +83,31 @@ TEST_F(Peers, EachPeerHasAProviderOfItsOwnThatEndsWithItAndNoneWaitsForAnothersV
   first.reset();
   EXPECT_TRUE(eventually([&] { return livingProviders() < 2; }));
   EXPECT_EQ(livingProviders(), 1U) << "one of the two has gone with its peer";
+}
+
+TEST_F(Peers, OneThatIsGoneLeavesNoRequestsWaiting) {
+  std::optional<ReputationPeer> first(listener_.endpoint());
+  const ReputationPeer second(listener_.endpoint());
+  const FileDescriptor file(::memfd_create("file", MFD_CLOEXEC));
+  ASSERT_EQ(::write(file.get(), "x", 1), 1);
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  const FileDescriptor readEnd(ends[0]);
+  FileDescriptor writeEnd(ends[1]);
+
+  first->send(requestFor("hung", file.get(), 1));
+  EXPECT_EQ(asked_.waitForOne(), "hung");
+  first->send(requestFor("waits for nobody", writeEnd.get(), 1));
+  writeEnd = {};
+  const auto reply = second.send(requestFor("waits", file.get(), 1));
+  first->waitUntilSeen();
+  second.waitUntilSeen();
+  first.reset();
+  pollfd allWriteEndsClosed{.fd = readEnd.get(), .events = 0, .revents = 0};
+  EXPECT_EQ(::poll(&allWriteEndsClosed, 1, std::chrono::milliseconds(kPatience).count()), 1);
+  answers_.count_down();
+  EXPECT_EQ(reply->waitForOne().type(), XPCType::dictionary);
+  EXPECT_THAT(asked_.waitFor(2), ::testing::ElementsAre("hung", "waits"));
 }
 
 }  // namespace
