@@ -105,25 +105,22 @@ void request_reputation(const std::shared_ptr<QMRReputationProtocol>& provider, 
   });
 }
 
-// That of the user who runs the peer. A service of root's asks on behalf of others, and says of whom.
-RequestShare share_of(const XPCDictionary& message) {
-  constexpr std::int64_t kLargestShortFile = 1024 * 1024;
-  const std::uint32_t peer_user_id = message.remoteConnection().effectiveUserID();
-  return {.userID = peer_user_id != 0 ? peer_user_id : static_cast<std::uint32_t>(message.getUInt64("uid")),
-          .isOfLongFiles = message.getInt64("filesize") > kLargestShortFile};
-}
-
 }  // namespace
 
 void process_message(const std::shared_ptr<QMRReputationProtocol>& provider, const XPCDictionary& message,
                      const RequestQueue& queue) {
   if (message.getBool("FileReputationRequest")) {
-    queue.async(share_of(message),
+    queue.async(share_of_request(message.remoteConnection().effectiveUserID(), message),
                 [provider, message] { process_file_reputation_request(provider, message); });
     return;
   }
   QM_LOG_ERROR(daemon_log(), "Unexpected XPC message: %{public}s",
                message ? message.description() : "<nil message object>");
+}
+
+RequestShare share_of_request(std::uint32_t peer_user_id, const XPCDictionary& message) {
+  return {.userID = peer_user_id != 0 ? peer_user_id : static_cast<std::uint32_t>(message.getUInt64("uid")),
+          .isOfLongFiles = message.getInt64("filesize") > std::int64_t{kLargestShortFile}};
 }
 
 void process_file_reputation_request(const std::shared_ptr<QMRReputationProtocol>& provider,

@@ -2,6 +2,7 @@
 // with the file's reputation or an error. docs/wire.md lists the keys.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "daemon/request_queue.hpp"
@@ -10,11 +11,14 @@
 #include "reputation/QMRFileReputationResult.hpp"
 #include "reputation/QMRReputationProtocol.hpp"
 
-// Routes a message of a peer: a file reputation request moves to the queue, there at the share of the
-// user it is made for, anything else is logged and gets no reply. Returns at once. The provider may be null; then
-// the request is answered with an error.
+// Routes a message of a peer: a file reputation request moves to the queue, anything else is logged and gets
+// no reply. Returns at once. The provider may be null; then the request is answered with an error.
 void process_message(const std::shared_ptr<QMRReputationProtocol>& provider, const qm::XPCDictionary& message,
                      const RequestQueue& queue);
+
+// The share of the queue that the request takes: that of the user who runs the peer. A service of root's asks
+// on behalf of others, and the request says of whom.
+RequestShare share_of_request(std::uint32_t peer_user_id, const qm::XPCDictionary& message);
 
 // Answers one request, with everything temporary released when it returns.
 void process_file_reputation_request(const std::shared_ptr<QMRReputationProtocol>& provider,

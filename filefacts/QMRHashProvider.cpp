@@ -27,9 +27,6 @@ constexpr std::size_t kReadPortion = 128 * 1024;
 // Of a file that two processors may work on: they lose a moment with each portion until both are at it.
 constexpr std::size_t kReadPortionOfLongFile = 512 * 1024;
 
-// A file of more bytes waits for a processor before it is read, so that small ones need not wait for it.
-constexpr std::uint64_t kLargestShortFile = 1024 * 1024;
-
 enum class ErrorCode : std::int64_t {
   readFailed = 100,
   sizeMismatch = 101,

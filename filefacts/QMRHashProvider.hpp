@@ -18,6 +18,8 @@ inline constexpr std::uint64_t kMaxFileSizeForHashing = 536'870'912;
 inline constexpr std::uint64_t kHashBufferMaxSize = 16'777'216;
 // How many leading bytes are kept.
 inline constexpr std::uint64_t kMagicBytesLength = 16;
+// A file of more bytes waits for a processor before it is read, so that small ones need not wait for it.
+inline constexpr std::uint64_t kLargestShortFile = 1'048'576;
 
 // Domain of the provider's errors. Codes: 100 reading failed, 101 the file is shorter or longer than
 // announced, 102 the file cannot be opened, 103 its size cannot be read, 104 it is too large. 100, 102 and

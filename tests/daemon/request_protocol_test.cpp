@@ -85,6 +85,15 @@ TEST_F(RequestProtocol, RequestsOfOneUserThatHangLeaveWorkersToTheOthersAndToLon
               ::testing::ElementsAre("hung", "of another user", "first that waits", "second that waits"));
 }
 
+TEST_F(RequestProtocol, OnlyAServiceOfRootsTakesTheShareOfTheUserItNames) {
+  const auto share = [this](std::uint32_t peer, std::int64_t size) {
+    return share_of_request(peer, requestFor("f", size));  // for 501, with bits above the lower 32
+  };
+  EXPECT_EQ(share(0, 10), (RequestShare{.userID = 501, .isOfLongFiles = false}));
+  EXPECT_EQ(share(502, 1024 * 1024), (RequestShare{.userID = 502, .isOfLongFiles = false}));
+  EXPECT_EQ(share(502, 1024 * 1024 + 1), (RequestShare{.userID = 502, .isOfLongFiles = true}));
+}
+
 TEST_F(RequestProtocol, AReplyCarriesTheResultAndWhatTheClientWantsBack) {
   Inbox<std::shared_ptr<QMRFileReputationRequest>> asked;
   const ReputationPeer client(serve([&asked](const auto& request, const Reply& reply) {
