@@ -43,14 +43,20 @@ XPCDictionary create_reply(const XPCDictionary& message) {
   return reply;
 }
 
-// The early error replies: they carry nothing of the request and no key of a response.
-void send_error_reply(const XPCDictionary& message, const char* error_string, const ErrorPtr& error) {
+// The early error replies: they carry nothing of the request and no key of a response. Null when nobody waits
+// for one.
+XPCDictionary create_error_reply(const XPCDictionary& message, const char* error_string,
+                                 const ErrorPtr& error = nullptr) {
   XPCDictionary reply = create_reply(message);
-  if (!reply) return;
+  if (!reply) return reply;
   reply.setBool("error", true);
   reply.setString("error-string", error_string);
   if (error) reply.setString("error-description", error->description());
-  reply.remoteConnection().sendMessage(reply);
+  return reply;
+}
+
+void send_error_reply(const XPCDictionary& reply) {
+  if (reply) reply.remoteConnection().sendMessage(reply);
 }
 
 void copy_if_present(const XPCDictionary& from, const char* key, XPCDictionary& to) {
@@ -133,12 +139,12 @@ void do_process_file_reputation_request(const std::shared_ptr<QMRReputationProto
   const std::optional<std::string> filename = message.getString("filename");
   if (!provider) {
     QM_LOG_ERROR(daemon_log(), "No reputation provider available, cannot provide reputation data");
-    send_error_reply(message, "No reputation provider available", nullptr);
+    send_error_reply(create_error_reply(message, "No reputation provider available"));
     return;
   }
   if (!filename) {
     QM_LOG_ERROR(daemon_log(), "File reputation request without a file name: %{public}@", message);
-    send_error_reply(message, "No file name in request", nullptr);
+    send_error_reply(create_error_reply(message, "No file name in request"));
     return;
   }
   const std::int64_t file_size = message.getInt64("filesize");
@@ -153,8 +159,10 @@ void do_process_file_reputation_request(const std::shared_ptr<QMRReputationProto
   if (!facts.hashes) {
     // The duplicated descriptor stays open on this path, deliberately.
     std::ignore = descriptor.release();
+    const XPCDictionary reply =
+        create_error_reply(message, "Failed to calculate hashes for supplied fd", error);
     QM_LOG_ERROR(daemon_log(), "Error calculating hashes for %{public}s: %{public}@", facts.filename, error);
-    send_error_reply(message, "Failed to calculate hashes for supplied fd", error);
+    send_error_reply(reply);
     return;
   }
   facts.metadata["file_size"] = static_cast<std::uint64_t>(file_size);
