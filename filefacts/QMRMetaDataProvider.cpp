@@ -15,10 +15,8 @@
 
 namespace {
 
-qm::Log& metaDataLog() {
-  static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "QMRMetaDataProvider");
-  return log;
-}
+// Made when the program is loaded.
+qm::Log& metaDataLog = qm::Log::create(qm::kQMRLogSubsystem, "QMRMetaDataProvider");
 
 // The file that is asked about: by its path, or without one by descriptor.
 struct Subject {
@@ -40,18 +38,17 @@ struct Subject {
 
 // The names of the attributes, each with its NUL. Empty when there are none or they cannot be listed.
 std::string attributeNames(const Subject& subject) {
-  qm::Log& log = metaDataLog();
   const std::int64_t size = subject.list(nullptr, 0);
   if (size < 0) {
     const int errnoValue = errno;
-    QM_LOG_ERROR(log, "Error listing extended attributes, errno=%d", errnoValue);
-    QM_LOG_ERROR(log, "Error listing extended attributes for %s, errno=%d", subject.path, errnoValue);
+    QM_LOG_ERROR(metaDataLog, "Error listing extended attributes, errno=%d", errnoValue);
+    QM_LOG_ERROR(metaDataLog, "Error listing extended attributes for %s, errno=%d", subject.path, errnoValue);
     return {};
   }
   if (size == 0) return {};
   std::string names(static_cast<std::size_t>(size), '\0');
   if (subject.list(names.data(), names.size()) != size) {
-    QM_LOG_ERROR(log, "error: attribute list size changed between calls");
+    QM_LOG_ERROR(metaDataLog, "error: attribute list size changed between calls");
     return {};
   }
   return names;
@@ -59,13 +56,12 @@ std::string attributeNames(const Subject& subject) {
 
 // Nothing for an attribute that is empty or cannot be read.
 std::optional<std::string> attributeValue(const Subject& subject, const char* name) {
-  qm::Log& log = metaDataLog();
   const std::int64_t size = subject.get(name, nullptr, 0);
   if (size < 1) return std::nullopt;
-  QM_LOG_DEBUG(log, "Fetching xattr %s of size %zd", name, size);
+  QM_LOG_DEBUG(metaDataLog, "Fetching xattr %s of size %zd", name, size);
   std::string value(static_cast<std::size_t>(size), '\0');
   if (subject.get(name, value.data(), value.size()) != size) {
-    QM_LOG_ERROR(log, "error: attribute %s size changed between calls", name);
+    QM_LOG_ERROR(metaDataLog, "error: attribute %s size changed between calls", name);
     return std::nullopt;
   }
   return value;
@@ -95,7 +91,7 @@ std::optional<qm::Value> decodePropertyList(std::string_view value) {
   qm::ErrorPtr error;
   std::optional<qm::Value> object = qm::parsePropertyList(value.data(), value.size(), &error);
   if (!object) {
-    QM_LOG_ERROR(metaDataLog(), "Error parsing binary plist: %{public}@", error);
+    QM_LOG_ERROR(metaDataLog, "Error parsing binary plist: %{public}@", error);
     return std::nullopt;
   }
   return renderPropertyList(std::move(*object));
@@ -105,7 +101,7 @@ std::optional<qm::Value> decodeText(std::string_view value, const char* name) {
   constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
   std::string_view text = value.substr(0, value.find('\0'));
   if (!qm::isValidUTF8(text)) {
-    QM_LOG_ERROR(metaDataLog(), "Failed to decode data in xattr %s, ignoring", name);
+    QM_LOG_ERROR(metaDataLog, "Failed to decode data in xattr %s, ignoring", name);
     return std::nullopt;
   }
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
@@ -129,8 +125,7 @@ qm::Dictionary QMRMetaDataProvider::fileInfoForFiledescriptor(int descriptor) {
 }
 
 qm::Dictionary QMRMetaDataProvider::fileInfoForPath(const char* path, int descriptor) {
-  qm::Log& log = metaDataLog();
-  QM_LOG_DEBUG(log, "Getting file metadata for [path %s | fd %d]", path, descriptor);
+  QM_LOG_DEBUG(metaDataLog, "Getting file metadata for [path %s | fd %d]", path, descriptor);
   qm::Dictionary info;
   qm::FileStatus status;
   if (Subject{path, descriptor}.status(status)) {
@@ -139,8 +134,9 @@ qm::Dictionary QMRMetaDataProvider::fileInfoForPath(const char* path, int descri
     info["modified"] = status.modified;
   } else {
     const int errnoValue = errno;
-    QM_LOG_ERROR(log, "failed to stat() %s: errno=%d file_info will not be populated with stat information",
-                 path, errnoValue);
+    QM_LOG_ERROR(metaDataLog,
+                 "failed to stat() %s: errno=%d file_info will not be populated with stat information", path,
+                 errnoValue);
   }
   qm::Array attributes = extendedAttributesForPath(path, descriptor);
   if (!attributes.empty()) info["attributes"] = std::move(attributes);
@@ -148,7 +144,6 @@ qm::Dictionary QMRMetaDataProvider::fileInfoForPath(const char* path, int descri
 }
 
 qm::Array QMRMetaDataProvider::extendedAttributesForPath(const char* path, int descriptor) {
-  qm::Log& log = metaDataLog();
   const Subject subject{path, descriptor};
   const std::string names = attributeNames(subject);
   if (names.empty()) return {};
@@ -160,9 +155,9 @@ qm::Array QMRMetaDataProvider::extendedAttributesForPath(const char* path, int d
     std::optional<qm::Value> value = renderedValue(subject, rawName);
     if (!value) continue;
     const std::string name = qm::lossyUTF8(rawName);
-    QM_LOG_DEBUG(log, "[file %s | fd %d] xattr %@ value %@", path, descriptor, name, *value);
+    QM_LOG_DEBUG(metaDataLog, "[file %s | fd %d] xattr %@ value %@", path, descriptor, name, *value);
     attributes.push_back(qm::Dictionary{{"attribute", name}, {"value", std::move(*value)}});
   }
-  QM_LOG_DEBUG(log, "Returning extended attributes %@", attributes);
+  QM_LOG_DEBUG(metaDataLog, "Returning extended attributes %@", attributes);
   return attributes;
 }
