@@ -7,6 +7,7 @@
 
 #include "foundation/strings.hpp"
 #include "platform/file_io.hpp"
+#include "platform/json.hpp"
 #include "platform/system_root.hpp"
 #include "platform/text.hpp"
 #include "settings/QMRNamespace.hpp"
@@ -321,10 +322,29 @@ bool QMRCustomization::browsingProtectionIncluded() const {
   return qm::statPath(namespacedHostPath(kBrowsingProtectionFolder).c_str(), status) && status.isDirectory;
 }
 
+std::optional<qm::Dictionary> QMRCustomization::browsingProtectionCustomization() const {
+  const std::string path =
+      QMRNamespace::namespacedWithPath(configuration()->browsingProtectionCustomizationFilePath());
+  qm::ErrorPtr error;
+  const std::optional<std::string> text = qm::readTextFile(qm::hostPath(path), &error);
+  std::optional<qm::Dictionary> customization;
+  if (text) customization = qm::parseJSONObject(*text, &error);
+  if (!customization) QM_LOG_ERROR(log_, "Error reading data from file (%@) : %{public}@", path, error);
+  return customization;
+}
+
 // --- Languages ---
 
 std::vector<std::string> QMRCustomization::preferredLanguages() const {
   return languagesProvider()->preferredLanguages();
+}
+
+std::vector<std::string> QMRCustomization::availableCustomizationLanguages() const {
+  return languagesProvider()->availableCustomizationLanguages();
+}
+
+std::optional<std::string> QMRCustomization::defaultCustomizationLanguage() const {
+  return languagesProvider()->defaultCustomizationLanguage();
 }
 
 std::string QMRCustomization::currentIETFLanguage() const {

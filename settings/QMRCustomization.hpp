@@ -15,6 +15,7 @@
 
 #include "foundation/log.hpp"
 #include "foundation/property.hpp"
+#include "foundation/value.hpp"
 #include "platform/url.hpp"
 #include "settings/QMRCustomizationConfiguration.hpp"
 #include "settings/QMRCustomizationLanguagesProvider.hpp"
@@ -117,9 +118,14 @@ class QMRCustomization {
   std::optional<std::string> incompatibleChromeExtensionVersionThreshold() const;
   std::optional<std::string> incompatibleFirefoxExtensionVersionThreshold() const;
   bool browsingProtectionIncluded() const;
+  // The object in the configuration's JSON file; nothing when it holds none.
+  std::optional<qm::Dictionary> browsingProtectionCustomization() const;
 
   // Languages. The system's preferred ones, the most wanted first.
   std::vector<std::string> preferredLanguages() const;
+  // The product's own, and which of them it speaks when no other is chosen: those of the languages provider.
+  std::vector<std::string> availableCustomizationLanguages() const;
+  std::optional<std::string> defaultCustomizationLanguage() const;
   // The current one is the system's first preferred language, "en" when it has none.
   std::string currentIETFLanguage() const;
   // Its three-letter code, that of its first part when the whole tag has none, else "ENG"; remembered.

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -34,12 +35,20 @@ class CustomizationTest : public testing::Test {
     EXPECT_NE(root_, "/Library/Quillmarsh-trial");
     std::filesystem::remove_all(root_ / "qxmac/config");
     std::filesystem::create_directories(root_ / "qxmac/config");
+    std::filesystem::remove_all(root_ / "qxmac/gui");
+    std::filesystem::create_directories(root_ / "qxmac/gui");
   }
 
   void write(const std::string& name, const std::string& content) const {
     std::ofstream(root_ / "qxmac/config" / name, std::ios::binary) << content;
   }
   void setParameters(const std::string& text) const { write("parameters", text); }
+  static auto errorsOf(const qm::test::LogRecorder& logs, std::string_view beginning) {
+    const std::vector<qm::test::LogLine> lines = logs.lines();
+    return static_cast<std::size_t>(std::ranges::count_if(lines, [&](const auto& line) {
+      return line.level == LogLevel::error && line.message.starts_with(beginning);
+    }));
+  }
   void setOperator(const std::string& text) const { write("operator_id", text); }
 
   const std::filesystem::path root_;
@@ -127,6 +136,72 @@ TEST_F(CustomizationTest, OneLineFilesAreReadFromTheNamespacedFolder) {
   }
   write("tidal2_url", "https://tidal.example:8443/updates\n");
   EXPECT_EQ(customization_.tidal2Server(), "tidal.example");
+}
+
+TEST_F(CustomizationTest, TheProductAndItsInterfaceAreSaidByParameterAndOperator) {
+  const struct {
+    const char* parameters;
+    const char* operatorId;
+    const char* family;
+    bool hasGUI;
+  } cases[] = {
+      {"PRODUCT=mdr", "12000\n", "mdr", false},  {"PRODUCT=mdr\nGUI=true", "12000", "mdr", true},
+      {"PRODUCT=MDR", "12001", "unknown", true}, {"PRODUCT=orchard\nGUI=no", "1", "orc", false},
+      {"PRODUCT=fernguard", "", "fg", true},
+  };
+  for (const auto& expected : cases) {
+    setParameters(expected.parameters);
+    setOperator(expected.operatorId);
+    EXPECT_EQ(customization_.productFamilyName(), expected.family);
+    EXPECT_EQ(customization_.isMDR(), customization_.productFamilyName() == "mdr");
+    EXPECT_EQ(customization_.hasGUI(), expected.hasGUI) << expected.parameters;
+  }
+}
+
+TEST_F(CustomizationTest, TheBrowsingProtectionsFileIsAJSONObject) {
+  const std::string nested = R"({"a":{"b":[null,true,-1,18446744073709551615,0.5,"\u00e9"]},"a2":{}})";
+  write("../gui/product.json", nested);
+  EXPECT_EQ(
+      customization_.browsingProtectionCustomization(),
+      (qm::Dictionary{{"a", qm::Dictionary{{"b", qm::Array{qm::Null(), true, -1, UINT64_MAX, 0.5, "é"}}}},
+                      {"a2", qm::Dictionary()}}));
+  const auto deep = [](std::size_t levels) {
+    return "{\"a\":" + std::string(levels, '[') + std::string(levels, ']') + "}";
+  };
+  write("../gui/product.json", deep(64));
+  EXPECT_TRUE(customization_.browsingProtectionCustomization());
+  const qm::test::LogRecorder logs;
+  const std::string refused[] = {"",
+                                 "[]",
+                                 "{",
+                                 "{}x",
+                                 "{\"a\":1e999}",
+                                 "{\"a\":\"\\ud800\"}",
+                                 deep(65),
+                                 deep(500'000),
+                                 nested + std::string(1 << 20, ' ')};
+  for (const std::string& text : refused) {
+    write("../gui/product.json", text);
+    EXPECT_FALSE(customization_.browsingProtectionCustomization()) << text.substr(0, 80);
+  }
+  EXPECT_EQ(errorsOf(logs,
+                     "Error reading data from file (/Library/Quillmarsh-trial/qxmac/gui/product.json) : "
+                     "Error Domain=NSCocoaErrorDomain Code=3840 "),
+            std::size(refused));
+}
+
+TEST_F(CustomizationTest, TheProductsLanguagesAreThoseOfTheLanguagesFile) {
+  const qm::test::LogRecorder logs;
+  EXPECT_TRUE(customization_.availableCustomizationLanguages().empty());
+  write("../gui/available_languages.xml", R"(<plist version="1.0"><dict>
+    <key>default</key><string>en</string>
+    <key>languages</key><array><string>en</string><integer>1</integer><string>fr-CA</string></array>
+  </dict></plist>)");
+  EXPECT_EQ(customization_.defaultCustomizationLanguage(), "en");
+  EXPECT_EQ(customization_.availableCustomizationLanguages(), (std::vector<std::string>{"en", "fr-CA"}));
+  write("../gui/available_languages.xml", "<plist><array/></plist>");
+  EXPECT_EQ(customization_.defaultCustomizationLanguage(), std::nullopt);
+  EXPECT_EQ(errorsOf(logs, "Error reading languages file: Error Domain="), 2U);
 }
 
 TEST_F(CustomizationTest, AskedFromManyThreadsWhileTheFileIsReplacedItSeesTheOldOrTheNewFile) {

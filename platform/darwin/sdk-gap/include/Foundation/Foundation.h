@@ -271,6 +271,13 @@ typedef NS_ENUM(NSUInteger, NSPropertyListFormat) { NSPropertyListXMLFormat_v1_0
                               error:(NSError *_Nullable *_Nullable)error;
 @end
 
+typedef NS_OPTIONS(NSUInteger, NSJSONReadingOptions) { NSJSONReadingMutableContainers = (1UL << 0) };
+@interface NSJSONSerialization : NSObject
++ (nullable id)JSONObjectWithData:(NSData *)data
+                          options:(NSJSONReadingOptions)opt
+                            error:(NSError *_Nullable *_Nullable)error;
+@end
+
 @interface NSRecursiveLock : NSObject <NSLocking>
 @end
 

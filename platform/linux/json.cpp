@@ -1,0 +1,71 @@
+#include "platform/json.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+
+namespace qm {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr std::size_t kLargestSize = 1024 * 1024;
+constexpr int kGreatestDepth = 64;
+constexpr std::int64_t kReadCorrupt = 3840;
+
+Value convert(const Json& json) {
+  switch (json.type()) {
+    case Json::value_t::boolean:
+      return json.get<bool>();
+    case Json::value_t::number_integer:
+      return json.get<std::int64_t>();
+    case Json::value_t::number_unsigned: {
+      const auto number = json.get<std::uint64_t>();
+      return number <= INT64_MAX ? Value(static_cast<std::int64_t>(number)) : Value(number);
+    }
+    case Json::value_t::number_float:
+      return json.get<double>();
+    case Json::value_t::string:
+      return json.get_ref<const std::string&>();
+    case Json::value_t::array: {
+      Array array;
+      for (const Json& member : json) array.push_back(convert(member));
+      return array;
+    }
+    case Json::value_t::object: {
+      Dictionary dictionary;
+      for (const auto& [key, value] : json.items()) dictionary.emplace(key, convert(value));
+      return dictionary;
+    }
+    default:
+      return Null();
+  }
+}
+
+std::nullopt_t refuse(ErrorPtr* error, std::string reason) {
+  setError(error, makeError(kCocoaErrorDomain, kReadCorrupt, {{kDebugDescriptionKey, std::move(reason)}}));
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Dictionary> parseJSONObject(std::string_view text, ErrorPtr* error) {
+  if (text.size() > kLargestSize)
+    return refuse(error, "The text is larger than " + std::to_string(kLargestSize) + " bytes");
+  int depth = 0;
+  const auto bounded = [&depth](int level, Json::parse_event_t, const Json&) {
+    depth = std::max(depth, level);
+    return level <= kGreatestDepth;
+  };
+  const Json json = Json::parse(text, bounded, false);
+  if (depth > kGreatestDepth)
+    return refuse(error, "The text is nested more than " + std::to_string(kGreatestDepth) + " deep");
+  if (!json.is_object()) return refuse(error, "The text is no JSON object");
+  Value value = convert(json);
+  return std::move(*value.as<Dictionary>());
+}
+
+}  // namespace qm
