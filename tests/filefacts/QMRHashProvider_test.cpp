@@ -137,4 +137,20 @@ TEST_F(HashProvider, RemembersByPathUntilItIsTold) {
   EXPECT_NE(provider.hashesForPath(folder.path("g")), nullptr);
 }
 
+TEST_F(HashProvider, RemembersTheLast1024Paths) {
+  QMRHashProvider provider;
+  const auto hash = [&](int number) {
+    return provider.hashesForPath(folder.path("f" + std::to_string(number)));
+  };
+  for (int number = 0; number <= 1024; ++number) folder.write("f" + std::to_string(number), "");
+  const auto oldest = hash(0);
+  const auto second = hash(1);
+  for (int number = 2; number < 1024; ++number) hash(number);
+  EXPECT_EQ(hash(0), oldest);
+  hash(1024);
+  EXPECT_EQ(hash(1), second);
+  EXPECT_NE(hash(0), oldest) << "stored first, it goes first, however lately it was asked for";
+  EXPECT_NE(hash(1), second);
+}
+
 }  // namespace

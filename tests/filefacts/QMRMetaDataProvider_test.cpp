@@ -27,6 +27,16 @@ std::string dictionaryList() {
          "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\5"s + "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x18"s;
 }
 
+// Binary lists: ( "a b", 1 ), and the number 1.
+std::string arrayList() {
+  return "bplist00\xa2\1\2\x53"
+         "a b\x10\1\x08\x0b\x0f"s +
+         "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\3"s + "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x11"s;
+}
+std::string numberList() {
+  return "bplist00\x10\1\x08"s + "\0\0\0\0\0\0\1\1\0\0\0\0\0\0\0\1"s + "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x0a"s;
+}
+
 TEST_F(MetaDataProvider, TimesByPathAndByDescriptor) {
   const std::string path = folder.write("f", "x");
   const std::array<timespec, 2> times{timespec{1'500'000'000, 999'999'999}, timespec{1'400'000'000, 1}};
@@ -53,7 +63,8 @@ TEST_F(MetaDataProvider, WhatCannotBeReadIsLeftOut) {
 
 TEST_F(MetaDataProvider, ExtendedAttributesAreRenderedByTheirKindOrLeftOut) {
   const std::string path = folder.write("f", "");
-  const std::pair<std::string, const char*> cases[] = {
+  const Value leftOut;  // null is no attribute's value
+  const std::pair<std::string, Value> cases[] = {
       {"0083;5f3c1a2b;Safari;UUID", "0083;5f3c1a2b;Safari;UUID"},
       {"text\0binary"s, "text"},
       {"\0hidden"s, ""},
@@ -61,16 +72,19 @@ TEST_F(MetaDataProvider, ExtendedAttributesAreRenderedByTheirKindOrLeftOut) {
        "marked",
        "marked"},
       {dictionaryList(), "{\"ab\"=(1,\"xy\");}"},
-      {"", "left out"},
-      {"caf\xe9", "left out"},
-      {"bplist00\x01\xff", "left out"},
+      {arrayList(), "a b;1"},
+      {numberList(), 1},
+      {"bplist", "bplist"},
+      {"", leftOut},
+      {"caf\xe9", leftOut},
+      {"bplist00\x01\xff", leftOut},
   };
   for (const auto& [content, expected] : cases) {
     if (::setxattr(path.c_str(), "user.case", content.data(), content.size(), 0) != 0)
       GTEST_SKIP() << "no user attributes on " << folder.path() << ": " << std::strerror(errno);
     const Array attributes = QMRMetaDataProvider::extendedAttributesForPath(path.c_str(), -1);
     const Value* const value = valueOf(attributes, "user.case");
-    EXPECT_EQ(value == nullptr ? "left out" : value->description(), expected) << content;
+    EXPECT_EQ(value == nullptr ? leftOut : *value, expected) << content;
   }
   EXPECT_TRUE(recorder.has(LogLevel::error, "Failed to decode data in xattr user.case, ignoring"));
   EXPECT_TRUE(recorder.hasError("Error parsing binary plist: Error Domain=NSCocoaErrorDomain Code=3840 "));

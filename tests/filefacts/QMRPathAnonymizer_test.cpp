@@ -11,6 +11,7 @@ const std::pair<const char*, const char*> kCases[] = {
     {"/System/Volumes/Data/Users/bob/a/b.txt", "%PROFILE%/<dir1>/<file_name>.txt"},
     {"/system/volumes/data/users/bob/b.txt", "<dir1>/<dir2>/<dir3>/<dir4>/<dir5>/<dir6>/<file_name>.txt"},
     {"/Users/bob", "%PROFILE%"},
+    {"/users/Bob/x.exe", "%PROFILE%/x.exe"},
     {"/Users/bob/Library/Application Support/Tool/a.dat",
      "%PROFILE%/Library/Application Support/<dir1>/<file_name>.dat"},
     {"/Users/bob/Library/Caches/x/y.so", "%PROFILE%/Library/<dir1>/<dir2>/y.so"},
@@ -33,7 +34,14 @@ const std::pair<const char*, const char*> kCases[] = {
 };
 
 TEST(PathAnonymizer, KeepsWhatSaysNothingAboutTheUser) {
-  for (const auto& [path, expected] : kCases) EXPECT_EQ(QMRPathAnonymizer::anonymize(path), expected) << path;
+  std::vector<std::string> paths;
+  std::vector<std::string> all;
+  for (const auto& [path, expected] : kCases) {
+    EXPECT_EQ(QMRPathAnonymizer::anonymize(path), expected) << path;
+    paths.emplace_back(path);
+    all.emplace_back(expected);
+  }
+  EXPECT_EQ(QMRPathAnonymizer::anonymizeAll(paths), all);
 }
 
 }  // namespace
