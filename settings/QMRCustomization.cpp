@@ -1,6 +1,8 @@
 #include "settings/QMRCustomization.hpp"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <initializer_list>
 #include <utility>
 #include <vector>
@@ -22,6 +24,7 @@ constexpr const char* kTidal2File = "/Library/Quillmarsh/qxmac/config/tidal2_url
 constexpr const char* kSebeUpdateServiceFile = "/Library/Quillmarsh/qxmac/config/sebe_update_service_url";
 constexpr const char* kServiceEnablerFile = "/Library/Quillmarsh/qxmac/config/se_url";
 constexpr const char* kBrowsingProtectionFolder = "/Library/Quillmarsh/browsingprotection/";
+constexpr const char* kImageFolder = "/Library/Quillmarsh/qxmac/gui";
 
 constexpr const char* kDefaultTelemetrySource = "qxmac";
 constexpr std::int64_t kMDROperator = 12000;
@@ -37,6 +40,29 @@ std::string namespacedHostPath(const char* productPath) {
 std::string replacingAll(const std::string& text, std::string_view placeholder,
                          std::string_view replacement) {
   return qm::componentsJoinedByString(qm::componentsSeparatedByString(text, placeholder), replacement);
+}
+
+// Of "#RRGGBB"; nothing for any other text.
+std::optional<QMRCustomization::Color> colorOfHex(std::string_view text) {
+  if (text.size() != 7 || !text.starts_with('#')) return std::nullopt;
+  std::uint32_t digits = 0;
+  const char* const end = text.data() + text.size();
+  if (std::from_chars(text.data() + 1, end, digits, 16).ptr != end) return std::nullopt;
+  const auto part = [digits](int shift) { return ((digits >> shift) & 0xFF) / 255.0; };
+  return QMRCustomization::Color{.red = part(16), .green = part(8), .blue = part(0)};
+}
+
+std::optional<std::string> styleConstant(const qm::Dictionary& customization, std::string_view name) {
+  const qm::Dictionary* const constants = qm::find<qm::Dictionary>(customization, "styleConstants");
+  const std::string* const text = constants == nullptr ? nullptr : qm::find<std::string>(*constants, name);
+  return text == nullptr ? std::nullopt : std::optional(*text);
+}
+
+// The colour itself, or that of the style constant it names.
+std::optional<std::string> hexOfCuifColor(const qm::Dictionary& customization, const std::string& color) {
+  if (colorOfHex(color)) return color;
+  std::optional<std::string> constant = styleConstant(customization, color);
+  return constant && colorOfHex(*constant) ? std::move(constant) : std::nullopt;
 }
 
 // "fr" of "fr-CA".
@@ -331,6 +357,67 @@ std::optional<qm::Dictionary> QMRCustomization::browsingProtectionCustomization(
   if (text) customization = qm::parseJSONObject(*text, &error);
   if (!customization) QM_LOG_ERROR(log_, "Error reading data from file (%@) : %{public}@", path, error);
   return customization;
+}
+
+// --- Appearance ---
+
+std::optional<QMRCustomization::Color> QMRCustomization::surfaceColor() const {
+  return color("surfaceColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::buttonColor() const {
+  return color("buttonColor");
+}
+std::optional<std::string> QMRCustomization::surfaceColorHex() const {
+  return colorHex("surfaceColor");
+}
+std::optional<std::string> QMRCustomization::buttonColorHex() const {
+  return colorHex("buttonColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::hoverColor() const {
+  return color("hoverColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::selectedTextColor() const {
+  return color("selectedTextColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::titlebarTextColor() const {
+  return color("titlebarTextColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::backgroundColor() const {
+  return color("backgroundColor");
+}
+std::optional<QMRCustomization::Color> QMRCustomization::browsingPageSecondaryColor() const {
+  return color("browsingPageSecondaryColor");
+}
+
+bool QMRCustomization::isTemplatedStatusbarIcon() const {
+  const qm::Dictionary customization = browsingProtectionCustomization().value_or(qm::Dictionary());
+  const bool* const isTemplated = qm::find<bool>(customization, "isTemplatedStatusbarIcon");
+  return isTemplated != nullptr && *isTemplated;
+}
+
+std::optional<QMRCustomization::Color> QMRCustomization::color(std::string_view key) const {
+  const std::optional<std::string> hex = colorHex(key);
+  return hex ? colorOfHex(*hex) : std::nullopt;
+}
+
+std::optional<std::string> QMRCustomization::colorHex(std::string_view key) const {
+  const qm::Dictionary customization = browsingProtectionCustomization().value_or(qm::Dictionary());
+  const std::string* const text = qm::find<std::string>(customization, key);
+  return text == nullptr ? std::nullopt : hexOfCuifColor(customization, *text);
+}
+
+std::optional<QMRCustomization::Color> QMRCustomization::colorForCuifColor(const std::string& color) const {
+  const qm::Dictionary customization = browsingProtectionCustomization().value_or(qm::Dictionary());
+  const std::optional<std::string> hex = hexOfCuifColor(customization, color);
+  return hex ? colorOfHex(*hex) : std::nullopt;
+}
+
+std::optional<std::string> QMRCustomization::cuifStyleConstantForName(std::string_view name) const {
+  return styleConstant(browsingProtectionCustomization().value_or(qm::Dictionary()), name);
+}
+
+std::string QMRCustomization::fullPathForImage(std::string_view name) {
+  return qm::stringByAppendingPathComponent(QMRNamespace::namespacedWithPath(kImageFolder), name);
 }
 
 // --- Languages ---

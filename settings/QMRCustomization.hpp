@@ -24,6 +24,14 @@ class QMRCustomization {
  public:
   using Parameters = std::map<std::string, std::string, std::less<>>;
 
+  // In sRGB, each from 0 to 1.
+  struct Color {
+    double red = 0;
+    double green = 0;
+    double blue = 0;
+    friend bool operator==(const Color&, const Color&) = default;
+  };
+
   // Null stands for the default.
   explicit QMRCustomization(std::shared_ptr<QMRCustomizationConfiguration> configuration = nullptr,
                             std::shared_ptr<QMRCustomizationLanguagesProvider> languagesProvider = nullptr);
@@ -121,6 +129,27 @@ class QMRCustomization {
   // The object in the configuration's JSON file; nothing when it holds none.
   std::optional<qm::Dictionary> browsingProtectionCustomization() const;
 
+  // Appearance, for programs with a user interface, from that object. A colour is the text "#RRGGBB" under
+  // the function's name, or the name of a style constant that is such a text; nothing when it is not there or
+  // neither.
+  std::optional<Color> surfaceColor() const;
+  std::optional<Color> buttonColor() const;
+  std::optional<std::string> surfaceColorHex() const;  // "#RRGGBB"
+  std::optional<std::string> buttonColorHex() const;
+  std::optional<Color> hoverColor() const;
+  std::optional<Color> selectedTextColor() const;
+  std::optional<Color> titlebarTextColor() const;
+  std::optional<Color> backgroundColor() const;
+  std::optional<Color> browsingPageSecondaryColor() const;
+  // The icon of the status bar takes the colours of the bar: the boolean of that name, off by default.
+  bool isTemplatedStatusbarIcon() const;
+  // Of a colour as it stands in the object.
+  std::optional<Color> colorForCuifColor(const std::string& color) const;
+  // The text under the name in the object "styleConstants".
+  std::optional<std::string> cuifStyleConstantForName(std::string_view name) const;
+  // The namespaced product path of the image file, which need not be there.
+  static std::string fullPathForImage(std::string_view name);
+
   // Languages. The system's preferred ones, the most wanted first.
   std::vector<std::string> preferredLanguages() const;
   // The product's own, and which of them it speaks when no other is chosen: those of the languages provider.
@@ -137,6 +166,8 @@ class QMRCustomization {
 
  private:
   bool isProduct(std::string_view name) const;
+  std::optional<Color> color(std::string_view key) const;
+  std::optional<std::string> colorHex(std::string_view key) const;
 
   qm::Log& log_;
   qm::Property<std::shared_ptr<QMRCustomizationConfiguration>> configuration_;

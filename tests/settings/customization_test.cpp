@@ -190,6 +190,25 @@ TEST_F(CustomizationTest, TheBrowsingProtectionsFileIsAJSONObject) {
             std::size(refused));
 }
 
+TEST_F(CustomizationTest, ColoursAreHexadecimalOrNameAStyleConstantThatIs) {
+  write("../gui/product.json", R"({"surfaceColor":"#33ff00","buttonColor":"accent","hoverColor":"large",
+    "titlebarTextColor":"#+12345","backgroundColor":1,"isTemplatedStatusbarIcon":true,
+    "styleConstants":{"accent":"#0000CC","large":"14pt"}})");
+  using Color = QMRCustomization::Color;
+  EXPECT_EQ(customization_.surfaceColor(), (Color{0.2, 1, 0}));
+  EXPECT_EQ(customization_.surfaceColorHex(), "#33ff00");
+  EXPECT_EQ(customization_.buttonColor(), (Color{0, 0, 0.8}));
+  EXPECT_EQ(customization_.buttonColorHex(), "#0000CC");
+  EXPECT_EQ(customization_.colorForCuifColor("accent"), customization_.buttonColor());
+  for (const auto& none : {customization_.hoverColor(), customization_.titlebarTextColor(),
+                           customization_.backgroundColor(), customization_.selectedTextColor()})
+    EXPECT_FALSE(none);
+  EXPECT_EQ(customization_.cuifStyleConstantForName("large"), "14pt");
+  EXPECT_TRUE(customization_.isTemplatedStatusbarIcon());
+  EXPECT_EQ(QMRCustomization::fullPathForImage("shield.png"),
+            "/Library/Quillmarsh-trial/qxmac/gui/shield.png");
+}
+
 TEST_F(CustomizationTest, TheProductsLanguagesAreThoseOfTheLanguagesFile) {
   const qm::test::LogRecorder logs;
   EXPECT_TRUE(customization_.availableCustomizationLanguages().empty());
