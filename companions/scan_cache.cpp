@@ -25,7 +25,7 @@ ScanCache::Generation ScanCache::generation() const {
 
 void ScanCache::put(const FileStatus& file, const ScannedFile& scanned, Generation generation) {
   const std::lock_guard lock(mutex_);
-  if (generation != generation_) return;
+  if (generation != generation_ || scanned.verdict.ttl == 0) return;
   entries_.put(identityOf(file), {scanned, now_() + std::chrono::seconds(scanned.verdict.ttl)});
 }
 

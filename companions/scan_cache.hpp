@@ -36,7 +36,7 @@ class ScanCache {
   // A scan takes the generation before it looks at anything, and what it found out counts only when the cache
   // was not cleared meanwhile.
   Generation generation() const;
-  // For the verdict's time to live.
+  // For the verdict's time to live; not at all when that is 0.
   void put(const FileStatus& file, const ScannedFile& scanned, Generation generation);
   void clear();
 

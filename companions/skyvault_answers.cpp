@@ -153,7 +153,7 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   const SHA256Value hash = sha256(bytes, length);
   const SHA1Value otherHash = sha1(bytes, length);
   std::optional<StoredVerdict> known;
-  store_.find(hash, otherHash, known);
+  const bool isUsable = store_.find(hash, otherHash, known);
   if (known && known->source != kVerdictSourceAnalysis) {
     SVKSkyvaultResponse response = responseFor(*known);
     response.options |= kOptionSageUploaded;
@@ -167,6 +167,7 @@ SVKSkyvaultResponse SkyvaultAnswers::examine(const std::uint8_t* bytes, std::siz
   }
   SVKSkyvaultResponse response = responseFor(store_.remember(hash, otherHash, *found));
   response.options |= kOptionSageUploaded;
+  if (!isUsable) response.ttl = 0;  // the store may say otherwise
   return response;
 }
 

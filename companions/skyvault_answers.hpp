@@ -30,7 +30,8 @@ class SkyvaultAnswers {
  public:
   SkyvaultAnswers(std::string storePath, SkyvaultAnswersOptions options);
 
-  // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same.
+  // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same,
+  // from the rules alone and with a time to live of 0.
   bool prepare() { return store_.open(); }
 
   // From now on samples are examined with these. What analyses found before the rules were changed (seconds

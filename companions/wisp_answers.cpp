@@ -247,6 +247,7 @@ bool WispAnswers::judge(ScannedFile& scanned, const void* bytes, std::size_t len
   }
   scanned.verdict = *found;
   analyzed = scanned;
+  if (!isUsable) scanned.verdict.ttl = 0;  // the store may say otherwise
   return true;
 }
 
@@ -262,17 +263,19 @@ std::optional<SHA256Value> WispAnswers::notedSHA256(const SHA1Value& sha1) {
 }
 
 // What the store says by now comes before what was found out then. What then came from the store and is no
-// longer there does not count.
+// longer there does not count. Without a store that can be used nobody may keep the answer.
 std::optional<StoredVerdict> WispAnswers::rememberedVerdict(const FileStatus& status) {
   const std::optional<ScannedFile> scanned = cache_.find(status);
   if (!scanned) return std::nullopt;
   std::optional<StoredVerdict> known;
-  store_.find(scanned->sha256, scanned->sha1, known);
+  const bool isUsable = store_.find(scanned->sha256, scanned->sha1, known);
   if (!known) {
     known = scanned->verdict;
     if (known->source != kVerdictSourceAnalysis && !known->source.empty()) return std::nullopt;
   }
-  return analysis_.isInForce(*known) ? known : std::nullopt;
+  if (!analysis_.isInForce(*known)) return std::nullopt;
+  if (!isUsable) known->ttl = 0;
+  return known;
 }
 
 void WispAnswers::remember(const ScannedFile& analyzed) {

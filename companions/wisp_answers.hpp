@@ -39,8 +39,8 @@ class WispAnswers {
 
   WispAnswers(std::string storePath, WispAnswersOptions options);
 
-  // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same:
-  // nothing is known then, and nobody may keep that.
+  // Opens the store; false, and a line in the log, when it cannot be used. Answers are given all the same,
+  // from the rules alone, and nobody may keep them: their time to live is 0.
   bool prepare() { return store_.open(); }
 
   // From now on files are examined with these. What analyses found before the rules were changed (seconds

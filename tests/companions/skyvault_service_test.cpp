@@ -52,9 +52,11 @@ class SkyvaultAgent : public testing::Test {
   std::shared_ptr<FileHandle> sample(const std::string& content) const {
     return FileHandle::fileHandleForReadingAtPath(folder_.write("sample", content));
   }
-  std::string analyze(SkyvaultAnswers& answers, const std::string& content, std::uint64_t options) const {
+  std::string analyze(SkyvaultAnswers& answers, const std::string& content, std::uint64_t options,
+                      bool mayBeKept = true) const {
     const auto response = answers.analyzeSample(sample(content)->fileDescriptor(), nullptr);
     EXPECT_EQ(response ? response->options : 0, options);
+    EXPECT_TRUE(!response || options == kNotExamined || (response->ttl != 0) == mayBeKept);
     return response ? response->safetyVerdict.value : "";
   }
 
@@ -109,7 +111,7 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
 
   SkyvaultAnswers without(folder_.write("other", "This is certainly not what a store looks like."), options_);
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer | kOptionFailed);
-  EXPECT_EQ(analyze(without, standardTestFile(), kExamined), "malicious") << "without a usable store";
+  EXPECT_EQ(analyze(without, standardTestFile(), kExamined, false), "malicious") << "without a usable store";
   {
     std::vector<VerdictStore::Entry> entries;
     for (int i = 0; i < 2000; ++i)
@@ -120,7 +122,7 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   const std::string hurt = contentOf(folder_.path("hurt"));
   SkyvaultAnswers damaged(folder_.path("hurt"), options_);
   EXPECT_EQ(damaged.lookUp(hashOf("1")).options, kOptionFromServer | kOptionFailed);
-  EXPECT_EQ(analyze(damaged, standardTestFile(), kExamined), "malicious") << "with a damaged store";
+  EXPECT_EQ(analyze(damaged, standardTestFile(), kExamined, false), "malicious") << "with a damaged store";
   EXPECT_EQ(contentOf(folder_.path("hurt")), hurt) << "nothing is overwritten";
   std::filesystem::remove(folder_.path("other"));
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer) << "it comes back";

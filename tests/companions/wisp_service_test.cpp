@@ -194,6 +194,7 @@ TEST_F(ServedWisp, AFileIsScannedAndTheOutcomeRemembered) {
 
 TEST_F(ServedWisp, AFileThatIsAsItWasIsNotExaminedAgainUntilTheCacheIsCleared) {
   const FilePath file{folder.write("file", "#!/bin/sh\n")};
+  std::uint32_t ttl = answering_.undetectedTTL;
   const auto isExamined = [&](WispAnswers& answers, const Block<void()>& meanwhile = nullptr) {
     const auto isWanted = [&] {
       if (meanwhile) meanwhile();
@@ -202,7 +203,8 @@ TEST_F(ServedWisp, AFileThatIsAsItWasIsNotExaminedAgainUntilTheCacheIsCleared) {
     const auto deadline = [] { return CallDeadlines::Clock::now() + kPatience; };
     std::optional<ScannedFile> analyzed;
     const auto response = answers.scan(file, {isWanted, deadline}, analyzed, nullptr);
-    EXPECT_TRUE(response != nullptr && response->result == CloudScan::clean);
+    EXPECT_TRUE(response != nullptr && response->result == CloudScan::clean && response->ttl == ttl);
+    EXPECT_TRUE(!analyzed || analyzed->verdict.ttl == answering_.undetectedTTL);
     return analyzed.has_value();
   };
   WispAnswers answers(store_, answering_);
@@ -220,6 +222,14 @@ TEST_F(ServedWisp, AFileThatIsAsItWasIsNotExaminedAgainUntilTheCacheIsCleared) {
   WispAnswers wary(store_, answering_);
   EXPECT_TRUE(isExamined(wary));
   EXPECT_TRUE(isExamined(wary)) << "so young a file may change without a trace";
+
+  std::filesystem::remove(store_ + "-wal");
+  std::filesystem::rename(folder.write("other", "This is certainly not what a store looks like."), store_);
+  ttl = 0;
+  EXPECT_FALSE(isExamined(answers)) << "it is known from before";
+  answers.clearCache();
+  EXPECT_TRUE(isExamined(answers));
+  EXPECT_TRUE(isExamined(answers)) << "nobody keeps what the store may contradict";
 }
 
 TEST_F(ServedWisp, WhatCannotBeAnsweredIsRefusedWithAReason) {
