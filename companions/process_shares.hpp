@@ -28,6 +28,8 @@ class WorkShare : public std::enable_shared_from_this<WorkShare> {
 
   // For one piece of work, until its last copy goes. Null when there are as many as may be.
   [[nodiscard]] Ticket take();
+  // There would be none just now.
+  bool isTaken() const { return taken_ >= limit_; }
 
  private:
   explicit WorkShare(std::size_t limit) : limit_(limit) {}

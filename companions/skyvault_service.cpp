@@ -128,7 +128,7 @@ void SkyvaultService::handle(const XPCDictionary& request, const std::shared_ptr
   const std::string kind = request.getString(kRequestKey).value_or("");
   QM_LOG_DEBUG(log(), "Request %{public}@", kind);
   if (kind == kRequestHash) return replyToHash(request, reply);
-  if (kind == kRequestMetadata) return replyToMetadata(request, reply);
+  if (kind == kRequestMetadata) return replyToMetadata(request, reply, *peer);
   if (kind == kRequestSample) return replyToSample(request, reply, peer);
   if (kind == kRequestURL) return replyToURL(request, reply);
   sendError(reply, ErrorCode::notSupported, "This agent does not know such a request.");
@@ -152,13 +152,15 @@ void SkyvaultService::replyToURL(const XPCDictionary& request, const XPCDictiona
   sendResponse(reply, answers_->lookUpURL(url, categoriesWanted));
 }
 
-void SkyvaultService::replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply) {
+void SkyvaultService::replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply,
+                                      const Peer& peer) {
   const XPCObject object = request.value(kMetadataKey);
   const Value metadata = object ? valueFromXPCObject(object) : Value();
   const auto* dictionary = metadata.as<Dictionary>();
   if (dictionary == nullptr)
     return sendError(reply, ErrorCode::invalidRequest, "The request has no metadata.");
-  sendResponse(reply, answers_->analyzeMetadata(*dictionary, !analyses_.isFull()));
+  const bool hasRoom = !analyses_.isFull() && !peer.share->isTaken();
+  sendResponse(reply, answers_->analyzeMetadata(*dictionary, hasRoom));
 }
 
 void SkyvaultService::replyToSample(const XPCDictionary& request, const XPCDictionary& reply,

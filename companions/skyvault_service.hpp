@@ -22,8 +22,9 @@ class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
 
   struct Limits {
     std::size_t runningAnalyses = 2;
-    std::size_t waitingAnalyses = 64;  // each of them holds a descriptor
-    std::size_t analysesOfOneProcess = 32;
+    std::size_t waitingAnalyses = 128;  // each of them holds a descriptor
+    // Half of all: the reputation daemon is one process and asks for most of them.
+    std::size_t analysesOfOneProcess = 64;
     BoundedWork::LostItems lostAnalyses{std::chrono::minutes(3), 8};
   };
 
@@ -43,7 +44,7 @@ class SkyvaultService : public std::enable_shared_from_this<SkyvaultService> {
   void handle(const XPCDictionary& request, const std::shared_ptr<Peer>& peer);
   void replyToHash(const XPCDictionary& request, const XPCDictionary& reply);
   void replyToURL(const XPCDictionary& request, const XPCDictionary& reply);
-  void replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply);
+  void replyToMetadata(const XPCDictionary& request, const XPCDictionary& reply, const Peer& peer);
   void replyToSample(const XPCDictionary& request, const XPCDictionary& reply,
                      const std::shared_ptr<Peer>& peer);
 

@@ -231,6 +231,18 @@ TEST_F(SkyvaultAgent, SamplesPastTheBoundAreTurnedAwayAndLookUpsGoOn) {
   EXPECT_EQ(slow->waitForOne().response->options, kNotExamined) << "a scan out of time is no all-clear";
 }
 
+TEST_F(SkyvaultAgent, AProcessWithItsShareInHandIsAskedForNoFurtherSample) {
+  start({.runningAnalyses = 1, .waitingAnalyses = 8, .analysesOfOneProcess = 2});
+  const auto client = makeClient();
+  Completions samples, roomLeft, noneLeft;
+  for (const Completions* metadata : {&roomLeft, &noneLeft}) {
+    client->analyzeFileHandle(sample("sample"), {}, kLong, samples.make());
+    client->analyzeMetadata(metadataOf("#!/bin/sh"), kLong, metadata->make());
+  }
+  EXPECT_EQ(roomLeft->waitForOne().response->options, kWanted);
+  EXPECT_EQ(noneLeft->waitForOne().response->options, kOptionFromServer | kOptionSageThrottled);
+}
+
 TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
   start({.runningAnalyses = 1, .waitingAnalyses = 64});
   const auto client = makeClient();
