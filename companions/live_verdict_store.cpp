@@ -118,20 +118,12 @@ bool LiveVerdictStore::find(const SHA256Value& sha256, std::optional<StoredVerdi
   return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha256, error); });
 }
 
-bool LiveVerdictStore::find(const SHA1Value& sha1, std::optional<StoredVerdict>& verdict) {
-  verdict = std::nullopt;
-  return ask([&](VerdictStore& store, ErrorPtr* error) { verdict = store.find(sha1, error); });
-}
-
 bool LiveVerdictStore::find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
                             std::optional<StoredVerdict>& verdict) {
   verdict = std::nullopt;
-  if (sha256 && !find(*sha256, verdict)) return false;
-  if (!sha1 || (verdict && verdict->source != kVerdictSourceAnalysis)) return true;
-  std::optional<StoredVerdict> other;
-  const bool isUsable = find(*sha1, other);
-  if (!isUsable || !verdict || (other && other->source != kVerdictSourceAnalysis)) verdict = std::move(other);
-  return isUsable;
+  return ask([&](VerdictStore& store, ErrorPtr* error) {
+    if (auto found = store.findFile(sha256, sha1, error)) verdict = std::move(found->second);
+  });
 }
 
 bool LiveVerdictStore::findURL(const std::vector<std::string>& keys,

@@ -34,9 +34,7 @@ class LiveVerdictStore {
 
   // False when the store cannot be used; the verdict is empty then.
   bool find(const SHA256Value& sha256, std::optional<StoredVerdict>& verdict);
-  bool find(const SHA1Value& sha1, std::optional<StoredVerdict>& verdict);
-  // Of one content: what an analysis found counts when nothing else is known by either hash, and that of the
-  // SHA-256 before that of the SHA-1.
+  // As VerdictStore::findFile().
   bool find(const std::optional<SHA256Value>& sha256, const std::optional<SHA1Value>& sha1,
             std::optional<StoredVerdict>& verdict);
   // As with one hash, for the first of the keys that is there.

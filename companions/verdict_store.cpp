@@ -240,6 +240,23 @@ std::optional<StoredVerdict> VerdictStore::find(const SHA1Value& sha1, ErrorPtr*
   return findHash(sha1, error);
 }
 
+std::optional<VerdictStore::FileEntry> VerdictStore::findFile(const std::optional<SHA256Value>& sha256,
+                                                              const std::optional<SHA1Value>& sha1,
+                                                              ErrorPtr* error) {
+  ErrorPtr failure;
+  std::optional<FileEntry> found;
+  const auto look = [&](const auto& hash) {
+    if (!hash || failure != nullptr || (found && found->second.source != kVerdictSourceAnalysis)) return;
+    const std::optional<StoredVerdict> record = find(*hash, &failure);
+    if (record && (!found || record->source != kVerdictSourceAnalysis)) found = FileEntry(*hash, *record);
+  };
+  look(sha256);
+  look(sha1);
+  if (failure == nullptr) return found;
+  setError(error, failure);
+  return std::nullopt;
+}
+
 std::optional<VerdictStore::URLEntry> VerdictStore::findURL(const std::vector<std::string>& keys,
                                                             ErrorPtr* error) {
   const std::lock_guard lock(reader_->mutex);

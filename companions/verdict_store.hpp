@@ -113,6 +113,13 @@ class VerdictStore {
   std::optional<StoredVerdict> find(const SHA256Value& sha256, ErrorPtr* error = nullptr);
   std::optional<StoredVerdict> find(const SHA1Value& sha1, ErrorPtr* error = nullptr);
 
+  using FileEntry = std::pair<VerdictKey, StoredVerdict>;
+  // The record that an answer about a file comes from, by its hashes as far as they are known. What an
+  // analysis found counts when nothing else is known by either hash, and that of the SHA-256 before that of
+  // the SHA-1.
+  std::optional<FileEntry> findFile(const std::optional<SHA256Value>& sha256,
+                                    const std::optional<SHA1Value>& sha1, ErrorPtr* error = nullptr);
+
   using Entry = std::pair<SHA256Value, StoredVerdict>;
   // Adds all or none; a verdict that is there is replaced.
   [[nodiscard]] bool add(const std::vector<Entry>& entries, ErrorPtr* error = nullptr);

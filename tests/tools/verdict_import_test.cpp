@@ -200,6 +200,10 @@ TEST(VerdictImport, TheProgramImportsAnInstalledSystemAndWhatItExportsIsTheSameA
             "manual                    1          1\ntotal                     2          2\n");
   EXPECT_EQ(qmverdicts(0, "t", {"remove", "--source", "debian"}), "2 removed\n");
   EXPECT_EQ(qmverdicts(0, "t", {"remove", usr + "changed"}), "2 removed\n");
+  const auto store = VerdictStore::open(folder.path("s"), VerdictStore::Access::readWrite);
+  ASSERT_TRUE(store->add({{sha256("hello", 5), {"undetected", {}, 0, 60, kVerdictSourceAnalysis, 1}}}));
+  EXPECT_THAT(qmverdicts(0, "s", {"show", same}), HasSubstr(" known_clean "))
+      << "the record that is answered";
 }
 
 TEST(VerdictImport, WhatASummarySaysIsInTheStoreWhereverTheImportEnds) {

@@ -67,16 +67,14 @@ std::optional<std::vector<Subject>> subjectsFrom(const std::vector<std::string>&
   return subjects;
 }
 
-// The record that an answer about the subject comes from.
-std::optional<VerdictEntry> find(VerdictStore& store, const Subject& subject, ErrorPtr& error) {
+std::optional<VerdictStore::FileEntry> find(VerdictStore& store, const Subject& subject, ErrorPtr& error) {
+  std::optional<SHA256Value> sha256;
+  std::optional<SHA1Value> sha1;
   for (const VerdictKey& key : subject.keys) {
-    const auto* sha1 = std::get_if<SHA1Value>(&key);
-    const auto record =
-        sha1 == nullptr ? store.find(std::get<SHA256Value>(key), &error) : store.find(*sha1, &error);
-    if (record) return VerdictEntry(key, StoredURLVerdict{*record, {}});
-    if (error != nullptr) break;
+    if (const auto* value = std::get_if<SHA256Value>(&key)) sha256 = *value;
+    if (const auto* value = std::get_if<SHA1Value>(&key)) sha1 = *value;
   }
-  return std::nullopt;
+  return store.findFile(sha256, sha1, &error);
 }
 
 }  // namespace
@@ -115,7 +113,7 @@ int showFiles(const Options& options) {
   int status = kDone;
   for (const Subject& subject : *subjects) {
     ErrorPtr error;
-    const std::optional<VerdictEntry> entry = find(*store, subject, error);
+    const auto entry = find(*store, subject, error);
     if (error != nullptr) return report(error->localizedDescription());
     if (entry) {
       const std::string hash = textFromKey(entry->first);
