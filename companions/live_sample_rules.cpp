@@ -44,10 +44,18 @@ LiveSampleRules::~LiveSampleRules() = default;
 
 void LiveSampleRules::reload() {
   std::vector<RejectedRules> unreadable;
-  std::vector<SampleRuleSource> sources = SampleRules::readFolder(folder_, &unreadable);
-  // What cannot be read is a mistaken text, too.
-  for (const RejectedRules& file : unreadable)
-    if (inUse_.count(file.name) != 0) sources.push_back({file.name, inUse_[file.name]});
+  std::vector<SampleRuleSource> sources = SampleRules::readFolder(folder_, unreadable);
+  // What cannot be read is a mistaken text, too; said once, since no change of the text comes before the
+  // next.
+  std::map<std::string, std::string> reasons;
+  for (const RejectedRules& file : unreadable) {
+    const auto good = inUse_.find(file.name);
+    const auto known = unreadable_.find(file.name);
+    if (known == unreadable_.end() || known->second != file.reason) complain(file, good != inUse_.end());
+    if (good != inUse_.end()) sources.push_back({file.name, good->second});
+    reasons.emplace(file.name, file.reason);
+  }
+  unreadable_ = std::move(reasons);
   std::map<std::string, SHA256Value> digests;
   for (const SampleRuleSource& source : sources)
     digests.emplace(source.name, sha256(source.text.data(), source.text.size()));
@@ -55,6 +63,11 @@ void LiveSampleRules::reload() {
   if (!compile(std::move(sources))) return;
   read_ = std::move(digests);
   isFirst_ = false;
+}
+
+void LiveSampleRules::complain(const RejectedRules& file, bool hadGoodOnes) {
+  QM_LOG_ERROR(log(), "Sample rules %{public}@ are left out: %{public}@", file.name, file.reason);
+  if (hadGoodOnes) QM_LOG_ERROR(log(), "The sample rules that %{public}@ had before stay in use", file.name);
 }
 
 bool LiveSampleRules::compile(std::vector<SampleRuleSource> sources) {
@@ -67,11 +80,11 @@ bool LiveSampleRules::compile(std::vector<SampleRuleSource> sources) {
     const auto source = std::find_if(sources.begin(), sources.end(),
                                      [&](const SampleRuleSource& each) { return each.name == file.name; });
     const auto good = previous.find(file.name);
+    complain(file, good != previous.end());
     if (good == previous.end()) {
       sources.erase(source);
       continue;
     }
-    QM_LOG_ERROR(log(), "The sample rules that %{public}@ had before stay in use", file.name);
     source->text = good->second;
     isAnySaved = true;
   }

@@ -39,14 +39,16 @@ class LiveSampleRules {
 
  private:
   void reload();
+  static void complain(const RejectedRules& file, bool hadGoodOnes);
   // False when the rule library failed; the rules in use stay.
   bool compile(std::vector<SampleRuleSource> sources);
   std::int64_t changeTime() const;
 
   const std::string folder_;
   const Observer observer_;
-  std::map<std::string, SHA256Value> read_;   // of each file when the folder was looked at last
-  std::map<std::string, std::string> inUse_;  // the text by the name of each file
+  std::map<std::string, SHA256Value> read_;        // of each file when the folder was looked at last
+  std::map<std::string, std::string> inUse_;       // the text by the name of each file
+  std::map<std::string, std::string> unreadable_;  // why, by the name of each file
   bool isFirst_ = true;
   std::unique_ptr<FileWatcher> watcher_;
   std::future<void> start_;  // goes first: it still sets what stands above

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "companions/verdict_store.hpp"
-#include "foundation/log.hpp"
 #include "foundation/strings.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "platform/file_io.hpp"
@@ -25,11 +24,6 @@ namespace {
 constexpr std::array<std::string_view, 3> kRuleVerdicts = {SVKSkyvaultSafetyVerdictValueMalicious,
                                                            SVKSkyvaultSafetyVerdictValueUnwanted,
                                                            SVKSkyvaultSafetyVerdictValuePU};
-
-Log& log() {
-  static Log& log = Log::create(kQMRLogSubsystem, "SampleRules");
-  return log;
-}
 
 void fail(ErrorPtr* error, SampleRulesError code, std::string text) {
   setError(error, makeError(kSampleRulesErrorDomain, static_cast<std::int64_t>(code),
@@ -181,11 +175,6 @@ int noteMatch(YR_SCAN_CONTEXT*, int message, void* data, void* context) {
   return CALLBACK_CONTINUE;
 }
 
-void reject(const std::string& name, const std::string& reason, std::vector<RejectedRules>* rejected) {
-  QM_LOG_ERROR(log(), "Sample rules %{public}@ are left out: %{public}@", name, reason);
-  if (rejected != nullptr) rejected->push_back({name, reason});
-}
-
 std::vector<std::string> ruleFilesIn(const std::string& folder) {
   namespace fs = std::filesystem;
   std::vector<std::string> files;
@@ -220,7 +209,8 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
   for (;;) {
     Attempt attempt = attemptWithAllMistakes(remaining);
     if (!attempt.mistakes.empty()) {
-      for (const auto& [source, reason] : attempt.mistakes) reject(source->name, reason, rejected);
+      for (const auto& [source, reason] : attempt.mistakes)
+        if (rejected != nullptr) rejected->push_back({source->name, reason});
       std::erase_if(remaining,
                     [&](const SampleRuleSource* source) { return attempt.mistakes.contains(source); });
       continue;
@@ -240,13 +230,13 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
 }
 
 std::vector<SampleRuleSource> SampleRules::readFolder(const std::string& folder,
-                                                      std::vector<RejectedRules>* rejected) {
+                                                      std::vector<RejectedRules>& unreadable) {
   std::vector<SampleRuleSource> sources;
   for (const std::string& file : ruleFilesIn(folder)) {
     FileStatus status;
     if (!statPath(file.c_str(), status) || !status.isRegularFile ||
         static_cast<std::uintmax_t>(status.size) > kMaximumFileSize) {
-      reject(file, "not a regular file of at most 4 MiB", rejected);
+      unreadable.push_back({file, "not a regular file of at most 4 MiB"});
       continue;
     }
     ErrorPtr readError;
@@ -254,15 +244,10 @@ std::vector<SampleRuleSource> SampleRules::readFolder(const std::string& folder,
     if (text)
       sources.push_back({file, std::move(*text)});
     else
-      reject(file, readError == nullptr ? "cannot be read" : readError->localizedDescription(), rejected);
+      unreadable.push_back(
+          {file, readError == nullptr ? "cannot be read" : readError->localizedDescription()});
   }
   return sources;
-}
-
-std::shared_ptr<const SampleRules> SampleRules::compileFolder(const std::string& folder,
-                                                              std::vector<RejectedRules>* rejected,
-                                                              ErrorPtr* error) {
-  return compile(readFolder(folder, rejected), rejected, error);
 }
 
 std::optional<SampleFinding> SampleRules::scan(const void* bytes, std::size_t length,

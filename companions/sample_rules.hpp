@@ -21,10 +21,9 @@ namespace qm {
 inline constexpr const char* kSampleRulesErrorDomain = "com.quillmarsh.SampleRules";
 
 enum class SampleRulesError : std::int64_t {
-  badRules = 1,        // a rule file that cannot be read or compiled, or that says no verdict
-  timedOut = 2,        // the sample took longer than the limit
-  tooManyMatches = 3,  // a string of a rule occurs without end
-  failed = 4,          // anything else, the text says what
+  timedOut = 1,        // the sample took longer than the limit
+  tooManyMatches = 2,  // a string of a rule occurs without end
+  failed = 3,          // anything else, the text says what
 };
 
 // One rule file's text; the name is for messages and keeps equal rule names of two files apart.
@@ -51,19 +50,15 @@ class SampleRules {
   // Bytes; a larger rule file is left out.
   static constexpr std::uintmax_t kMaximumFileSize = 4 << 20;
 
-  // A source with a mistake is left out, with an error line in the log and, when `rejected` is given, there;
-  // the others still count. Null with kSampleRulesErrorDomain only when the rule library fails as such. No
-  // sources make rules that find nothing.
+  // A source with a mistake is left out, with the reason in `rejected`; the others still count. Null with
+  // kSampleRulesErrorDomain only when the rule library fails as such. No sources make rules that find
+  // nothing.
   static std::shared_ptr<const SampleRules> compile(const std::vector<SampleRuleSource>& sources,
                                                     std::vector<RejectedRules>* rejected = nullptr,
                                                     ErrorPtr* error = nullptr);
-  // All *.yar and *.yara files of the folder, by name; a missing folder has none. What cannot be read is left
-  // out as above.
+  // All *.yar and *.yara files of the folder, by name; a missing folder has none.
   static std::vector<SampleRuleSource> readFolder(const std::string& folder,
-                                                  std::vector<RejectedRules>* rejected = nullptr);
-  static std::shared_ptr<const SampleRules> compileFolder(const std::string& folder,
-                                                          std::vector<RejectedRules>* rejected = nullptr,
-                                                          ErrorPtr* error = nullptr);
+                                                  std::vector<RejectedRules>& unreadable);
   ~SampleRules();
   SampleRules(const SampleRules&) = delete;
   SampleRules& operator=(const SampleRules&) = delete;

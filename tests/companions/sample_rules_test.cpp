@@ -3,6 +3,7 @@
 #include "foundation/property.hpp"
 #include "support/testing.hpp"
 #include "tests/companions/samples.hpp"
+#include "tests/companions/shipped_rules.hpp"
 
 namespace {
 
@@ -45,9 +46,7 @@ TEST(SampleRules, AFileWithAMistakeIsLeftOutByNameAndOfTheOthersTheWorstMatchCou
 }
 
 TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
-  std::vector<RejectedRules> rejected;
-  const auto rules = SampleRules::compileFolder(QM_RULES_FOLDER, &rejected);
-  EXPECT_THAT(rejected, testing::IsEmpty());
+  const auto rules = shippedRules();
   const std::string text = standardTestFile();
   const std::pair<std::string, std::string> samples[] = {
       {text, "malicious EICAR-Test-File"},
@@ -58,8 +57,11 @@ TEST(SampleRules, TheShippedOnesTellBadFilesFromTheirInnocentRelatives) {
       {"#!/bin/sh\ncurl -fsSL https://example.com/install.sh | sh\n", ""},
   };
   for (const auto& [sample, finding] : samples) EXPECT_EQ(nameOf(*rules, sample), finding) << sample;
-  for (const char* path : {"/bin/bash", "/usr/bin/perl", "/usr/bin/git", "/proc/self/exe"})
-    EXPECT_EQ(nameOf(*rules, contentOf(path)), "") << path;
+  for (const char* path : {"/bin/bash", "/usr/bin/perl", "/usr/bin/dpkg", "/proc/self/exe"}) {
+    const std::string program = contentOf(path);
+    EXPECT_FALSE(program.empty()) << path;
+    EXPECT_EQ(nameOf(*rules, program), "") << path;
+  }
 }
 
 class LiveRules : public RecordedTest {
@@ -94,6 +96,21 @@ TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
   EXPECT_TRUE(recorder.hasError("a.yar are left out: line 3: "));
   EXPECT_TRUE(recorder.hasError("a.yar had before stay in use"));
   EXPECT_EQ(nameOf(*rules_.get(), "abc"), "malicious second");
+
+  const auto complaints = [&] {
+    const auto lines = recorder.lines();
+    return std::count_if(lines.begin(), lines.end(), [](const LogLine& line) {
+      return line.message.find("b.yara are left out: not a regular file") != std::string::npos ||
+             line.message.find("b.yara had before stay in use") != std::string::npos;
+    });
+  };
+  folder.write("rules/b.yara", std::string(SampleRules::kMaximumFileSize + 1, ' '));
+  EXPECT_TRUE(eventually([&] { return complaints() == 2; }));
+  folder.write("rules/c.yar", rule("later", bad_, "uvw"));
+  EXPECT_TRUE(comesToFind("uvw", "malicious later"));
+  EXPECT_EQ(nameOf(*rules_.get(), "xyz"), "malicious other");
+  EXPECT_EQ(complaints(), 2) << "once, though the folder was looked at again";
+  folder.write("rules/b.yara", rule("other", bad_, "xyz"));
   std::filesystem::rename(folder.path("rules"), folder.path("away"));
   EXPECT_TRUE(comesToFind("xyz", ""));
   EXPECT_TRUE(recorder.hasError("There are no sample rules in "));

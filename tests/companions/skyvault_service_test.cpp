@@ -8,6 +8,7 @@
 #include "support/reputation_peer.hpp"
 #include "tests/companions/completions.hpp"
 #include "tests/companions/samples.hpp"
+#include "tests/companions/shipped_rules.hpp"
 
 namespace {
 
@@ -30,7 +31,7 @@ Dictionary metadataOf(const std::string& content) {
 class SkyvaultAgent : public testing::Test {
  protected:
   SkyvaultAgent() {
-    options_.rules = SampleRules::compileFolder(QM_RULES_FOLDER);
+    options_.rules = shippedRules();
     options_.now = [] { return theTime; };
   }
   ~SkyvaultAgent() override { listener_.cancel(); }

@@ -7,6 +7,7 @@
 #include "reputation/backends/QMRWispClient.hpp"
 #include "support/testing.hpp"
 #include "tests/companions/samples.hpp"
+#include "tests/companions/shipped_rules.hpp"
 
 namespace {
 
@@ -33,7 +34,7 @@ std::int64_t codeOf(const ErrorPtr& error) {
 class ServedWisp : public RecordedTest {
  protected:
   ServedWisp() {
-    answering_.rules = SampleRules::compileFolder(QM_RULES_FOLDER);
+    answering_.rules = shippedRules();
     answering_.now = timeFarAhead;
     serving_.peers.admission = [](const RemoteConnection&) { return true; };
     serving_.userOf = [this](const RemoteConnection&) { return user_.load(); };
