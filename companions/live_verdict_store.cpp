@@ -84,11 +84,22 @@ void LiveVerdictStore::noteFailure(const ErrorPtr& error) {
 }
 
 void LiveVerdictStore::noteSuccess() {
-  if (!isFailing_.exchange(false)) return;
+  if (!isFailing_) return;
   const std::lock_guard lock(mutex_);
   if (damaged_.state.exists) return;  // some of it can still be read; the complaint stands
+  if (!isFailing_.exchange(false)) return;
   complaint_.clear();
   QM_LOG(log(), "The verdict store %{public}@ is in use again", path_);
+}
+
+void LiveVerdictStore::noteRemembering(const ErrorPtr& error) {
+  const std::lock_guard lock(mutex_);
+  const std::string complaint = error == nullptr ? "" : error->localizedDescription();
+  if (std::exchange(rememberingComplaint_, complaint) == complaint) return;
+  if (error != nullptr)
+    QM_LOG_ERROR(log(), "Analyses cannot be remembered: %{public}@", error);
+  else
+    QM_LOG(log(), "Analyses are remembered again");
 }
 
 void LiveVerdictStore::abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error) {
@@ -139,9 +150,9 @@ StoredVerdict LiveVerdictStore::remember(const SHA256Value& sha256, const SHA1Va
   const std::shared_ptr<VerdictStore> store = current();
   if (store == nullptr) return found;
   ErrorPtr error;
-  if (std::optional<StoredVerdict> inForce = store->remember(sha256, sha1, found, &error))
-    return std::move(*inForce);
-  QM_LOG_ERROR(log(), "An analysis could not be remembered: %{public}@", error);
+  std::optional<StoredVerdict> inForce = store->remember(sha256, sha1, found, &error);
+  noteRemembering(error);
+  if (inForce) return *std::move(inForce);
   // A full disk or another program's long change does not keep the store from answering.
   if (is(error, VerdictStoreError::damaged)) abandon(store, error);
   return found;

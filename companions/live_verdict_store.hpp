@@ -70,6 +70,7 @@ class LiveVerdictStore {
   void abandon(const std::shared_ptr<VerdictStore>& store, const ErrorPtr& error);
   void noteFailure(const ErrorPtr& error);  // with the mutex held
   void noteSuccess();
+  void noteRemembering(const ErrorPtr& error);
 
   const std::string path_;
   Clock::time_point (*const now_)();
@@ -79,6 +80,7 @@ class LiveVerdictStore {
   DamagedFile damaged_;
   Clock::time_point lastFailure_;  // when store_ is null
   std::string complaint_;          // what the log says about the failure that lasts
+  std::string rememberingComplaint_;
   std::atomic<bool> isFailing_ = false;
 };
 
