@@ -203,7 +203,8 @@ std::unique_ptr<VerdictStore> VerdictStore::open(const std::string& path, Access
                                                  std::chrono::milliseconds busyTimeout) {
   bool exists = false;
   if (!checkPlace(path, access == Access::readWrite, exists, error)) return nullptr;
-  auto writer = access == Access::readWrite ? std::make_unique<Writer>() : nullptr;
+  const bool isToBeChanged = access == Access::change || access == Access::readWrite;
+  auto writer = isToBeChanged ? std::make_unique<Writer>() : nullptr;
   if (writer != nullptr && !writer->open(path, exists, busyTimeout, error)) return nullptr;
   ErrorPtr failure;
   auto reader = std::make_unique<Reader>();
@@ -478,9 +479,9 @@ std::optional<std::size_t> VerdictStore::removeSource(const std::vector<VerdictK
       if (!change(work, error)) return std::nullopt;
       removed += stretch.removed;
       seen += static_cast<std::uint64_t>(stretch.rows);
-      if (observer)
-        observer(removed,
-                 total == 0 ? 1 : std::min(1.0, static_cast<double>(seen) / static_cast<double>(total)));
+      const double share =
+          std::min(1.0, static_cast<double>(seen) / std::max(1.0, static_cast<double>(total)));
+      if (observer && !observer(removed, share)) return removed;
       // A program that waits for the lock looks for it from time to time only.
       if (stretch.rows == kStretchRows) std::this_thread::sleep_for(kStretchPause);
     } while (stretch.rows == kStretchRows);

@@ -91,10 +91,10 @@ struct ReadStatements;
 class VerdictStore {
  public:
   // With readWrite a missing file is made (0644) together with its folders (0755), and an older store or an
-  // empty file is brought up to date. With readOnly nothing is changed and a missing file is an error. With
-  // look the same, for a moment: a user who may not take part in the locking beside the file, where nobody
-  // else has the store open, sees the file as it is.
-  enum class Access : std::uint8_t { look, readOnly, readWrite };
+  // empty file is brought up to date. With change the same, but a missing file is an error. With readOnly
+  // nothing is changed and a missing file is an error. With look the same, for a moment: a user who may not
+  // take part in the locking beside the file, where nobody else has the store open, sees the file as it is.
+  enum class Access : std::uint8_t { look, readOnly, change, readWrite };
 
   // How long a change waits for one that another program is making.
   static constexpr std::chrono::milliseconds kBusyTimeout{5000};
@@ -146,10 +146,10 @@ class VerdictStore {
   // Removes all or none. How many there were, nothing on failure.
   std::optional<std::size_t> remove(const std::vector<VerdictKey>& keys, ErrorPtr* error = nullptr);
 
-  // How many are removed for good, and how much of the work is done (0 to 1).
-  using RemovalObserver = std::function<void(std::size_t removed, double share)>;
+  // How many are removed for good, and how much of the work is done (0 to 1). False ends the removal there.
+  using RemovalObserver = std::function<bool(std::size_t removed, double share)>;
   // In many short transactions, so that others come to their turn: what was removed before a failure stays
-  // removed. How many there were, nothing on failure.
+  // removed. How many were removed, nothing on failure.
   std::optional<std::size_t> removeFilesOfSource(const std::string& source, ErrorPtr* error = nullptr,
                                                  const RemovalObserver& observer = nullptr);
   std::optional<std::size_t> removeURLsOfSource(const std::string& source, ErrorPtr* error = nullptr,

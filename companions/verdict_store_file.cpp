@@ -83,7 +83,7 @@ void failWith(ErrorPtr* error, const SQLiteFailure& failure, const std::string& 
     case SQLITE_NOTADB:
       return fail(error, VerdictStoreError::notAStore, "“" + path + "” is not a verdict store.");
     case SQLITE_FULL:
-      return fail(error, VerdictStoreError::diskFull, store + "was not changed: the disk is full.");
+      return fail(error, VerdictStoreError::diskFull, store + "cannot be changed: the disk is full.");
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
       return fail(error, VerdictStoreError::busy, store + "is locked by another program.");

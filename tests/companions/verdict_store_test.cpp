@@ -223,6 +223,7 @@ TEST_F(VerdictStoreTest, LookupsDuringAnImportAllSucceedAndSeeWholeBatches) {
                                           if (steps.empty() || steps.back() != removed)
                                             steps.push_back(removed);
                                           EXPECT_EQ(reader->count()->size(), removed == 22'000 ? 0u : 1u);
+                                          return true;
                                         }),
             22'000u);
   EXPECT_EQ(steps, (std::vector<std::size_t>{20'000, 22'000})) << "step by step, for others to see";

@@ -141,6 +141,7 @@ TEST(VerdictImport, TheProgramImportsAnInstalledSystemAndWhatItExportsIsTheSameA
   };
   const std::string sumOfHello = "5d41402abc4b2a76b9719d911017c592";  // md5sum of "hello"
   qmverdicts(2, "none", {"import", "--format", "debian", folder.path("root")});
+  qmverdicts(2, "none", {"remove", "--source", "debian"});
   EXPECT_FALSE(std::filesystem::exists(folder.path("none"))) << "no store for a folder without packages";
   const std::string dpkg = "root/var/lib/dpkg/";
   folder.write(dpkg + "status", "Package: p\nStatus: install ok triggers-pending\nConffiles:\n /etc/p " +
@@ -282,17 +283,27 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
   qmverdicts(2, {"add-url", "evil.example", "not a host", "--verdict", "pu"});
   EXPECT_EQ(qmverdicts(1, {"remove-url", "http://evil.example/other"}), "0 removed\n");
 
-  // An import that waits for more lines ends at Ctrl-C with a true summary.
-  ChildProcess running({QM_QMVERDICTS, "--store", folder.path("s.sqlite"), "import-url", "--format", "csv",
-                        "--verdict", "pu", "-"},
-                       true);
-  while (!testing::Value(
-      runCommand({"grep", "SigCgt", "/proc/" + std::to_string(running.pid()) + "/status"}).output,
-      testing::MatchesRegex(".*[2367abef]\n"))) {  // until it handles SIGINT
+  // An import that waits for more lines, and a removal that waits for its turn, end at Ctrl-C with a true
+  // summary.
+  qmverdicts(1, {"import-url", "--format", "hosts", "--verdict", "pu", "--source", "l", list});
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(folder.path("s.sqlite").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const std::pair<std::vector<std::string>, const char*> commands[] = {
+      {{"import-url", "--format", "csv", "--verdict", "pu", "-"}, "0 lines: 0 verdicts added"},
+      {{"remove-url", "--source", "l"}, "1 removed\n"}};
+  for (auto [arguments, summary] : commands) {
+    arguments.insert(arguments.begin(), {QM_QMVERDICTS, "--store", folder.path("s.sqlite")});
+    ChildProcess running(arguments, true);
+    while (!testing::Value(
+        runCommand({"grep", "SigCgt", "/proc/" + std::to_string(running.pid()) + "/status"}).output,
+        testing::MatchesRegex(".*[2367abef]\n"))) {  // until it handles SIGINT
+    }
+    ::kill(running.pid(), SIGINT);
+    if (arguments.back() == "l") sqlite3_close(other);
+    EXPECT_THAT(running.readToEnd(), HasSubstr(summary));
+    EXPECT_EQ(WTERMSIG(running.wait()), SIGINT);
   }
-  ::kill(running.pid(), SIGINT);
-  EXPECT_THAT(running.readToEnd(), HasSubstr("0 lines: 0 verdicts added"));
-  EXPECT_EQ(WTERMSIG(running.wait()), SIGINT);
 }
 
 // The other end of a terminal that a program writes to.

@@ -1,8 +1,11 @@
 #include "tools/qmr/progress_line.hpp"
 
 #include <cstddef>
+#include <cstdlib>
+#include <string_view>
 
 #include "foundation/utf8.hpp"
+#include "platform/terminal.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -17,6 +20,16 @@ std::string firstColumns(const std::string& text, std::size_t columns) {
 }
 
 }  // namespace
+
+bool isDumbTerminal() {
+  const char* const terminal = std::getenv("TERM");
+  const std::string_view name = terminal == nullptr ? "" : terminal;
+  return name.empty() || name == "dumb";
+}
+
+unsigned progressWidth() {
+  return isDumbTerminal() ? 0 : terminalWidth(StandardStream::error);
+}
 
 bool ProgressLine::isDue() const {
   return width_ != 0 && std::chrono::steady_clock::now() - drawnAt_ >= kRedrawInterval;

@@ -7,6 +7,11 @@
 
 namespace qm::qmr {
 
+// The terminal that the environment names can do no more than print.
+bool isDumbTerminal();
+// Columns for a line of progress on standard error; 0 when that is no terminal that could take it back.
+unsigned progressWidth();
+
 class ProgressLine {
  public:
   // Does nothing at all when the width is 0 (no terminal).

@@ -4,23 +4,18 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <string_view>
 #include <utility>
 
 #include "foundation/error.hpp"
 #include "platform/terminal.hpp"
 #include "tools/qmr/exit_status.hpp"
+#include "tools/qmr/progress_line.hpp"
 
 namespace qm::qmr {
 namespace {
 
 // A feeder sees the end of the run at once, unless the system keeps it.
 constexpr std::chrono::seconds kFeederGrace{1};
-
-std::string_view environment(const char* name) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? std::string_view() : std::string_view(value);
-}
 
 }  // namespace
 
@@ -52,9 +47,9 @@ RunStreams standardStreams() {
 
 // Colour and progress are for terminals that can do more than print (https://no-color.org).
 RunAppearance standardAppearance() {
-  const bool dumb = environment("TERM").empty() || environment("TERM") == "dumb";
-  return {.colour = !dumb && environment("NO_COLOR").empty() && isTerminal(StandardStream::output),
-          .progressWidth = dumb ? 0 : terminalWidth(StandardStream::error)};
+  const char* const noColour = std::getenv("NO_COLOR");
+  const bool isPlain = isDumbTerminal() || (noColour != nullptr && *noColour != '\0');
+  return {.colour = !isPlain && isTerminal(StandardStream::output), .progressWidth = progressWidth()};
 }
 
 int endOfRun(const RunOutcome& outcome, int signal) {

@@ -98,7 +98,7 @@ int removeFiles(const Options& options) {
   if (!subjects) return kFailed;
   std::vector<VerdictKey> keys;
   for (const Subject& subject : *subjects) keys.insert(keys.end(), subject.keys.begin(), subject.keys.end());
-  const auto store = openStore(options, VerdictStore::Access::readWrite);
+  const auto store = openStore(options, VerdictStore::Access::change);
   if (store == nullptr) return kFailed;
   if (!options.source.empty()) return removeSource(*store, options, &VerdictStore::removeFilesOfSource);
   ErrorPtr error;

@@ -71,7 +71,7 @@ int runImport(const Options& options, std::string_view unit,
               const std::function<tools::Failure(ImportLedger&)>& work) {
   const auto store = openStore(options, VerdictStore::Access::readWrite);
   if (store == nullptr) return kFailed;
-  qmr::ProgressLine progress(std::cerr, progressWidth());
+  qmr::ProgressLine progress(std::cerr, qmr::progressWidth());
   ImportLedger ledger(*store, progress, unit);
   const Interruption interruption(
       [&] { ledger.conclude(std::cout, [&] { endBySignal(interruption.signal()); }); });
@@ -108,7 +108,7 @@ int importLines(const Options& options, CSVSubject subject) {
 
 // Before there is a store: a folder without packages leaves none behind.
 tools::Failure readDebianPackages(const std::string& root, DebianPackages& packages) {
-  qmr::ProgressLine progress(std::cerr, progressWidth());
+  qmr::ProgressLine progress(std::cerr, qmr::progressWidth());
   return packages.read(root, [&](std::size_t done, std::size_t all) {
     progress.show([&] {
       return "reading what dpkg recorded: " + std::to_string(done) + " of " + std::to_string(all) +

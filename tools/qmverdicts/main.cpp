@@ -1,7 +1,8 @@
 // qmverdicts: looks at and edits the verdict store that the Skyvault agent answers from.
 //
 // Exit status: 0 done, 1 something asked for is not in the store or a part of an import was skipped, 2 it
-// could not be done (nothing was changed then, but for the finished part of an import).
+// could not be done (nothing was changed then, but for the finished part of an import or of the removal of a
+// source).
 
 #include <CLI/CLI.hpp>
 
@@ -10,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/system_root.hpp"
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/system_root.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "tools/qmverdicts/file_commands.hpp"
 #include "tools/qmverdicts/import_command.hpp"

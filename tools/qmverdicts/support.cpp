@@ -1,7 +1,6 @@
 #include "tools/qmverdicts/support.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <map>
@@ -9,7 +8,7 @@
 
 #include "companions/url_categories.hpp"
 #include "foundation/value.hpp"
-#include "platform/terminal.hpp"
+#include "platform/interruption.hpp"
 #include "tools/qmr/display_text.hpp"
 #include "tools/qmr/progress_line.hpp"
 
@@ -101,27 +100,24 @@ int printRemoved(const std::optional<std::size_t>& removed, const ErrorPtr& erro
 int removeSource(VerdictStore& store, const Options& options,
                  std::optional<std::size_t> (VerdictStore::*removal)(const std::string&, ErrorPtr*,
                                                                      const VerdictStore::RemovalObserver&)) {
-  qmr::ProgressLine progress(std::cerr, progressWidth());
+  qmr::ProgressLine progress(std::cerr, qmr::progressWidth());
   std::size_t done = 0;
+  const Interruption interruption([] {});
   const auto show = [&](std::size_t removed, double share) {
     done = removed;
     progress.show([&] {
       return std::to_string(removed) + " removed, " + std::to_string(static_cast<int>(100 * share)) + " %";
     });
+    return interruption.signal() == 0;
   };
   ErrorPtr error;
   const std::optional<std::size_t> removed = (store.*removal)(options.source, &error, show);
   progress.clear();
+  if (!removed && done != 0) report(std::to_string(done) + " were removed before this:");
   const int status = printRemoved(removed, error);
-  if (!removed && done != 0) report(std::to_string(done) + " were removed before that");
-  return status;
-}
-
-unsigned progressWidth() {
-  const char* terminal = std::getenv("TERM");
-  const bool isDumb =
-      terminal == nullptr || std::string_view(terminal).empty() || std::string_view(terminal) == "dumb";
-  return isDumb ? 0 : terminalWidth(StandardStream::error);
+  if (interruption.signal() == 0) return status;
+  std::fflush(stdout);
+  endBySignal(interruption.signal());
 }
 
 }  // namespace qm::qmverdicts

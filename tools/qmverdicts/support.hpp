@@ -50,12 +50,10 @@ struct CountedKind {
 int printCounts(VerdictStore& store, const Options& options, const std::vector<CountedKind>& kinds);
 // The outcome of a removal.
 int printRemoved(const std::optional<std::size_t>& removed, const ErrorPtr& error);
-// Removes what is of the options' source, with progress on a terminal; says the outcome. The exit status.
+// Removes what is of the options' source, with progress on a terminal; says the outcome, also when a person
+// interrupts it. The exit status.
 int removeSource(VerdictStore& store, const Options& options,
                  std::optional<std::size_t> (VerdictStore::*removal)(const std::string&, ErrorPtr*,
                                                                      const VerdictStore::RemovalObserver&));
-
-// Columns for a line of progress on standard error; 0 when that is no terminal that could take it back.
-unsigned progressWidth();
 
 }  // namespace qm::qmverdicts

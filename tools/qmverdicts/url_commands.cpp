@@ -45,7 +45,7 @@ int addURLs(const Options& options) {
 int removeURLs(const Options& options) {
   const auto keys = keysFrom(options.arguments);
   if (!keys) return kFailed;
-  const auto store = openStore(options, VerdictStore::Access::readWrite);
+  const auto store = openStore(options, VerdictStore::Access::change);
   if (store == nullptr) return kFailed;
   if (!options.source.empty()) return removeSource(*store, options, &VerdictStore::removeURLsOfSource);
   ErrorPtr error;
