@@ -38,7 +38,6 @@ class RecentMap {
     places_.clear();
     entries_.clear();
   }
-  std::size_t size() const { return entries_.size(); }
 
  private:
   using Entries = std::list<std::pair<Key, Value>>;
