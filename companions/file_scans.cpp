@@ -14,8 +14,8 @@ struct FileScans::Run {
   Callers waiting;  // with the mutex held; for the scan that is not begun
   // Of the scan that runs, on its thread.
   Callers callers;
+  Clock::time_point begun;
   Clock::time_point end;
-  WorkShare::Ticket goesOn;
 };
 
 std::shared_ptr<FileScans> FileScans::create(Queue queue, Limits limits, Scanner scanner) {
@@ -25,7 +25,6 @@ std::shared_ptr<FileScans> FileScans::create(Queue queue, Limits limits, Scanner
 FileScans::FileScans(Queue queue, Limits limits, Scanner scanner)
     : limits_(limits),
       scanner_(std::move(scanner)),
-      goingOn_(WorkShare::create(limits.goingOn)),
       work_(std::move(queue), limits.running, limits.waiting, limits.lost) {}
 
 namespace {
@@ -49,7 +48,7 @@ bool FileScans::ask(const FilePath& file, Caller caller) {
   const std::lock_guard lock(mutex_);
   std::shared_ptr<Run>& run = runs_[file.path];
   const bool isNew = run == nullptr;
-  if (isNew) run = std::make_shared<Run>(Run{file, {}, {}, {}, nullptr});
+  if (isNew) run = std::make_shared<Run>(Run{file, {}, {}, {}, {}});
   gone = takeGone(run->waiting);
   run->waiting.push_back(std::move(caller));
   if (!isNew || submit(run)) return true;
@@ -65,12 +64,13 @@ bool FileScans::submit(const std::shared_ptr<Run>& run) {
 void FileScans::scan(const std::shared_ptr<Run>& run) {
   run->callers = takeWaiting(*run);
   if (run->callers.empty()) return;
-  run->end = Clock::now() + limits_.time;
+  run->begun = Clock::now();
+  run->end = run->begun + limits_.time;
   const WispAnswers::Scan its{[this, &run] { return isWanted(*run); },
                               [this, &run] { return deadline(*run); }};
   ErrorPtr error;
   const Response response = scanner_(run->file, its, &error);
-  run->goesOn = nullptr;
+  stopGoingOn(*run);
   for (const Caller& caller : std::exchange(run->callers, {}))
     caller.answer(error == nullptr ? response : nullptr, error);
   scanForThoseThatCame(run);
@@ -109,9 +109,19 @@ bool FileScans::isWanted(Run& run) {
   return mayGoOn(run);
 }
 
-bool FileScans::mayGoOn(Run& run) {
-  if (run.goesOn == nullptr) run.goesOn = goingOn_->take();
-  return run.goesOn != nullptr;
+// One that has lost its place to others does not keep them from going on, either.
+bool FileScans::mayGoOn(const Run& run) {
+  const std::lock_guard lock(mutex_);
+  const auto isLost = [now = Clock::now()](const auto& each) { return each.second <= now; };
+  std::erase_if(goingOn_, isLost);
+  if (goingOn_.count(&run) == 0 && goingOn_.size() >= limits_.goingOn) return false;
+  goingOn_.emplace(&run, run.begun + limits_.lost.after);
+  return true;
+}
+
+void FileScans::stopGoingOn(const Run& run) {
+  const std::lock_guard lock(mutex_);
+  goingOn_.erase(&run);
 }
 
 FileScans::Clock::time_point FileScans::deadline(Run& run) {

@@ -58,7 +58,8 @@ class FileScans : public std::enable_shared_from_this<FileScans> {
   bool submit(const std::shared_ptr<Run>& run);
   void scan(const std::shared_ptr<Run>& run);
   bool isWanted(Run& run);
-  bool mayGoOn(Run& run);
+  bool mayGoOn(const Run& run);
+  void stopGoingOn(const Run& run);
   Clock::time_point deadline(Run& run);
   // Those that the scan which begins is for; without any the run is over.
   Callers takeWaiting(Run& run);
@@ -66,10 +67,10 @@ class FileScans : public std::enable_shared_from_this<FileScans> {
 
   const Limits limits_;
   const Scanner scanner_;
-  const std::shared_ptr<WorkShare> goingOn_;
   BoundedWork work_;
   std::mutex mutex_;
   std::map<std::string, std::shared_ptr<Run>> runs_;  // by the path
+  std::map<const Run*, Clock::time_point> goingOn_;   // and when each of them is lost
 };
 
 }  // namespace qm

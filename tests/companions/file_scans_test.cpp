@@ -122,6 +122,20 @@ TEST_F(Scans, OneGoesOnWithoutItsCallerAndWhoAsksMeanwhileIsAnsweredBehindIt) {
   first.answers.waitForOne();
 }
 
+TEST_F(Scans, OneThatIsLostDoesNotKeepAnotherFromGoingOn) {
+  limits_.goingOn = 1;
+  limits_.lost.after = std::chrono::seconds(0);
+  start();
+  Person first, second;
+  EXPECT_TRUE(ask("/a", first) && ask("/b", second));
+  begun_.waitFor(2);
+  first.isWaiting = second.isWaiting = false;
+  EXPECT_TRUE(isWanted("/a") && isWanted("/b"));
+  for (const char* path : {"/a", "/b"}) steps_.at(path).put('e');
+  first.answers.waitForOne();
+  second.answers.waitForOne();
+}
+
 TEST_F(Scans, WhatNobodyWaitsForIsNotBegunAndNothingTakesLongerThanItsTime) {
   limits_.running = 1;
   limits_.waiting = 1;
