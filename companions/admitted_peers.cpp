@@ -25,26 +25,29 @@ void AdmittedPeers::serve(const std::shared_ptr<RemoteListener>& listener, Serve
 }
 
 bool AdmittedPeers::accept(const std::shared_ptr<RemoteConnection>& connection, const Serve& serve) {
+  const std::uint32_t user = connection->effectiveUserIdentifier();
   {
     const std::lock_guard lock(mutex_);
-    if (undecided_ >= options_.undecidedPeers) {
+    if (undecided_.size() >= options_.undecidedPeers ||
+        undecided_.count(user) >= options_.undecidedPeersOfOneUser) {
       QM_LOG_ERROR(log_, "Process %{public}d is refused: too many are being checked",
                    connection->processIdentifier());
       return false;
     }
-    ++undecided_;
+    undecided_.insert(user);
   }
   Queue::serial("com.quillmarsh." + name_ + ".admission")
-      .async([self = shared_from_this(), connection, serve] { self->decide(connection, serve); });
+      .async([self = shared_from_this(), connection, user, serve] { self->decide(connection, user, serve); });
   return true;
 }
 
-void AdmittedPeers::decide(const std::shared_ptr<RemoteConnection>& connection, const Serve& serve) {
+void AdmittedPeers::decide(const std::shared_ptr<RemoteConnection>& connection, std::uint32_t user,
+                           const Serve& serve) {
   const bool isAdmitted = options_.admission(*connection);
   std::uint64_t number = 0;
   {
     const std::lock_guard lock(mutex_);
-    --undecided_;
+    undecided_.erase(undecided_.find(user));
     if (isAdmitted) number = add(connection);
   }
   if (number == 0) {

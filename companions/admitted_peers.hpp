@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "foundation/block.hpp"
@@ -21,7 +22,10 @@ class AdmittedPeers : public std::enable_shared_from_this<AdmittedPeers> {
   struct Options {
     // Whether a peer may talk; may take its time. Nothing of the peer is read before it has said so.
     Block<bool(const RemoteConnection& peer)> admission;
-    std::size_t undecidedPeers = 64;  // being checked; more are refused
+    // Being checked, of all and of one user; more are refused. A user whose programs cannot be looked at
+    // leaves places to the others.
+    std::size_t undecidedPeers = 64;
+    std::size_t undecidedPeersOfOneUser = 32;
     std::size_t connectionsOfOneProcess = 64;
   };
   // What one peer may call; the export holds the object weakly.
@@ -47,7 +51,7 @@ class AdmittedPeers : public std::enable_shared_from_this<AdmittedPeers> {
   AdmittedPeers(std::string name, Log& log, Options options);
 
   bool accept(const std::shared_ptr<RemoteConnection>& connection, const Serve& serve);
-  void decide(const std::shared_ptr<RemoteConnection>& connection, const Serve& serve);
+  void decide(const std::shared_ptr<RemoteConnection>& connection, std::uint32_t user, const Serve& serve);
   // With mutex_ held. Its number, 0 when its process has as many connections as it may.
   std::uint64_t add(const std::shared_ptr<RemoteConnection>& connection);
   void keep(std::uint64_t number, const std::shared_ptr<void>& object);
@@ -58,7 +62,7 @@ class AdmittedPeers : public std::enable_shared_from_this<AdmittedPeers> {
   const Options options_;
 
   std::mutex mutex_;
-  std::size_t undecided_ = 0;
+  std::multiset<std::uint32_t> undecided_;  // the user of each
   std::uint64_t lastNumber_ = 0;
   std::map<std::uint64_t, Entry> peers_;
 };

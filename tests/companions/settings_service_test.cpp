@@ -65,10 +65,14 @@ class ServedSettings : public RecordedTest {
  protected:
   ServedSettings() {
     SettingsService::Options options;
-    options.peers.admission = [this](const RemoteConnection&) { return admits_.load(); };
+    options.peers.admission = [this](const RemoteConnection&) {
+      decides_.wait(false);
+      return admits_.load();
+    };
     options.userOf = [this](const RemoteConnection&) { return user_.load(); };
     options.owner = kOwner;
     options.peers.connectionsOfOneProcess = 16;
+    options.peers.undecidedPeersOfOneUser = 2;
     options.subscribers.answerTime = std::chrono::milliseconds(300);
     options.subscribers.subscriptionsOfOneProcess = 4;
     options.subscribers.unansweredActions = 1;
@@ -107,6 +111,13 @@ class ServedSettings : public RecordedTest {
             protocol, subscriber.listener->endpoint(), [&](bool reply) { success = reply; });
     return success;
   }
+  static bool isServed(const std::shared_ptr<RemoteConnection>& connection) {
+    bool isAnswered = false;
+    connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
+        .call<&qmsettingsdProtocol::getUserWhitelistWithReply>(
+            [&](const Array&, bool) { isAnswered = true; });
+    return isAnswered;
+  }
   static Dictionary systemSettings(const std::shared_ptr<RemoteConnection>& connection) {
     Dictionary settings;
     connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
@@ -140,6 +151,7 @@ class ServedSettings : public RecordedTest {
   const std::shared_ptr<RemoteListener> listener_ = RemoteListener::anonymousListener();
   std::shared_ptr<SettingsService> service_;
   std::atomic<bool> admits_ = true;
+  std::atomic<bool> decides_ = true;
   std::atomic<std::uint32_t> user_ = kOwner;
 };
 
@@ -228,17 +240,21 @@ TEST_F(ServedSettings, OneSubscriptionForAnEndpointAndProtocolUntilItsConnection
 TEST_F(ServedSettings, OneProcessGetsOnlySoManyConnections) {
   std::vector<std::shared_ptr<RemoteConnection>> crowd;
   for (int i = 0; i < 17; ++i) crowd.push_back(connect());
-  const auto isServed = [](const auto& connection) {
-    bool isAnswered = false;
-    connection->synchronousRemoteObjectProxyWithErrorHandler(nullptr)
-        .template call<&qmsettingsdProtocol::getUserWhitelistWithReply>(
-            [&](const Array&, bool) { isAnswered = true; });
-    return isAnswered;
-  };
   EXPECT_TRUE(isServed(crowd[15]));
   EXPECT_FALSE(isServed(crowd[16]));
   crowd.clear();
   EXPECT_TRUE(eventually([&] { return isServed(connect()); }));
+}
+
+TEST_F(ServedSettings, OneUserGetsOnlySoManyPlacesWhileItsProgramsAreChecked) {
+  decides_ = false;
+  std::vector<std::future<std::shared_ptr<RemoteConnection>>> crowd;
+  for (int i = 0; i < 3; ++i) crowd.push_back(std::async(std::launch::async, [this] { return connect(); }));
+  EXPECT_TRUE(eventually([&] { return recorder.hasError("too many are being checked"); }));
+  decides_ = true;
+  decides_.notify_all();
+  for (auto& connection : crowd) connection.wait();
+  EXPECT_TRUE(isServed(connect()));
 }
 
 TEST_F(ServedSettings, APushReportsEachAnswerAndWaitsForNobodyForLong) {
