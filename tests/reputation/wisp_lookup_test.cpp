@@ -82,6 +82,10 @@ struct Delayed {
 class WispLookupTest : public RecordedTest {
  protected:
   WispLookupTest() { settings->settings.set({{kWispConfigState, 2}}); }
+  // A call that is not answered holds the lookup, and that the client.
+  ~WispLookupTest() override {
+    while (wisp->calls.size() > 0) wisp->calls.take();
+  }
 
   QMRWispReputationLookup::Timing timing() {
     return {.now = [this] { return now; },
