@@ -381,8 +381,9 @@ struct QMRWispReputationLookup::URLLookup {
   ~URLLookup() {
     if (isAnswered) return;
     constexpr const char* text =
-        "The Wisp core daemon cannot be reached, has ended, or does not admit this program";
-    provider->answerUnrated(provider->lookupErrorWithCode(kConnectionLost, text), callback);
+        "The call to the Wisp core daemon failed: it cannot be reached, has ended, does not admit this "
+        "program, or the two do not understand each other";
+    provider->handleWispErrorResponse(provider->lookupErrorWithCode(kConnectionLost, text), url, callback);
   }
 
   const std::shared_ptr<const QMRWispReputationLookup> provider;

@@ -20,9 +20,10 @@
 #include "settings/QMRSettingsClientProtocol.hpp"
 
 // Replies are called on whatever queue the Wisp client answers on. A daemon that gives no answer within the
-// time-out and a second is an error like one of its own. When the connection breaks, or cannot be made, the
-// error goes to the settings; the reply of a file's lookup is not called but released at once, with all that
-// the lookup holds, and the callback of a URL's lookup gets an error.
+// time-out and a second is an error like one of its own. When a call fails on the connection (which breaks,
+// or cannot be made, or what it carries cannot be coded), the error goes to the settings; the reply of a
+// file's lookup is not called but released at once, with all that the lookup holds, and the callback of a
+// URL's lookup gets an error.
 class QMRWispReputationLookup final : public QMRReputationLookup {
  public:
   using Wisp = std::shared_ptr<QMRWispProtocol>;
@@ -39,8 +40,9 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   static constexpr std::chrono::seconds kGrace{1};
   // The code of the error of a URL lookup while the service is not usable.
   static constexpr std::int64_t kNotAvailable = 1;
-  // The code of the error of a URL lookup whose connection broke, or could not be made.
-  static constexpr std::int64_t kConnectionLost = 2;
+  // The code of the error of a URL lookup whose call failed on the connection; none of the daemon's, which
+  // are positive.
+  static constexpr std::int64_t kConnectionLost = -1;
 
   // Where time comes from; a test has its own.
   struct Timing {
@@ -74,9 +76,8 @@ class QMRWispReputationLookup final : public QMRReputationLookup {
   void cloudScanForFile(const Request& request, const qm::FileReputationCompletion& reply) override;
 
   // The categories of the result are { "cats": score dictionary }, its ttl is the daemon's, in seconds. A
-  // failure ends in the unknown rating with an error: code 0 for what is no URL, kNotAvailable,
-  // kConnectionLost, or the daemon's. The callback is always called. The time-out, in seconds, is passed on
-  // as it is.
+  // failure ends in the unknown rating with an error: code 0 for what is no URL and for a daemon that gave no
+  // answer, kNotAvailable, kConnectionLost, or the daemon's. The time-out, in seconds, is passed on as it is.
   void reputationForURL(const std::string& url, std::uint32_t timeout,
                         const qm::URLReputationCompletion& callback) override;
   // One answer of the daemon about a URL, which is an error or a response, becomes a result for the callback.

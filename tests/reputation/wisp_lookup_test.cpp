@@ -456,6 +456,11 @@ TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
   expectFailed(1, "Wisp is not available");
   EXPECT_EQ(wisp->calls.size() + settings->reports.size(), 0U);
   settings->settings.set({{kWispConfigState, 2}});
+  const char* const text =
+      "The call to the Wisp core daemon failed: it cannot be reached, has ended, does not admit this "
+      "program, "
+      "or the two do not understand each other";
+  const std::string lost = lookup->lookupErrorWithCode(-1, text)->description();
   for (const bool isCloudScan : {false, true}) {
     lookup->setUseCloudScanForURLLookup(isCloudScan);
     rate("http://h/");
@@ -464,7 +469,9 @@ TEST_F(WispLookupTest, AURLThatIsNotRatedGetsTheUnknownRatingAndTheReason) {
     EXPECT_EQ(settings->reports.take(), daemonError);
     rate("http://h/");
     nextCall();  // let go of
-    expectFailed(2, "The Wisp core daemon cannot be reached, has ended, or does not admit this program");
+    expectFailed(-1, lost);
+    EXPECT_TRUE(recorder.has(LogLevel::error,
+                             "Error occurred when performing reputation lookup for URL http://h/: " + lost));
   }
   EXPECT_EQ(ratings.size() + settings->reports.size(), 0U);
 }
