@@ -26,7 +26,8 @@ class QMRReputationProtocol {
   // waits must learn of that. The request's metadata is replaced on the way. A null reply is allowed.
   virtual void reputationForFile(const std::shared_ptr<QMRFileReputationRequest>& request,
                                  const qm::FileReputationCompletion& reply) = 0;
-  // The time-out is in seconds.
+  // Calls the callback once, now or later, with a rating or an error. The time-out is in seconds. A null
+  // callback is allowed.
   virtual void reputationForURL(const std::string& url, std::uint32_t timeout,
                                 const qm::URLReputationCompletion& callback) = 0;
   // Adds to what is sent with every query about a file; a later value of the same key replaces the earlier

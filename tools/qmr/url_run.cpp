@@ -31,16 +31,14 @@ struct URLRun::Question {
   std::optional<URLAnswer> answer{};
 };
 
-// What the backend holds of a question: when it lets go of it without an answer, there will be none.
+// What the backend holds of a question: should it let go of it without an answer, there will be none.
 class URLRun::Reply {
  public:
   Reply(std::shared_ptr<URLRun> run, QuestionPtr question)
       : run_(std::move(run)), question_(std::move(question)) {}
   ~Reply() {
     run_->answered(*question_, run_->failed(URLFailure::dropped,
-                                            "the " + run_->backend_.name +
-                                                " service gave no answer: it cannot be reached, has ended, "
-                                                "or does not admit this program"));
+                                            "the " + run_->backend_.name + " service gave no answer"));
   }
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;

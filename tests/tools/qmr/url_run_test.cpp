@@ -112,10 +112,9 @@ TEST_F(URLRunTest, TheTableAndTheLinesSayWhatWasAnswered) {
   const std::vector<std::string> urls{"bad", "failing", "dropped"};
   const std::string table = ask({.urls = urls, .grace = std::chrono::minutes(1)}).output;
   EXPECT_EQ(table.find('\x1b'), std::string::npos) << table;
-  for (const char* row :
-       {"  -20          60  Test     ads\\e[2J=100, news=0              bad\n",
-        "error           -  Test     A \"bad\" day                       failing\n",
-        "error           -  Test     the Test service gave no answer: it cannot be reached"})
+  for (const char* row : {"  -20          60  Test     ads\\e[2J=100, news=0              bad\n",
+                          "error           -  Test     A \"bad\" day                       failing\n",
+                          "error           -  Test     the Test service gave no answer "})
     EXPECT_NE(table.find(row), std::string::npos) << table;
 
   std::istringstream lines(ask({.urls = urls, .json = true, .grace = std::chrono::minutes(1)}).output);
