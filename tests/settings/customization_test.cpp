@@ -153,7 +153,6 @@ TEST_F(CustomizationTest, TheProductAndItsInterfaceAreSaidByParameterAndOperator
     setParameters(expected.parameters);
     setOperator(expected.operatorId);
     EXPECT_EQ(customization_.productFamilyName(), expected.family);
-    EXPECT_EQ(customization_.isMDR(), customization_.productFamilyName() == "mdr");
     EXPECT_EQ(customization_.hasGUI(), expected.hasGUI) << expected.parameters;
   }
 }
@@ -207,6 +206,23 @@ TEST_F(CustomizationTest, ColoursAreHexadecimalOrNameAStyleConstantThatIs) {
   EXPECT_TRUE(customization_.isTemplatedStatusbarIcon());
   EXPECT_EQ(QMRCustomization::fullPathForImage("shield.png"),
             "/Library/Quillmarsh-trial/qxmac/gui/shield.png");
+}
+
+TEST_F(CustomizationTest, EachColourHasItsKey) {
+  using Customization = QMRCustomization;
+  const std::pair<std::optional<Customization::Color> (Customization::*)() const, std::string> colours[] = {
+      {&Customization::surfaceColor, "surfaceColor"},
+      {&Customization::buttonColor, "buttonColor"},
+      {&Customization::hoverColor, "hoverColor"},
+      {&Customization::selectedTextColor, "selectedTextColor"},
+      {&Customization::titlebarTextColor, "titlebarTextColor"},
+      {&Customization::backgroundColor, "backgroundColor"},
+      {&Customization::browsingPageSecondaryColor, "browsingPageSecondaryColor"},
+  };
+  for (const auto& [colour, key] : colours) {
+    write("../gui/product.json", "{\"" + key + "\":\"#33ff00\"}");
+    EXPECT_EQ((customization_.*colour)(), (Customization::Color{0.2, 1, 0})) << key;
+  }
 }
 
 TEST_F(CustomizationTest, TheProductsLanguagesAreThoseOfTheLanguagesFile) {
