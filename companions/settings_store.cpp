@@ -167,7 +167,7 @@ ErrorPtr SettingsStore::edit(const Edit& edit) {
       const std::optional<SettingsDocument> document = read(content, &error);
       if (document && document->text().empty() && hasText_)
         return makeSettingsError(SettingsError::busy,
-                                 "\"" + path_ + "\" is empty, it may just be being saved");
+                                 "\"" + path_ + "\" is empty or gone, it may just be being saved");
       std::optional<SettingsDocument> changed = document ? edit(*document, &error) : std::nullopt;
       if (!changed) return error;
       outcome = changed->text() == document->text() ? FileReplacement::done
