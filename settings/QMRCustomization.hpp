@@ -1,5 +1,6 @@
-// Which product variant is installed and which features it carries, from the parameters file and the one-line
-// files that the installer wrote beside it. The daemon asks it for each connection which reputation backend
+// Which product variant is installed, which features it carries, and how it looks and in which languages:
+// from the parameters file and the one-line files that the installer wrote beside it, and from the product
+// and language files of the user interface. The daemon asks it for each connection which reputation backend
 // to use.
 //
 // Every question reads its file anew, so a change takes effect at once; any thread may ask. A file that
