@@ -60,7 +60,6 @@ QMRSettingsClient::~QMRSettingsClient() {
 }
 
 void QMRSettingsClient::initialize() {
-  storeSettings({}, {});
   if (customization_.isMDR()) return;
   for (const std::string_view protocolName : {qm::RemoteProtocol<RemoteActionEventsProtocol>::name,
                                               qm::RemoteProtocol<RemoteActionExecutedEventsProtocol>::name})

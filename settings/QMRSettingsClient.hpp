@@ -157,8 +157,10 @@ class QMRSettingsClient : public QMRServiceClient,
 
   const QMRCustomization customization_;
   const QMRAuthorization authorization_;
-  qm::Property<std::shared_ptr<const qm::Dictionary>> userSettings_;    // never null
-  qm::Property<std::shared_ptr<const qm::Dictionary>> systemSettings_;  // never null
+  qm::Property<std::shared_ptr<const qm::Dictionary>> userSettings_{
+      std::make_shared<const qm::Dictionary>()};  // never null
+  qm::Property<std::shared_ptr<const qm::Dictionary>> systemSettings_{
+      std::make_shared<const qm::Dictionary>()};  // never null
   qm::HandlersByName<RemoteActionHandler> remoteActionsHandlers_;
   qm::HandlersByName<RemoteActionExecutedHandler> remoteActionsExecutedHandlers_;
   qm::Property<std::optional<std::string>> authMessage_;
