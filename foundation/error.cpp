@@ -85,7 +85,7 @@ std::optional<std::string> cocoaText(std::int64_t code, const Dictionary& userIn
       return fileFailure(userInfo) + " because it is too large.";
     case 264:
       return fileFailure(userInfo) + " because the text encoding of its contents can’t be determined.";
-    case 3840:
+    case kPropertyListReadCorrupt:
       return "The data couldn’t be read because it isn’t in the correct format.";
     case 4097:
     case 4099:

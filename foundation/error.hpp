@@ -18,6 +18,8 @@ inline constexpr const char* kUnderlyingErrorKey = "NSUnderlyingError";
 inline constexpr const char* kFilePathKey = "NSFilePath";
 
 inline constexpr const char* kCocoaErrorDomain = "NSCocoaErrorDomain";
+// Of that domain: text that is no property list or no JSON.
+inline constexpr std::int64_t kPropertyListReadCorrupt = 3840;
 inline constexpr const char* kPOSIXErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr const char* kOSStatusErrorDomain = "NSOSStatusErrorDomain";
 

@@ -1,6 +1,5 @@
 #include "settings/QMRCustomizationLanguagesProvider.hpp"
 
-#include <cstdint>
 #include <utility>
 
 #include "foundation/log.hpp"
@@ -11,8 +10,6 @@
 #include "settings/QMRNamespace.hpp"
 
 namespace {
-
-constexpr std::int64_t kReadCorrupt = 3840;
 
 qm::Log& log() {
   static qm::Log& log = qm::Log::create(qm::kQMRLogSubsystem, "QMRCustomizationLanguagesProvider");
@@ -37,7 +34,7 @@ std::optional<qm::Dictionary> QMRCustomizationLanguagesProvider::languagesDocume
   if (qm::Dictionary* const dictionary = document ? document->as<qm::Dictionary>() : nullptr)
     return std::move(*dictionary);
   if (document)
-    error = qm::makeError(qm::kCocoaErrorDomain, kReadCorrupt,
+    error = qm::makeError(qm::kCocoaErrorDomain, qm::kPropertyListReadCorrupt,
                           {{qm::kDebugDescriptionKey, "The property list is no dictionary"}});
   QM_LOG_ERROR(log(), "Error reading languages file: %{public}@", error);
   return std::nullopt;

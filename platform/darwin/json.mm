@@ -9,10 +9,10 @@ namespace qm {
 namespace {
 
 constexpr std::size_t kLargestSize = 1024 * 1024;
-constexpr std::int64_t kReadCorrupt = 3840;
 
 std::nullopt_t refuse(ErrorPtr* error, std::string reason) {
-  setError(error, makeError(kCocoaErrorDomain, kReadCorrupt, {{kDebugDescriptionKey, std::move(reason)}}));
+  setError(error, makeError(kCocoaErrorDomain, kPropertyListReadCorrupt,
+                            {{kDebugDescriptionKey, std::move(reason)}}));
   return std::nullopt;
 }
 

@@ -8,13 +8,12 @@ namespace qm {
 namespace {
 
 constexpr std::size_t kLargestSize = 16 * 1024 * 1024;
-constexpr std::int64_t kReadCorrupt = 3840;
 
 }  // namespace
 
 std::optional<Value> parsePropertyList(const void* bytes, std::size_t length, ErrorPtr* error) {
   if (length > kLargestSize) {
-    setError(error, makeError(kCocoaErrorDomain, kReadCorrupt,
+    setError(error, makeError(kCocoaErrorDomain, kPropertyListReadCorrupt,
                               {{kDebugDescriptionKey, "The property list is larger than " +
                                                           std::to_string(kLargestSize) + " bytes"}}));
     return std::nullopt;

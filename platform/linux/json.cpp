@@ -14,7 +14,6 @@ using Json = nlohmann::json;
 
 constexpr std::size_t kLargestSize = 1024 * 1024;
 constexpr int kGreatestDepth = 64;
-constexpr std::int64_t kReadCorrupt = 3840;
 
 Value convert(const Json& json) {
   switch (json.type()) {
@@ -46,7 +45,8 @@ Value convert(const Json& json) {
 }
 
 std::nullopt_t refuse(ErrorPtr* error, std::string reason) {
-  setError(error, makeError(kCocoaErrorDomain, kReadCorrupt, {{kDebugDescriptionKey, std::move(reason)}}));
+  setError(error, makeError(kCocoaErrorDomain, kPropertyListReadCorrupt,
+                            {{kDebugDescriptionKey, std::move(reason)}}));
   return std::nullopt;
 }
 

@@ -8,11 +8,10 @@
 namespace qm {
 namespace {
 
-constexpr std::int64_t kPropertyListCorrupt = 3840;
 constexpr std::string_view kDefaultOptions = "DEFAULT-OPTIONS";
 
 ErrorPtr formError(std::string what) {
-  return makeError(kCocoaErrorDomain, kPropertyListCorrupt, {{kDebugDescriptionKey, std::move(what)}});
+  return makeError(kCocoaErrorDomain, kPropertyListReadCorrupt, {{kDebugDescriptionKey, std::move(what)}});
 }
 
 // Applies "Level"; true unless the form is wrong.

@@ -19,7 +19,6 @@
 namespace qm {
 namespace {
 
-constexpr std::int64_t kPropertyListReadCorrupt = 3840;
 constexpr std::int64_t kReferenceDate = 978'307'200;  // 2001-01-01 00:00 UTC, in seconds since 1970
 
 struct NodeDeleter {
