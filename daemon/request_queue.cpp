@@ -1,8 +1,6 @@
 #include "daemon/request_queue.hpp"
 
-#include <algorithm>
 #include <deque>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -69,13 +67,12 @@ qm::Block<void()> RequestQueue::State::leave(const RequestShare& share) {
 }
 
 void RequestQueue::State::drop(const Peer* peer) {
-  std::vector<Waiting> dropped;  // what they hold goes without the lock
+  std::vector<qm::Block<void()>> dropped;  // what they hold goes without the lock
   const std::lock_guard lock(mutex);
   for (auto& [share, use] : uses) {
-    const auto rest = std::stable_partition(use.waiting.begin(), use.waiting.end(),
-                                            [peer](const Waiting& each) { return each.peer != peer; });
-    std::move(rest, use.waiting.end(), std::back_inserter(dropped));
-    use.waiting.erase(rest, use.waiting.end());
+    for (Waiting& each : use.waiting)
+      if (each.peer == peer) dropped.push_back(std::move(each.work));
+    std::erase_if(use.waiting, [peer](const Waiting& each) { return each.peer == peer; });
   }
 }
 
