@@ -173,7 +173,8 @@ void do_process_file_reputation_request(const std::shared_ptr<QMRReputationProto
     facts.metadata["file_info"] = std::move(file_info);
   }
   facts.isAOTBinary = QMRMachoHeaderParser::isAOTBinaryAtPath(std::nullopt, descriptor.get());
-  facts.handle = std::make_shared<FileHandle>(descriptor.release(), true);
+  const RequestShare share = share_of_request(message.remoteConnection().effectiveUserID(), message);
+  facts.handle = std::make_shared<FileHandle>(descriptor.release(), true, share.userID);
   qm::initiateActivity("Requesting file reputation",
                        [&] { request_reputation(provider, message, std::move(facts)); });
 }

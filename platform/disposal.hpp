@@ -3,14 +3,18 @@
 // of its own. Any thread.
 #pragma once
 
+#include <cstdint>
+#include <optional>
+
 #include "platform/file_descriptor.hpp"
 
 namespace qm {
 
 class XPCObject;
 
-// Nothing happens for an empty one.
-void closeElsewhere(FileDescriptor descriptor);
+// Nothing happens for an empty one. With the user on whose behalf the file is open: where files of one user
+// cannot be closed, further ones of that user wait and those of others do not. None: the process's own.
+void closeElsewhere(FileDescriptor descriptor, std::optional<std::uint32_t> userID = std::nullopt);
 // A message with a descriptor in it, perhaps. What somebody else still holds stays.
 void releaseElsewhere(XPCObject object);
 

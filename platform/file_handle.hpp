@@ -24,8 +24,9 @@ class FileHandleOperationException : public std::logic_error {
 class FileHandle {
  public:
   // With closeOnDealloc the handle owns the descriptor. It is closed when the last holder is gone, soon after
-  // and on another thread: whoever that holder is need not wait for the file system.
-  FileHandle(int descriptor, bool closeOnDealloc);
+  // and on another thread: whoever that holder is need not wait for the file system. The user is the one of
+  // closeElsewhere() (disposal.hpp).
+  FileHandle(int descriptor, bool closeOnDealloc, std::optional<std::uint32_t> userID = std::nullopt);
   ~FileHandle();
   FileHandle(const FileHandle&) = delete;
   FileHandle& operator=(const FileHandle&) = delete;
@@ -49,6 +50,7 @@ class FileHandle {
  private:
   int descriptor_;
   bool closeOnDealloc_;
+  std::optional<std::uint32_t> userID_;
 };
 
 }  // namespace qm

@@ -3,32 +3,38 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "foundation/block.hpp"
 
 namespace qm {
 
-// Closings that are at work at a time, those that hang not counted.
+// Closings that are at work at a time, those that hang not counted. A lane that another has replaced goes
+// once it is through and nothing waits.
 inline constexpr std::size_t kDisposalLanes = 4;
 // With those that hang. Each takes one of the process's 512 workers for as long. Once so many hang, whatever
 // else is let go of stays open until one of them is through: nobody who lets go of something ever waits.
-inline constexpr std::size_t kMaximumDisposalLanes = 128;
+inline constexpr std::size_t kMaximumDisposalLanes = 64;
+// Those of them that are one user's. A quarter: files of a user that cannot be closed stay open until one of
+// them is, and everybody else's are closed until there are four such users.
+inline constexpr std::size_t kMaximumDisposalLanesPerUser = kMaximumDisposalLanes / 4;
 
 // After how long a closing counts as one that hangs, so that another may begin beside it; two seconds at
 // first.
 void setDisposalPatience(std::chrono::milliseconds time);
 
-// Runs the work on one of the queues; on the calling thread when that runs such work already, and in a forked
-// child, which has no queues. Keeps errno.
-void runOnDisposalLane(const Block<void()>& work);
+// Runs the work on one of the queues; on the calling thread in a forked child, which has no queues. It counts
+// as that user's, or, without one, as the process's own, of which any number is at work. Keeps errno.
+void runOnDisposalLane(const Block<void()>& work, std::optional<std::uint32_t> userID);
 
 // Resets the thing there.
 template <class Thing>
-void disposeElsewhere(Thing thing) {
+void disposeElsewhere(Thing thing, std::optional<std::uint32_t> userID) {
   const auto shared = std::make_shared<Thing>(std::move(thing));
-  runOnDisposalLane([shared] { *shared = Thing(); });
+  runOnDisposalLane([shared] { *shared = Thing(); }, userID);
 }
 
 }  // namespace qm

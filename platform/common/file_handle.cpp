@@ -28,11 +28,11 @@ void requireDescriptor(int descriptor, const char* operation) {
 
 }  // namespace
 
-FileHandle::FileHandle(int descriptor, bool closeOnDealloc)
-    : descriptor_(descriptor), closeOnDealloc_(closeOnDealloc) {}
+FileHandle::FileHandle(int descriptor, bool closeOnDealloc, std::optional<std::uint32_t> userID)
+    : descriptor_(descriptor), closeOnDealloc_(closeOnDealloc), userID_(userID) {}
 
 FileHandle::~FileHandle() {
-  if (closeOnDealloc_) closeElsewhere(FileDescriptor(descriptor_));
+  if (closeOnDealloc_) closeElsewhere(FileDescriptor(descriptor_), userID_);
 }
 
 std::shared_ptr<FileHandle> FileHandle::fileHandleForReadingAtPath(const std::string& path) {

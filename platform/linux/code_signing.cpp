@@ -49,12 +49,13 @@ class SecCode {
 SecCode::~SecCode() {
   if (!program_) return;
   const auto program = std::make_shared<FileDescriptor>(std::move(program_));
-  runOnDisposalLane([program, userID = userID_] {
+  const auto close = [program, userID = userID_] {
     runSupervised(userID, kDeadline, [program](const std::atomic<bool>&) {
       program->reset();
       return kSecSuccess;
     });
-  });
+  };
+  runOnDisposalLane(close, userID_);
 }
 
 namespace {

@@ -6,8 +6,6 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/linux/xpc_disposal.hpp"
-
 namespace qm::xpc {
 namespace {
 
@@ -53,7 +51,7 @@ void AdmissionPlaces::forgetWhoHungUp() {
     std::deque<AcceptedPeer> staying;
     for (AcceptedPeer& accepted : user.waiting) {
       if (hasHungUp(accepted)) {
-        closeSocketElsewhere(std::move(accepted.socket));
+        accepted.hangUp();
         --waiting_;
       } else {
         staying.push_back(std::move(accepted));

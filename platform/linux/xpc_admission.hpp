@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_limits.hpp"
 #include "platform/linux/xpc_peer.hpp"
 
@@ -19,6 +20,7 @@ struct AcceptedPeer {
   Peer peer;
 
   std::uint32_t userID() const { return peer.token.effectiveUserID(); }
+  void hangUp() { closeSocketElsewhere(std::move(socket), userID()); }
 };
 
 class AdmissionPlaces {

@@ -34,6 +34,10 @@ OutgoingFrame nonceFrame(FrameKind kind, const Nonce& nonce) {
   return frame;
 }
 
+std::optional<std::uint32_t> userOf(const Peer& peer) {
+  return peer.token.effectiveUserID();
+}
+
 bool fillRandom(Nonce& nonce) {
   return ::getrandom(nonce.data(), nonce.size(), 0) == static_cast<ssize_t>(nonce.size());
 }
@@ -83,7 +87,8 @@ Channel::Channel(Role role, std::weak_ptr<ChannelDelegate> delegate, ChannelDead
 void Channel::start(FileDescriptor socket, std::optional<Peer> peer) {
   {
     MutexLock lock(mutex_);
-    if (state_ != State::waiting) return closeSocketElsewhere(std::move(socket));
+    if (state_ != State::waiting)
+      return closeSocketElsewhere(std::move(socket), peer ? userOf(*peer) : std::nullopt);
     state_ = State::handshake;
     socket_ = std::move(socket);
     knowsPeer_ = peer.has_value();
@@ -374,7 +379,7 @@ void Channel::finish() {
   {
     MutexLock lock(mutex_);
     outbox_.discard(passed);
-    closeSocketElsewhere(std::move(socket_));
+    closeSocketElsewhere(std::move(socket_), knowsPeer_ ? userOf(peer_) : std::nullopt);
     peer_.process.reset();
     lingering = std::move(lingering_);
   }

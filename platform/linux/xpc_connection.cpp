@@ -127,7 +127,7 @@ Connection::Connection(Kind kind, std::string name, XPCEndpoint endpoint, const 
 // Nobody can hear of it any more: what was sent is still delivered.
 Connection::~Connection() {
   if (channel_) channel_->closeWhenDrained();
-  closeSocketElsewhere(std::move(acceptedSocket_));
+  closeSocketElsewhere(std::move(acceptedSocket_), token_.effectiveUserID());
 }
 
 std::shared_ptr<Channel> Connection::makeChannel() {
@@ -175,7 +175,7 @@ void Connection::cancel() {
     socket = std::move(acceptedSocket_);
     peer = std::exchange(acceptedPeer_, std::nullopt);
   }
-  closeSocketElsewhere(std::move(socket));
+  closeSocketElsewhere(std::move(socket), auditToken().effectiveUserID());
   if (channel) return channel->close(nullptr);
   deliverError(xpcErrorConnectionInvalid(), true);
 }

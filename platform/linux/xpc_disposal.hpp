@@ -2,7 +2,9 @@
 // with files in it that cannot be closed does not return either. Any thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "platform/disposal.hpp"
@@ -14,10 +16,13 @@ namespace qm::xpc {
 class PassedDescriptor {
  public:
   PassedDescriptor() = default;
-  PassedDescriptor(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  // The user is whoever sent it; none for one of ours.
+  PassedDescriptor(FileDescriptor descriptor, std::optional<std::uint32_t> userID = std::nullopt)
+      : descriptor_(std::move(descriptor)), userID_(userID) {}
   PassedDescriptor(PassedDescriptor&&) noexcept = default;
   PassedDescriptor& operator=(PassedDescriptor&& other) noexcept {
     std::swap(descriptor_, other.descriptor_);
+    std::swap(userID_, other.userID_);
     std::swap(kept_, other.kept_);
     return *this;
   }
@@ -33,10 +38,11 @@ class PassedDescriptor {
 
  private:
   FileDescriptor descriptor_;
+  std::optional<std::uint32_t> userID_;
   std::shared_ptr<const void> kept_;
 };
 
-// Its peer sees the end at once.
-void closeSocketElsewhere(FileDescriptor socket);
+// Its peer, of the user if that is known, sees the end at once.
+void closeSocketElsewhere(FileDescriptor socket, std::optional<std::uint32_t> userID);
 
 }  // namespace qm::xpc

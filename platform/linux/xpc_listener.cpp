@@ -39,7 +39,7 @@ Outcome acceptFromSocket(int listening, AcceptedPeer& accepted) {
   if (!accepted.socket) return outcomeOf(errno);
   std::optional<Peer> peer = peerOfSocket(accepted.socket.get());
   if (!peer) {
-    closeSocketElsewhere(std::move(accepted.socket));
+    closeSocketElsewhere(std::move(accepted.socket), std::nullopt);
     return Outcome::nothing;
   }
   accepted.peer = std::move(*peer);
@@ -196,14 +196,14 @@ void Listener::enter(AcceptedPeer accepted) {
   auto answer = AdmissionPlaces::Answer::refuse;
   {
     MutexLock lock(mutex_);
-    if (isCancelled_) return closeSocketElsewhere(std::move(accepted.socket));
+    if (isCancelled_) return accepted.hangUp();
     answer = places_.enter(accepted);
   }
   if (answer == AdmissionPlaces::Answer::place) return deliverPeer(std::move(accepted));
   if (answer == AdmissionPlaces::Answer::wait) return;
   QM_LOG_ERROR(transportLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
                accepted.peer.token.processID(), accepted.userID());
-  closeSocketElsewhere(std::move(accepted.socket));
+  accepted.hangUp();
 }
 
 void Listener::ticketReturned(std::uint32_t userID) {
@@ -286,8 +286,8 @@ void Listener::end() {
   }
   source.cancel();  // before what it watches is closed
   place.reset();
-  closeSocketElsewhere(std::move(accepting));
-  for (AcceptedPeer& accepted : waiting) closeSocketElsewhere(std::move(accepted.socket));
+  closeSocketElsewhere(std::move(accepting), std::nullopt);
+  for (AcceptedPeer& accepted : waiting) accepted.hangUp();
   events_.queue().async([self = shared_from_this()] {
     auto& listener = static_cast<Listener&>(*self);
     if (const XPCConnection::EventHandler handler = listener.events_.takeHandler())

@@ -21,21 +21,22 @@ struct alignas(cmsghdr) ControlBuffer {
       bytes;
 };
 
-void adoptDescriptors(const cmsghdr* header, std::vector<PassedDescriptor>& descriptors) {
+void adoptDescriptors(const cmsghdr* header, std::vector<FileDescriptor>& descriptors) {
   const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
   descriptors.reserve(descriptors.size() + count);
   for (std::size_t i = 0; i < count; ++i) {
     int descriptor = FileDescriptor::kNone;
     std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof descriptor, sizeof descriptor);
-    descriptors.emplace_back(FileDescriptor(descriptor));
+    descriptors.emplace_back(descriptor);
   }
 }
 
 void adopt(msghdr& message, Received& result) {
+  std::vector<FileDescriptor> descriptors;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
     if (header->cmsg_level != SOL_SOCKET) continue;
     if (header->cmsg_type == SCM_RIGHTS) {
-      adoptDescriptors(header, result.descriptors);
+      adoptDescriptors(header, descriptors);
     } else if (header->cmsg_type == SCM_CREDENTIALS && header->cmsg_len == CMSG_LEN(sizeof(ucred))) {
       ucred sender{};
       std::memcpy(&sender, CMSG_DATA(header), sizeof sender);
@@ -46,6 +47,9 @@ void adopt(msghdr& message, Received& result) {
       if (descriptor >= 0) result.process.reset(descriptor);
     }
   }
+  const auto userID = result.sender ? std::optional<std::uint32_t>(result.sender->uid) : std::nullopt;
+  for (FileDescriptor& descriptor : descriptors)
+    result.descriptors.emplace_back(std::move(descriptor), userID);
 }
 
 }  // namespace

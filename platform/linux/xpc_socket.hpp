@@ -18,8 +18,8 @@ namespace qm::xpc {
 struct Received {
   ssize_t length = 0;  // 0: the end; -1: nothing, error says why
   int error = 0;
-  bool isTruncated = false;  // control data or, with packets, bytes were lost
-  std::vector<PassedDescriptor> descriptors;
+  bool isTruncated = false;                   // control data or, with packets, bytes were lost
+  std::vector<PassedDescriptor> descriptors;  // they are the sender's
   std::optional<ucred> sender;
   FileDescriptor process;  // pidfd of the sender, where the kernel gives one
 };

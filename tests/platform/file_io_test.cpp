@@ -1,5 +1,7 @@
 #include "platform/file_io.hpp"
 
+#include <poll.h>
+
 #include "platform/common/disposal_lanes.hpp"
 #include "platform/common/file_time.hpp"
 #include "platform/disposal.hpp"
@@ -157,6 +159,28 @@ TEST(Disposal, KeepsNobodyWaitingForMoreDescriptorsThatCannotBeClosed) {
   Pipe pipe;
   closeElsewhere(std::move(pipe.writeEnd));
   EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+}
+
+TEST(Disposal, OneUsersDescriptorsThatCannotBeClosedLeaveLanesToTheOthersUntilTheyAreClosed) {
+  setDisposalPatience(std::chrono::milliseconds(1));
+  constexpr std::uint32_t kUser = 501;
+  Pipe ofTheSameUser;
+  const auto isClosed = [&] {
+    pollfd entry{.fd = ofTheSameUser.readEnd.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, 0) == 1;
+  };
+  {
+    std::array<LingeringSocket, kMaximumDisposalLanes + 1> lingering;
+    for (LingeringSocket& each : lingering) closeElsewhere(std::move(each.socket), kUser);
+    closeElsewhere(std::move(ofTheSameUser.writeEnd), kUser);
+    for (const std::optional<std::uint32_t> other : {std::optional<std::uint32_t>(502), {}}) {
+      Pipe pipe;
+      closeElsewhere(std::move(pipe.writeEnd), other);
+      EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+    }
+    EXPECT_FALSE(isClosed());
+  }
+  EXPECT_TRUE(eventually(isClosed));
 }
 
 // A fork has no threads to close anything.
