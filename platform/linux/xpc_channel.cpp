@@ -308,7 +308,8 @@ bool Channel::handle(Frame& frame) {
   const auto delegate = delegate_.lock();
   if (!delegate) return true;
   const bool isHeld = frame.header.kind == FrameKind::message || frame.header.kind == FrameKind::request;
-  Hold held = isHeld ? hold(frame) : Hold();
+  holdDescriptors(frame);
+  Hold held = isHeld ? holdMessage(frame) : Hold();
   delegate->channelReceived(shared_from_this(), std::move(frame), std::move(held));
   return true;
 }
@@ -399,22 +400,24 @@ void Channel::flush() {
   conclude(std::move(passed), failure);
 }
 
-// The descriptors count until the last of them is closed: whoever sends what cannot be closed is not read.
-Hold Channel::hold(Frame& frame) {
-  const std::size_t values = std::min(frame.body.size(), kMaximumValues);
-  const HeldCost cost{.messages = 1, .bytes = kHeaderBytes + frame.body.size() + values * kBytesPerValue};
-  const HeldCost files{.descriptors = frame.descriptors.size()};
-  {
-    MutexLock lock(mutex_);
-    held_.messages += cost.messages;
-    held_.bytes += cost.bytes;
-    held_.descriptors += files.descriptors;
-  }
-  if (files.descriptors > 0) {
-    const auto heldFiles = std::make_shared<const Hold>(shared_from_this(), files, 0);
-    for (PassedDescriptor& descriptor : frame.descriptors) descriptor.keepUntilClosed(heldFiles);
-  }
+Hold Channel::hold(const HeldCost& cost, std::size_t values) {
+  MutexLock lock(mutex_);
+  held_.messages += cost.messages;
+  held_.bytes += cost.bytes;
+  held_.descriptors += cost.descriptors;
   return Hold(shared_from_this(), cost, values);
+}
+
+Hold Channel::holdMessage(const Frame& frame) {
+  const std::size_t values = std::min(frame.body.size(), kMaximumValues);
+  return hold({.messages = 1, .bytes = kHeaderBytes + frame.body.size() + values * kBytesPerValue}, values);
+}
+
+// They count until the last of them is closed: whoever sends what cannot be closed is not read.
+void Channel::holdDescriptors(Frame& frame) {
+  if (frame.descriptors.empty()) return;
+  const auto held = std::make_shared<const Hold>(hold({.descriptors = frame.descriptors.size()}));
+  for (PassedDescriptor& descriptor : frame.descriptors) descriptor.keepUntilClosed(held);
 }
 
 void Channel::release(const HeldCost& cost) {

@@ -29,7 +29,8 @@ struct HeldCost {
   std::size_t descriptors = 0;
 };
 
-// A received message or request that counts against its peer's limits while this lives.
+// What counts against its peer's limits while this lives: a received message or request until it is handled,
+// or the descriptors of a frame until the last of them is closed.
 class Hold {
  public:
   Hold() = default;
@@ -53,7 +54,8 @@ class Hold {
 class ChannelDelegate {
  public:
   virtual ~ChannelDelegate() = default;
-  // A message, request, reply or unanswered frame. The hold is empty for the latter two.
+  // A message, request, reply or unanswered frame. The hold is empty for the latter two; the descriptors of
+  // any have one of their own.
   virtual void channelReceived(const std::shared_ptr<Channel>& channel, Frame frame, Hold hold) = 0;
   // Once, after everything that was received.
   virtual void channelClosed(const std::shared_ptr<Channel>& channel) = 0;
@@ -114,7 +116,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   // Any thread.
   void flush();
-  Hold hold(Frame& frame);
+  Hold hold(const HeldCost& cost, std::size_t values = 0);
+  Hold holdMessage(const Frame& frame);
+  void holdDescriptors(Frame& frame);
   void release(const HeldCost& cost);
   bool isReading() const;
   bool isFull() const QM_REQUIRES(mutex_);

@@ -143,9 +143,12 @@ TEST_F(XPCWire, WhoSendsWhatCannotBeClosedIsNotReadUntilItIs) {
   RawClient client = greetedClient();
   Pipe pipe;
   const std::vector<int> descriptors(xpc::kMaximumDescriptors, pipe.writeEnd.get());
-  const xpc::FrameHeader header{.kind = FrameKind::message, .descriptors = xpc::kMaximumDescriptors};
-  for (std::size_t i = 0; i < xpc::kMaximumHeldDescriptors / xpc::kMaximumDescriptors; ++i) {
-    client.writeFrame(header, kMapWithDescriptors, descriptors);
+  const xpc::FrameHeader message{.kind = FrameKind::message, .descriptors = xpc::kMaximumDescriptors};
+  const xpc::FrameHeader unasked{
+      .kind = FrameKind::reply, .descriptors = xpc::kMaximumDescriptors, .identifier = 1};
+  for (std::size_t i = 0; i < xpc::kMaximumHeldDescriptors / xpc::kMaximumDescriptors / 2; ++i) {
+    client.writeFrame(unasked, kMapWithDescriptors, descriptors);
+    client.writeFrame(message, kMapWithDescriptors, descriptors);
     EXPECT_TRUE(service.events->take()->asDictionary());
   }
   client.writeFrame({.kind = FrameKind::message}, kEmptyMap);
