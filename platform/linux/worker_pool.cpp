@@ -9,6 +9,7 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/common/disposal_lanes.hpp"
 #include "platform/linux/process_threads.hpp"
 
 namespace qm {
@@ -20,7 +21,7 @@ constexpr std::size_t kMaximumWorkers = 512;
 constexpr std::size_t kBoundedWorkers = 64;
 constexpr std::size_t kBoundedWorkersPerProcessor = 5;
 constexpr std::size_t kMaximumAside = kMaximumWorkers / 2;
-constexpr std::size_t kLeftForSerialQueues = 64;
+constexpr std::size_t kLeftForSerialQueues = kMaximumDisposalLanes + 64;
 constexpr std::size_t kMaximumBoundedWorkers = kMaximumWorkers - kMaximumAside - kLeftForSerialQueues;
 
 constexpr std::uint64_t kPicksPerOldest = 16;

@@ -24,9 +24,9 @@
 // slow disk again and again does not.
 //
 // Bounds: bounded tasks (items of concurrent queues) run on at most 64 workers, or five for each processor if
-// that is more, up to 192; the others (serial queues) beyond that as well, up to 512 workers in all: with as
-// many aside as may be, 64 of them are left to serial queues. Past its bound a task waits. Workers that find
-// nothing to do for the idle time end.
+// that is more, up to 128; the others (serial queues) beyond that as well, up to 512 workers in all: with as
+// many aside as may be, 128 of them are left to serial queues, 64 of those to closings that hang
+// (disposal_lanes.hpp). Past its bound a task waits. Workers that find nothing to do for the idle time end.
 #pragma once
 
 #include <sys/types.h>
