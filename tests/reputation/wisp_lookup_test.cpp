@@ -360,10 +360,12 @@ TEST_F(WispLookupTest, OneAnswerAndTheDeadlineMayComeAtOnce) {
 class WispConnectionTest : public WispLookupTest {
  protected:
   WispConnectionTest() {
-    listener->setDelegate([this](const auto&, const auto& connection) {
-      connection->setExport(remoteExport<QMRWispProtocol>(std::weak_ptr<QMRWispProtocol>(wisp)));
+    // It may still run when the test has ended.
+    listener->setDelegate([accepted = accepted, exported = std::weak_ptr<QMRWispProtocol>(wisp)](
+                              const auto&, const auto& connection) {
+      connection->setExport(remoteExport<QMRWispProtocol>(exported));
+      accepted->put(connection);
       connection->resume();
-      accepted.put(connection);
       return true;
     });
     listener->resume();
@@ -386,7 +388,8 @@ class WispConnectionTest : public WispLookupTest {
     EXPECT_EQ(replies.size() + settings->reports.size(), 0U);
   }
 
-  Inbox<std::shared_ptr<RemoteConnection>> accepted;
+  const std::shared_ptr<Inbox<std::shared_ptr<RemoteConnection>>> accepted =
+      std::make_shared<Inbox<std::shared_ptr<RemoteConnection>>>();
   const std::shared_ptr<RemoteListener> listener = RemoteListener::anonymousListener();
 };
 
@@ -400,7 +403,7 @@ TEST_F(WispConnectionTest, ADaemonThatGoesOrDropsACallIsReportedAndItsLookupLetG
   const std::function<void()> ways[] = {
       [this] {
         const auto call = nextCall();
-        accepted.take().value()->invalidate();
+        accepted->take().value()->invalidate();
         lookup.reset();
       },
       [this] { nextCall(); },
