@@ -1,18 +1,15 @@
-#include "platform/json.hpp"
-
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
+
+#include "platform/common/json_parser.hpp"
 
 namespace qm {
 namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::size_t kLargestSize = 1024 * 1024;
 constexpr int kGreatestDepth = 64;
 
 Value convert(const Json& json) {
@@ -44,17 +41,9 @@ Value convert(const Json& json) {
   }
 }
 
-std::nullopt_t refuse(ErrorPtr* error, std::string reason) {
-  setError(error, makeError(kCocoaErrorDomain, kPropertyListReadCorrupt,
-                            {{kDebugDescriptionKey, std::move(reason)}}));
-  return std::nullopt;
-}
-
 }  // namespace
 
-std::optional<Dictionary> parseJSONObject(std::string_view text, ErrorPtr* error) {
-  if (text.size() > kLargestSize)
-    return refuse(error, "The text is larger than " + std::to_string(kLargestSize) + " bytes");
+std::optional<Value> json::parse(std::string_view text, ErrorPtr* error) {
   int depth = 0;
   const auto bounded = [&depth](int level, Json::parse_event_t, const Json&) {
     depth = std::max(depth, level);
@@ -63,9 +52,8 @@ std::optional<Dictionary> parseJSONObject(std::string_view text, ErrorPtr* error
   const Json json = Json::parse(text, bounded, false);
   if (depth > kGreatestDepth)
     return refuse(error, "The text is nested more than " + std::to_string(kGreatestDepth) + " deep");
-  if (!json.is_object()) return refuse(error, "The text is no JSON object");
-  Value value = convert(json);
-  return std::move(*value.as<Dictionary>());
+  if (json.is_discarded()) return refuse(error, "The text is no JSON");
+  return convert(json);
 }
 
 }  // namespace qm
