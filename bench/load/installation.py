@@ -9,7 +9,6 @@ import tempfile
 import time
 
 PATIENCE_SECONDS = 60
-HIGHEST_PRIORITY = -20
 TOP = pathlib.Path(__file__).resolve().parents[2]
 
 
@@ -20,7 +19,7 @@ def split_processors():
 
 
 class Process:
-    """A program of ours, pinned, and with the same raised priority as all the others where that is allowed."""
+    """A program of ours, pinned, in a session of its own as a service or a person's program has it."""
 
     def __init__(self, command, processors, log=None, **streams):
         self.started_at = time.monotonic()
@@ -33,10 +32,6 @@ class Process:
     def _prepare(processors):
         os.sched_setaffinity(0, processors)
         os.setsid()
-        # Where the kernel groups processes by session, a process has the priority of its group (sched(7)).
-        with contextlib.suppress(OSError):
-            os.setpriority(os.PRIO_PROCESS, 0, HIGHEST_PRIORITY)
-            pathlib.Path("/proc/self/autogroup").write_text(str(HIGHEST_PRIORITY))
 
     def read_line(self):
         return self._child.stdout.readline()
