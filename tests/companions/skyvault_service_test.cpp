@@ -1,6 +1,8 @@
 // The agent's answers, directly and as its service gives them to the real client over the transport.
 #include "companions/skyvault_service.hpp"
 
+#include <algorithm>
+
 #include "filefacts/QMRHashProvider.hpp"
 #include "foundation/strings.hpp"
 #include "platform/file_handle.hpp"
@@ -258,7 +260,9 @@ TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
   EXPECT_NE(last->waitForOne().response, nullptr);
   EXPECT_GT(openDescriptors(), before + 15);
   vanishing.reset();
-  for (const Answer& answer : lost->waitFor(20)) EXPECT_EQ(answer.code(), ErrorCode::connectionLost);
+  // Beside those that were examined by then.
+  const auto isLost = [](const Answer& answer) { return answer.code() == ErrorCode::connectionLost; };
+  EXPECT_GE(std::ranges::count_if(lost->waitFor(20), isLost), 15);
   // Samples that wait are dropped: examining them all would take twenty seconds.
   EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; }, std::chrono::seconds(15)));
 }
