@@ -98,18 +98,22 @@ void Channel::start(FileDescriptor socket, std::optional<Peer> peer) {
 }
 
 bool Channel::send(OutgoingFrame frame) {
-  std::vector<Block<void()>> passed;
-  const char* failure = nullptr;
+  Written written;
   {
-    MutexLock lock(mutex_);
-    if (state_ == State::closing || state_ == State::closed || isDeaf_) return false;
+    MutexLock writing(writing_);
+    bool isWritable = false;
+    {
+      MutexLock lock(mutex_);
+      if (state_ == State::closing || state_ == State::closed || isDeaf_) return false;
+      isWritable = state_ == State::open && !isBlocked_ && !isRetrying_;
+    }
     outbox_.push(std::move(frame));
     if (outbox_.bytes() > kMaximumQueuedBytes || outbox_.descriptors() > kMaximumQueuedDescriptors)
-      failure = "does not read what it is sent";
-    else if (state_ == State::open && !isBlocked_ && !isRetrying_)
-      write(passed, failure);
+      written.failure = "does not read what it is sent";
+    else if (isWritable)
+      write(written);
   }
-  conclude(std::move(passed), failure);
+  conclude(written);
   return true;
 }
 
@@ -128,6 +132,7 @@ void Channel::close(const char* reason) {
 
 void Channel::closeWhenDrained() {
   {
+    MutexLock writing(writing_);
     MutexLock lock(mutex_);
     if (state_ == State::closing || state_ == State::closed) return;
     if (state_ != State::waiting && !outbox_.empty()) {
@@ -338,16 +343,18 @@ bool Channel::handleHello(const Frame& frame) {
 
 void Channel::open(std::optional<OutgoingFrame> first) {
   reader_.setMaximumBody(kMaximumBodyBytes);
-  std::vector<Block<void()>> passed;
-  const char* failure = nullptr;
+  Written written;
   {
-    MutexLock lock(mutex_);
-    if (state_ != State::handshake) return;
-    state_ = State::open;
+    MutexLock writing(writing_);
+    {
+      MutexLock lock(mutex_);
+      if (state_ != State::handshake) return;
+      state_ = State::open;
+    }
     if (first) outbox_.pushFront(std::move(*first));
-    write(passed, failure);
+    write(written);
   }
-  conclude(std::move(passed), failure);
+  conclude(written);
 }
 
 // One timer for the frame that is half there.
@@ -378,8 +385,9 @@ void Channel::finish() {
     if (*timer) EventLoop::shared().cancelTimer(*std::exchange(*timer, std::nullopt));
   reader_ = {};
   {
-    MutexLock lock(mutex_);
+    MutexLock writing(writing_);
     outbox_.discard(passed);
+    MutexLock lock(mutex_);
     closeSocketElsewhere(std::move(socket_), knowsPeer_ ? userOf(peer_) : std::nullopt);
     peer_.process.reset();
     lingering = std::move(lingering_);
@@ -389,15 +397,19 @@ void Channel::finish() {
 }
 
 void Channel::flush() {
-  std::vector<Block<void()>> passed;
-  const char* failure = nullptr;
+  Written written;
   {
-    MutexLock lock(mutex_);
-    isRetrying_ = false;
-    isBlocked_ = false;
-    if (state_ == State::open) write(passed, failure);
+    MutexLock writing(writing_);
+    bool isOpen = false;
+    {
+      MutexLock lock(mutex_);
+      isRetrying_ = false;
+      isBlocked_ = false;
+      isOpen = state_ == State::open;
+    }
+    if (isOpen) write(written);
   }
-  conclude(std::move(passed), failure);
+  conclude(written);
 }
 
 Hold Channel::hold(const HeldCost& cost, std::size_t values) {
@@ -457,28 +469,27 @@ bool Channel::isFull() const {
          held_.descriptors >= kMaximumHeldDescriptors;
 }
 
-void Channel::write(std::vector<Block<void()>>& passed, const char*& failure) {
-  switch (outbox_.write(socket_.get(), passed)) {
-    case Outbox::Result::drained:
-      break;
-    case Outbox::Result::blocked:
-      isBlocked_ = true;
-      break;
-    case Outbox::Result::retry:
-      isRetrying_ = true;
-      EventLoop::shared().runAfter(kSendPause, [weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->flush();
-      });
-      break;
-    // The reading side finds the end, behind whatever the peer still sent.
-    case Outbox::Result::ended:
-      isDeaf_ = true;
-      outbox_.discard(passed);
-      break;
-    case Outbox::Result::failed:
-      failure = std::strerror(errno);
-      break;
+void Channel::write(Written& written) {
+  int socket = FileDescriptor::kNone;
+  {
+    MutexLock lock(mutex_);
+    socket = socket_.get();
   }
+  // Nobody closes it before the end of the write.
+  const Outbox::Result result = outbox_.write(socket, written.passed);
+  if (result == Outbox::Result::failed) written.failure = std::strerror(errno);
+  if (result == Outbox::Result::ended) outbox_.discard(written.passed);
+  if (result == Outbox::Result::retry) {
+    EventLoop::shared().runAfter(kSendPause, [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->flush();
+    });
+  }
+  MutexLock lock(mutex_);
+  isBlocked_ = result == Outbox::Result::blocked;
+  isRetrying_ = result == Outbox::Result::retry;
+  // The reading side finds the end, behind whatever the peer still sent.
+  if (result == Outbox::Result::ended) isDeaf_ = true;
+  written.isLast = lingering_ != nullptr && state_ == State::open && outbox_.empty();
   updateInterest();
 }
 
@@ -490,16 +501,10 @@ void Channel::updateInterest() {
   source_.setInterest(wanted);
 }
 
-// What has to be done after a write, without the lock.
-void Channel::conclude(std::vector<Block<void()>> passed, const char* failure) {
-  for (const Block<void()>& barrier : passed) barrier();
-  if (failure != nullptr) return close(failure);
-  bool isDrained = false;
-  {
-    MutexLock lock(mutex_);
-    isDrained = lingering_ != nullptr && state_ == State::open && outbox_.empty();
-  }
-  if (isDrained) close(nullptr);
+void Channel::conclude(const Written& written) {
+  for (const Block<void()>& barrier : written.passed) barrier();
+  if (written.failure != nullptr) return close(written.failure);
+  if (written.isLast) close(nullptr);
 }
 
 }  // namespace qm::xpc

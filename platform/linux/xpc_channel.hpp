@@ -114,6 +114,13 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void guardPartialFrame();
   void finish();
 
+  // What a write leaves to be done without a lock.
+  struct Written {
+    std::vector<Block<void()>> passed;  // barriers
+    const char* failure = nullptr;
+    bool isLast = false;  // nothing is left of what the channel lingers for
+  };
+
   // Any thread.
   void flush();
   Hold hold(const HeldCost& cost, std::size_t values = 0);
@@ -122,9 +129,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void release(const HeldCost& cost);
   bool isReading() const;
   bool isFull() const QM_REQUIRES(mutex_);
-  void write(std::vector<Block<void()>>& passed, const char*& failure) QM_REQUIRES(mutex_);
+  void write(Written& written) QM_REQUIRES(writing_);
   void updateInterest() QM_REQUIRES(mutex_);
-  void conclude(std::vector<Block<void()>> passed, const char* failure);
+  void conclude(const Written& written);
 
   const Role role_;
   const std::weak_ptr<ChannelDelegate> delegate_;
@@ -139,6 +146,11 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::uint64_t timedFrame_ = 0;
   bool hasHungUp_ = false;
 
+  // Held while the socket is written to, and taken before the other one, which never is: what comes in is
+  // read meanwhile. A send wakes up the peer, whose answer may be here before the send returns.
+  Mutex writing_;
+  Outbox outbox_ QM_GUARDED_BY(writing_);
+
   mutable Mutex mutex_;
   State state_ QM_GUARDED_BY(mutex_) = State::waiting;
   FileDescriptor socket_ QM_GUARDED_BY(mutex_);
@@ -146,7 +158,6 @@ class Channel : public std::enable_shared_from_this<Channel> {
   bool knowsPeer_ QM_GUARDED_BY(mutex_) = false;
   EventSource source_ QM_GUARDED_BY(mutex_);
   EventInterest interest_ QM_GUARDED_BY(mutex_);
-  Outbox outbox_ QM_GUARDED_BY(mutex_);
   bool isBlocked_ QM_GUARDED_BY(mutex_) = false;   // waits for the socket to become writable
   bool isRetrying_ QM_GUARDED_BY(mutex_) = false;  // a timer will write
   bool isDeaf_ QM_GUARDED_BY(mutex_) = false;      // the peer takes nothing any more
