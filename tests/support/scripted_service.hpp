@@ -13,14 +13,15 @@ class ScriptedService {
   using Script = std::function<void(const XPCDictionary& request)>;
 
   ScriptedService(const XPCConnection& listener, Script script, bool admitsPeers = true)
-      : listener_(listener) {
+      : listener_(listener), admitsPeers_(admitsPeers) {
     listener_.setEventHandler([=, state = state_](const XPCObject& event) {
       if (event.type() != XPCType::connection) return state->gone.set_value();
       const XPCConnection peer = event.asConnection();
       state->peers.put(peer);
       if (!admitsPeers) return peer.cancel();
-      peer.setEventHandler([script](const XPCObject& message) {
-        if (message.type() == XPCType::dictionary) script(message.asDictionary());
+      peer.setEventHandler([script, state](const XPCObject& message) {
+        if (message.type() == XPCType::dictionary) return script(message.asDictionary());
+        state->ended.put(true);
       });
       peer.activate();
     });
@@ -32,12 +33,14 @@ class ScriptedService {
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
 
-  // Dies: no reply goes out any more, and the name is free when it returns. Not from the script.
+  // Dies: no reply goes out any more, no script runs, and the name is free when it returns. Not from the
+  // script.
   void end() {
     if (std::exchange(ended_, true)) return;
     listener_.cancel();
     state_->gone.get_future().wait();
     for (const XPCConnection& peer : state_->peers.waitFor(0)) peer.cancel();
+    if (admitsPeers_) state_->ended.waitFor(peers());
   }
   // The connections that were made.
   std::size_t peers() const { return state_->peers.size(); }
@@ -45,10 +48,12 @@ class ScriptedService {
  private:
   struct State {
     Inbox<XPCConnection> peers;
+    Inbox<bool> ended;  // of each peer its last event, behind all its messages
     std::promise<void> gone;
   };
   const std::shared_ptr<State> state_ = std::make_shared<State>();
   const XPCConnection listener_;
+  const bool admitsPeers_;
   bool ended_ = false;
 };
 
