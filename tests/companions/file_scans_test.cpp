@@ -11,22 +11,26 @@ using Response = FileScans::Response;
 
 TEST(BoundedWork, AnItemThatDoesNotComeBackLosesItsPlaceUnlessThereAreTooManySuch) {
   const BoundedWork::LostItems lost{std::chrono::milliseconds(1), 1};
-  Inbox<int> begun;
-  std::array<std::promise<void>, 4> mayEnd;
+  struct Progress {
+    Inbox<int> begun;
+    std::array<std::promise<void>, 4> mayEnd;
+  };
+  const auto progress = std::make_shared<Progress>();  // a lost item may still run when the test has ended
+  auto& [begun, mayEnd] = *progress;
   const BoundedWork work(Queue::concurrent("test.work"), 1, 3, lost);
-  const auto submitTo = [&](const BoundedWork& to, int number) {
-    return to.submit([&, number] {
-      begun.put(number);
-      mayEnd.at(static_cast<std::size_t>(number)).get_future().wait();
+  const auto submitTo = [&progress](const BoundedWork& to, int number) {
+    return to.submit([progress, number] {
+      progress->begun.put(number);
+      progress->mayEnd.at(static_cast<std::size_t>(number)).get_future().wait();
     });
   };
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(submitTo(work, i));
   EXPECT_EQ(begun.take(), 0);
   EXPECT_EQ(begun.take(), 1) << "the first is lost";
-  EXPECT_TRUE(work.submit([&] { begun.put(3); }));
+  EXPECT_TRUE(work.submit([progress] { progress->begun.put(3); }));
   // Meanwhile the second would be lost, too.
   const BoundedWork clock(Queue::concurrent("test.clock"), 1, 1, lost);
-  EXPECT_TRUE(submitTo(clock, 3) && clock.submit([&] { begun.put(4); }));
+  EXPECT_TRUE(submitTo(clock, 3) && clock.submit([progress] { progress->begun.put(4); }));
   EXPECT_EQ(begun.waitFor(2), (std::vector<int>{3, 4}));
   begun.take(), begun.take();
   mayEnd[1].set_value();
@@ -86,7 +90,7 @@ class Scans : public testing::Test {
     return deadlines_.take();
   }
 
-  const FileScans::Clock::time_point kDeadline = FileScans::Clock::now() + std::chrono::seconds(5);
+  const FileScans::Clock::time_point kDeadline = FileScans::Clock::now() + std::chrono::seconds(50);
   FileScans::Limits limits_;
   std::shared_ptr<FileScans> scans_;
   std::map<std::string, Inbox<char>> steps_ = [] {
