@@ -61,8 +61,13 @@ class SettingsSubstitute final : public QMRSettingsClientProtocol {
     return std::make_shared<const Dictionary>(settings.get());
   }
   void getSystemSettingsWithReply(SettingsReply reply) override { fetches.push_back(std::move(reply)); }
-  void addSettingsUpdateCallback(SettingsUpdateCallback callback) override { observers.push_back(callback); }
+  void addSettingsUpdateCallback(SettingsUpdateCallback callback) override {
+    const std::lock_guard lock(mutex_);
+    observers.push_back(callback);
+  }
+  // A provider may also end on its connection's queue.
   void removeSettingsUpdateCallback(const SettingsUpdateCallback& callback) override {
+    const std::lock_guard lock(mutex_);
     std::erase(observers, callback);
   }
   void updateWispError(const ErrorPtr& error) override { reports.put(error); }
@@ -71,6 +76,9 @@ class SettingsSubstitute final : public QMRSettingsClientProtocol {
   std::vector<SettingsReply> fetches;
   std::vector<SettingsUpdateCallback> observers;
   Inbox<ErrorPtr> reports;
+
+ private:
+  std::mutex mutex_;
 };
 
 struct Delayed {
