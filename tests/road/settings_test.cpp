@@ -87,17 +87,17 @@ TEST_F(SettingsRoad, TheDaemonIsSubscribedOnceWhicheverOfTheTwoStartsFirst) {
 
 TEST_F(SettingsRoad, AfterEachRestartTheSettingsAreCurrentAndOneSubscriptionLives) {
   const auto client = QMRSettingsClient::create();
-  std::atomic<std::int64_t> seen = -1;
-  client->addSettingsUpdateCallback([&](const Dictionary&, const Dictionary& system) {
+  const auto seen = std::make_shared<std::atomic<std::int64_t>>(-1);  // a callback may outlive the shutdown
+  client->addSettingsUpdateCallback([seen](const Dictionary&, const Dictionary& system) {
     const auto* number = find<std::int64_t>(system, "number");
-    seen = number == nullptr ? -1 : *number;
+    *seen = number == nullptr ? -1 : *number;
   });
   const auto subscriber = EagerSubscriber::create();
   for (int i = 1; i <= 10; ++i) {
     settings_->end(SIGKILL);
     writeNumber(i);
     settings_ = installation_.startSettingsDaemon();
-    EXPECT_TRUE(eventually([&] { return seen == i; })) << i;
+    EXPECT_TRUE(eventually([&] { return *seen == i; })) << i;
     EXPECT_TRUE(eventually([&] { return occurrences(push(), "result 7") == 1; })) << push();
     const int before = subscriber->pushed;
     EXPECT_EQ(occurrences(push(), "result 7"), 1u);
@@ -109,20 +109,23 @@ TEST_F(SettingsRoad, AfterEachRestartTheSettingsAreCurrentAndOneSubscriptionLive
 
 TEST_F(SettingsRoad, AHandEditReachesItsObserversAndABrokenOneDoesNot) {
   const auto client = QMRSettingsClient::create();
-  std::atomic<std::int64_t> seen = -1;
-  std::atomic<std::chrono::steady_clock::time_point> when;
-  client->addSettingsUpdateCallback([&](const Dictionary&, const Dictionary& system) {
+  struct Observed {
+    std::atomic<std::int64_t> number = -1;
+    std::atomic<std::chrono::steady_clock::time_point> when;
+  };
+  const auto seen = std::make_shared<Observed>();  // a callback may outlive the shutdown
+  client->addSettingsUpdateCallback([seen](const Dictionary&, const Dictionary& system) {
     const auto* number = find<std::int64_t>(system, "number");
-    when = std::chrono::steady_clock::now();
-    seen = number == nullptr ? -1 : *number;
+    seen->when = std::chrono::steady_clock::now();
+    seen->number = number == nullptr ? -1 : *number;
   });
   ASSERT_TRUE(eventually([&] { return qmr({"get", "number"}).exitStatus == 0; }));
   std::vector<std::chrono::microseconds> times;
   for (int i = 1; i <= 51; ++i) {
     const auto start = std::chrono::steady_clock::now();
     writeNumber(i);
-    ASSERT_TRUE(eventually([&] { return seen == i; })) << i;
-    times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(when.load() - start));
+    ASSERT_TRUE(eventually([&] { return seen->number == i; })) << i;
+    times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(seen->when.load() - start));
   }
   std::sort(times.begin(), times.end());
   std::cout << "from the file's change to the observer: median " << times[25].count() << " us, worst "
@@ -136,7 +139,7 @@ TEST_F(SettingsRoad, AHandEditReachesItsObserversAndABrokenOneDoesNot) {
   const CommandResult refused = qmr({"set", "number", "53"});
   EXPECT_EQ(refused.exitStatus, 2);
   EXPECT_THAT(refused.output, HasSubstr("line 3, column 7"));
-  EXPECT_EQ(seen, 51);
+  EXPECT_EQ(seen->number, 51);
   client->shutdown();
 }
 
