@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::uint32_t kOwner = 4711;
 constexpr std::int64_t kSilent = -1;
+// Enough on a loaded machine for those that answer; one test waits for it in vain.
+constexpr std::chrono::seconds kAnswerTime{5};
 const std::string kEvents(RemoteProtocol<RemoteActionEventsProtocol>::name);
 const std::string kExecuted(RemoteProtocol<RemoteActionExecutedEventsProtocol>::name);
 
@@ -73,7 +75,7 @@ class ServedSettings : public RecordedTest {
     options.owner = kOwner;
     options.peers.connectionsOfOneProcess = 16;
     options.peers.undecidedPeersOfOneUser = 2;
-    options.subscribers.answerTime = std::chrono::milliseconds(300);
+    options.subscribers.answerTime = kAnswerTime;
     options.subscribers.subscriptionsOfOneProcess = 4;
     options.subscribers.unansweredActions = 1;
     service_ = SettingsService::create(store_, options);

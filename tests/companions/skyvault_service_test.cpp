@@ -37,12 +37,13 @@ class SkyvaultAgent : public testing::Test {
     options_.now = [] { return theTime; };
   }
   ~SkyvaultAgent() override { listener_.cancel(); }
-  // The only rule of the service holds an analysis up for the scan limit of one second.
+  // The only rule of the service holds an analysis up for the scan limit, which is enough on a loaded machine
+  // for all that is asked meanwhile.
   void start(SkyvaultService::Limits limits) {
     options_.rules = SampleRules::compile({{"slow",
                                             "rule slow { meta: verdict = \"pu\" condition: for all i in "
                                             "(0..2000000000) : (i >= 0) and false }"}});
-    options_.scanLimit = std::chrono::seconds(1);
+    options_.scanLimit = std::chrono::seconds(5);
     const auto answers = std::make_shared<SkyvaultAnswers>(store_, options_);
     SkyvaultService::create(
         answers, [](const XPCConnection&) { return true; }, limits)
@@ -263,8 +264,8 @@ TEST_F(SkyvaultAgent, AClientThatVanishesLeavesNoDescriptorBehind) {
   // Beside those that were examined by then.
   const auto isLost = [](const Answer& answer) { return answer.code() == ErrorCode::connectionLost; };
   EXPECT_GE(std::ranges::count_if(lost->waitFor(20), isLost), 15);
-  // Samples that wait are dropped: examining them all would take twenty seconds.
-  EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; }, std::chrono::seconds(15)));
+  // Samples that wait are dropped: examining them all would take a hundred seconds.
+  EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; }));
 }
 
 }  // namespace

@@ -33,8 +33,7 @@ class Admission : public RoadTest {
   int ask(const fs::path& program) const { return start(program, "ask")->wait(); }
   bool isLogged(const std::string& text) const {
     return eventually(
-        [&] { return contentOf(installation_.log("qmreputationd")).find(text) != std::string::npos; },
-        std::chrono::seconds(5));
+        [&] { return contentOf(installation_.log("qmreputationd")).find(text) != std::string::npos; });
   }
   // Starts it while the daemon is held up, and lets the daemon look at it when it has become that program.
   std::unique_ptr<ChildProcess> startUnseen(
