@@ -29,7 +29,8 @@ void trustAll(const XPCDictionary& request) {
 class ClientTest : public ::testing::Test {
  protected:
   const std::string serviceName = "com.quillmarsh.test" + std::to_string(::getpid()) + ".qmreputationd";
-  ReputationClientOptions options{.serviceName = serviceName, .requestsInFlight = 7};
+  ReputationClientOptions options{
+      .serviceName = serviceName, .requestsInFlight = 7, .reconnectTimeout = kPatience};
   ScratchFolder folder;
   const std::string path = folder.write("file", "content");
   Answers answers;  // outlives the clients of the tests

@@ -48,6 +48,7 @@ class CheckRunTest : public ::testing::Test {
     std::ostringstream err;
     ReputationClientOptions client;
     client.serviceName = serviceName;
+    client.reconnectTimeout = std::chrono::milliseconds(1);  // a service that has ended does not come back
     const auto run = std::make_shared<CheckRun>(options, client, RunStreams{in, out, err}, RunAppearance{});
     const RunOutcome outcome = run->run();
     EXPECT_FALSE(outcome.feederStuck);
