@@ -15,10 +15,11 @@ using Qvs = QMRWispQvsResponseObjC;
 using CloudScan = QMRWispCloudScanResponseObjC;
 
 constexpr std::uint32_t kOwner = 4711;
-constexpr std::uint32_t kPatient = 60;  // seconds
+constexpr std::uint32_t kPatient = 60;   // seconds
+constexpr std::int64_t kFarAhead = 100;  // seconds
 // All files have been as they are for long.
 std::int64_t timeFarAhead() {
-  return Date::now().nanosecondsSince1970 / 1'000'000'000 + 100;
+  return Date::now().nanosecondsSince1970 / 1'000'000'000 + kFarAhead;
 }
 
 template <class Response>
@@ -219,7 +220,7 @@ TEST_F(ServedWisp, AFileThatIsAsItWasIsNotExaminedAgainUntilTheCacheIsCleared) {
   EXPECT_TRUE(isExamined(answers)) << "it was cleared while the file was scanned";
   EXPECT_FALSE(isExamined(answers));
 
-  answering_.now = [] { return Date::now().nanosecondsSince1970 / 1'000'000'000; };
+  answering_.now = [] { return timeFarAhead() - kFarAhead - 60; };  // so long it is too young
   WispAnswers wary(store_, answering_);
   EXPECT_TRUE(isExamined(wary));
   EXPECT_TRUE(isExamined(wary)) << "so young a file may change without a trace";
