@@ -55,6 +55,10 @@ class XPCWire : public ServedTest {
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(std::size_t spare) {
+    Pipe last;  // closed behind what is still being closed, which would make room
+    closeElsewhere(std::move(last.writeEnd));
+    EXPECT_TRUE(last.isWriteEndClosedEverywhere());
+    last.readEnd.reset();
     ::getrlimit(RLIMIT_NOFILE, &before_);
     std::vector<FileDescriptor> free;  // the lowest are given out first
     for (std::size_t i = 0; i <= spare; ++i) free.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
