@@ -6,6 +6,8 @@
 #include <iterator>
 #include <utility>
 
+#include "platform/common/disposal_lanes.hpp"
+
 namespace qm::xpc {
 namespace {
 
@@ -17,6 +19,7 @@ bool hasHungUp(const AcceptedPeer& accepted) {
 }  // namespace
 
 AdmissionPlaces::Answer AdmissionPlaces::enter(AcceptedPeer& accepted) {
+  if (hasTooManyClosings(accepted.userID())) return Answer::clogged;
   User& user = users_[accepted.userID()];
   if (user.taken < kMaximumUndecidedPeersPerUser) {
     ++user.taken;

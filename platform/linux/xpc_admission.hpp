@@ -29,9 +29,10 @@ class AdmissionPlaces {
   bool isFull() const { return taken_ >= kMaximumUndecidedPeers; }
 
   enum class Answer : std::uint8_t {
-    place,   // until leave() is called for its user
-    wait,    // its user's share is taken: the peer is kept here until leave() hands it out
-    refuse,  // too many wait already who have not hung up meanwhile
+    place,    // until leave() is called for its user
+    wait,     // its user's share is taken: the peer is kept here until leave() hands it out
+    refuse,   // too many wait already who have not hung up meanwhile
+    clogged,  // refused as well: too many files of its user cannot be closed, which was logged once
   };
   // Not when it is full. The peer is moved from only if it waits.
   Answer enter(AcceptedPeer& accepted);

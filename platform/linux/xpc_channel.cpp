@@ -10,6 +10,7 @@
 #include <limits>
 #include <utility>
 
+#include "platform/common/disposal_lanes.hpp"
 #include "platform/linux/xpc_disposal.hpp"
 #include "platform/linux/xpc_socket.hpp"
 
@@ -277,6 +278,10 @@ bool Channel::checkSender(const Received& received) {
     close("message from another process");
     return false;
   }
+  if (!received.descriptors.empty() && hasTooManyClosings(sender->uid)) {
+    close("too many files of its user cannot be closed");
+    return false;
+  }
   if (received.isTruncated) close("descriptors were lost on the way");
   return !received.isTruncated;
 }
@@ -310,10 +315,10 @@ bool Channel::handle(Frame& frame) {
     close(reason);
     return false;
   }
+  holdDescriptors(frame);
   const auto delegate = delegate_.lock();
   if (!delegate) return true;
   const bool isHeld = frame.header.kind == FrameKind::message || frame.header.kind == FrameKind::request;
-  holdDescriptors(frame);
   Hold held = isHeld ? holdMessage(frame) : Hold();
   delegate->channelReceived(shared_from_this(), std::move(frame), std::move(held));
   return true;

@@ -16,7 +16,7 @@ namespace qm::xpc {
 class PassedDescriptor {
  public:
   PassedDescriptor() = default;
-  // The user is whoever sent it; none for one of ours.
+  // The user is whoever sent it; for one of ours the one of closeElsewhere().
   PassedDescriptor(FileDescriptor descriptor, std::optional<std::uint32_t> userID = std::nullopt)
       : descriptor_(std::move(descriptor)), userID_(userID) {}
   PassedDescriptor(PassedDescriptor&&) noexcept = default;
@@ -33,6 +33,8 @@ class PassedDescriptor {
   FileDescriptor duplicate() const { return descriptor_.duplicate(); }
   // Gives it away: from now on it is closed where its new owner ends.
   [[nodiscard]] FileDescriptor take() { return std::move(descriptor_); }
+  // It turned out whose it is.
+  void setUser(std::uint32_t userID) { userID_ = userID; }
   // Lets go of that no sooner than the descriptor is closed.
   void keepUntilClosed(std::shared_ptr<const void> kept) { kept_ = std::move(kept); }
 
@@ -42,7 +44,8 @@ class PassedDescriptor {
   std::shared_ptr<const void> kept_;
 };
 
-// Its peer, of the user if that is known, sees the end at once.
+// Its peer, of the user if that is known, sees the end at once. What nobody can have put a file into counts
+// as the process's own.
 void closeSocketElsewhere(FileDescriptor socket, std::optional<std::uint32_t> userID);
 
 }  // namespace qm::xpc

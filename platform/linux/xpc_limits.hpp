@@ -44,6 +44,11 @@ inline constexpr std::size_t kMaximumUndecidedPeers = 64;
 inline constexpr std::size_t kMaximumUndecidedPeersPerUser = kMaximumUndecidedPeers / 4;
 // Peers that wait because their user's share is taken, of one user and of all; further ones are refused. They
 // were accepted, or nobody behind them in the kernel's queue would be: each costs two descriptors.
+// A user with kMaximumClosingsBehind (disposal_lanes.hpp) gets no further place, and whichever of its
+// connections brings another descriptor ends with that read, of 253 descriptors at most. With the 144 that
+// may be undecided then and are admitted after all, that is 16,384 + 144 * (253 + 2) = 53,104 of the 65,536
+// that a service may have open. Beside them are the descriptors of messages that are not handled yet, and the
+// sockets of refused peers that had put what cannot be closed into them.
 inline constexpr std::size_t kMaximumWaitingPeersPerUser = 128;
 inline constexpr std::size_t kMaximumWaitingPeers = 512;
 inline constexpr int kListenBacklog = 128;

@@ -201,8 +201,9 @@ void Listener::enter(AcceptedPeer accepted) {
   }
   if (answer == AdmissionPlaces::Answer::place) return deliverPeer(std::move(accepted));
   if (answer == AdmissionPlaces::Answer::wait) return;
-  QM_LOG_ERROR(transportLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
-               accepted.peer.token.processID(), accepted.userID());
+  if (answer == AdmissionPlaces::Answer::refuse)
+    QM_LOG_ERROR(transportLog(), "Refusing pid %d: too many peers of user %u are not decided upon yet",
+                 accepted.peer.token.processID(), accepted.userID());
   accepted.hangUp();
 }
 

@@ -161,9 +161,27 @@ TEST(Disposal, KeepsNobodyWaitingForMoreDescriptorsThatCannotBeClosed) {
   EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
 }
 
-TEST(Disposal, OneUsersDescriptorsThatCannotBeClosedLeaveLanesToTheOthersUntilTheyAreClosed) {
+constexpr std::uint32_t kUser = 501;
+
+// Before it is known that they hang, too, and in whichever way they are let go of.
+TEST(Disposal, OneUsersDescriptorsThatCannotBeClosedNeverTakeAllLanes) {
+  setDisposalPatience(std::chrono::hours(1));
+  const std::function<void(FileDescriptor)> ways[] = {
+      [](FileDescriptor last) { closeElsewhere(std::move(last), kUser); },
+      [](FileDescriptor last) { const FileHandle handle(last.release(), true, kUser); },
+  };
+  std::deque<LingeringSocket> lingering;
+  for (const auto& letGo : ways) {
+    for (std::size_t i = 0; i < kDisposalLanes; ++i) letGo(std::move(lingering.emplace_back().socket));
+    Pipe pipe;
+    closeElsewhere(std::move(pipe.writeEnd), 502);
+    EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+  }
+}
+
+TEST(Disposal, OneUsersDescriptorsThatHangLeaveLanesToTheOthersUntilTheyAreClosed) {
   setDisposalPatience(std::chrono::milliseconds(1));
-  constexpr std::uint32_t kUser = 501;
+  LogRecorder log;
   Pipe ofTheSameUser;
   const auto isClosed = [&] {
     pollfd entry{.fd = ofTheSameUser.readEnd.get(), .events = POLLIN, .revents = 0};
@@ -178,16 +196,20 @@ TEST(Disposal, OneUsersDescriptorsThatCannotBeClosedLeaveLanesToTheOthersUntilTh
       closeElsewhere(std::move(pipe.writeEnd), other);
       EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
     }
+    EXPECT_TRUE(eventually([&] { return log.hasError("Closing files of user 501 hangs 16 times"); }));
     EXPECT_FALSE(isClosed());
+    EXPECT_FALSE(hasTooManyClosings(kUser));
+    for (std::size_t i = 0; i < kMaximumClosingsBehind; ++i) runOnDisposalLane([] {}, kUser);
+    EXPECT_TRUE(hasTooManyClosings(kUser));
+    EXPECT_FALSE(hasTooManyClosings(502));
   }
   EXPECT_TRUE(eventually(isClosed));
+  EXPECT_TRUE(eventually([] { return !hasTooManyClosings(kUser); }));
+  EXPECT_TRUE(log.hasError("16384 files of user 501 wait to be closed"));
 }
 
-// A fork has no threads to close anything.
+// A fork has no threads to close anything, and its parent need not have closed anything before.
 TEST(DisposalDeathTest, ClosesAtOnceInAForkedChild) {
-  Pipe first;
-  closeElsewhere(std::move(first.writeEnd));
-  EXPECT_TRUE(first.isWriteEndClosedEverywhere());
   GTEST_FLAG_SET(death_test_style, "fast");
   const auto closeInChild = [] {
     Pipe pipe;

@@ -32,6 +32,13 @@ const Bytes kMapWithDescriptors = [] {
 }();
 const Bytes kMapWithEndpoint{0xa1, 0x61, 'd', 0xd9, 0xdb, 0x28, 0x00};
 
+// What is nobody's is closed though a user's cannot be.
+void expectClosesOthers() {
+  Pipe pipe;
+  closeElsewhere(std::move(pipe.writeEnd));
+  EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
+}
+
 class XPCWire : public ServedTest {
  protected:
   // What cannot be closed stays in the way.
@@ -163,6 +170,19 @@ TEST_F(XPCWire, WhoSendsWhatCannotBeClosedIsNotReadUntilItIs) {
   EXPECT_TRUE(event);
 }
 
+TEST_F(XPCWire, WhatCannotBeClosedOfAPeersMessagesLeavesLanesToTheOthers) {
+  const RawClient client = greetedClient();
+  std::array<LingeringSocket, kDisposalLanes> lingering;
+  for (LingeringSocket& each : lingering) {
+    client.writeFrame({.kind = FrameKind::message, .descriptors = 1}, kMapWithDescriptor,
+                      std::vector{each.socket.get()});
+    const std::optional<XPCObject> event = service.events->take();
+    EXPECT_TRUE(event->asDictionary().value("d"));
+    each.socket.reset();
+  }
+  expectClosesOthers();
+}
+
 // In a process of its own, because the sockets are looked for once.
 TEST(XPCPlaceDeathTest, OnlyAServiceWithANameTakesOverTheServiceManagersSocket) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -196,16 +216,18 @@ TEST(XPCListener, ARefusedPeersDescriptorThatCannotBeClosedKeepsNobodyWaiting) {
     refused->put(true);
   });
   listener.activate();
-  LingeringSocket lingering;
-  for (const int round : {1, 2}) {
+  setDisposalPatience(std::chrono::hours(1));
+  std::array<LingeringSocket, kDisposalLanes> lingering;
+  for (LingeringSocket& each : lingering) {
     const RawClient client = RawClient::connect(name);
     client.writeFrame({.kind = FrameKind::message, .descriptors = 1}, kEmptyMap,
-                      std::vector{round == 1 ? lingering.socket.get() : client.socket()});
-    lingering.socket.reset();
+                      std::vector{each.socket.get()});
+    each.socket.reset();
     written->put(true);
-    EXPECT_TRUE(refused->take()) << round;
-    EXPECT_TRUE(client.isClosedByPeer()) << round;
+    EXPECT_TRUE(refused->take());
+    EXPECT_TRUE(client.isClosedByPeer());
   }
+  expectClosesOthers();
   listener.cancel();
 }
 
@@ -391,6 +413,22 @@ TEST(XPCAdmission, AUserPastItsShareWaitsOrIsRefusedAndOthersAreNotTouched) {
   EXPECT_TRUE(places.isFull());
   EXPECT_FALSE(places.leave(3));
   EXPECT_FALSE(places.isFull());
+}
+
+TEST(XPCAdmission, AUserWithTooManyFilesThatCannotBeClosedIsRefusedAndRootIsNot) {
+  setDisposalPatience(std::chrono::hours(1));
+  xpc::AdmissionPlaces places;
+  std::array<LingeringSocket, kDisposalLanes> lingering;  // half of them of each
+  for (std::uint32_t userID : {0U, 501U}) {
+    for (std::size_t i = 0; i < kDisposalLanes / 2; ++i)
+      closeElsewhere(std::move(lingering[i + (userID == 0 ? 0 : kDisposalLanes / 2)].socket), userID);
+    xpc::AcceptedPeer peer;
+    peer.peer.token.words[1] = userID;
+    EXPECT_EQ(places.enter(peer), xpc::AdmissionPlaces::Answer::place);
+    for (std::size_t i = 0; i < kMaximumClosingsBehind; ++i) runOnDisposalLane([] {}, userID);
+    EXPECT_EQ(places.enter(peer),
+              userID == 0 ? xpc::AdmissionPlaces::Answer::place : xpc::AdmissionPlaces::Answer::clogged);
+  }
 }
 
 TEST(XPCListener, WhoWaitsBehindItsUsersShareIsServedWhenAnotherIsRefused) {
