@@ -165,6 +165,9 @@ void SkyvaultService::replyToMetadata(const XPCDictionary& request, const XPCDic
 
 void SkyvaultService::replyToSample(const XPCDictionary& request, const XPCDictionary& reply,
                                     const std::shared_ptr<Peer>& peer) {
+  const XPCObject userID = request.value(kUserIDKey);
+  if (userID && userID.type() == XPCType::uint64)
+    request.value(kFileKey).setDescriptorUser(static_cast<std::uint32_t>(userID.uint64Value()));
   FileDescriptor file = request.duplicateDescriptor(kFileKey);
   if (!file) return sendError(reply, ErrorCode::invalidRequest, "The request has no sample.");
   const WorkShare::Ticket ticket = peer->share->take();

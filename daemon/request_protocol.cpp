@@ -116,8 +116,9 @@ void request_reputation(const std::shared_ptr<QMRReputationProtocol>& provider, 
 void process_message(const std::shared_ptr<QMRReputationProtocol>& provider, const XPCDictionary& message,
                      const RequestQueue& queue) {
   if (message.getBool("FileReputationRequest")) {
-    queue.async(share_of_request(message.remoteConnection().effectiveUserID(), message),
-                [provider, message] { process_file_reputation_request(provider, message); });
+    const RequestShare share = share_of_request(message.remoteConnection().effectiveUserID(), message);
+    message.value("filedescriptor").setDescriptorUser(share.userID);
+    queue.async(share, [provider, message] { process_file_reputation_request(provider, message); });
     return;
   }
   QM_LOG_ERROR(daemon_log(), "Unexpected XPC message: %{public}s",

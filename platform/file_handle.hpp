@@ -35,6 +35,7 @@ class FileHandle {
   static std::shared_ptr<FileHandle> fileHandleForReadingAtPath(const std::string& path);
 
   int fileDescriptor() const { return descriptor_; }
+  std::optional<std::uint32_t> userID() const { return userID_; }
 
   // Both raise FileHandleOperationException when the descriptor is negative.
   //

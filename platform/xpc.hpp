@@ -65,8 +65,10 @@ class XPCObject {
   static XPCObject uuid(const UUID& value);
   // Duplicates the descriptor, the caller keeps its own. Null for a bad descriptor.
   static XPCObject fileDescriptor(int descriptor);
-  // Takes the descriptor over. Null for an empty or a bad one.
-  static XPCObject fileDescriptor(FileDescriptor descriptor);
+  // Takes the descriptor over. Null for an empty or a bad one. The user is the one of closeElsewhere()
+  // (disposal.hpp).
+  static XPCObject fileDescriptor(FileDescriptor descriptor,
+                                  std::optional<std::uint32_t> userID = std::nullopt);
 
   explicit operator bool() const { return representation_ != nullptr; }
   XPCType type() const;  // the object must not be null
@@ -82,6 +84,10 @@ class XPCObject {
   std::optional<UUID> uuidValue() const;
   // A new descriptor with each call, close-on-exec.
   FileDescriptor duplicateDescriptor() const;
+  // The descriptor was received and is open on behalf of that user, not of its sender: its closing counts as
+  // the user's. Nothing happens when the object is null or of another type. Whoever calls it is the only one
+  // who has the object's message.
+  void setDescriptorUser(std::uint32_t userID) const;
 
   // Null objects when this is of another type.
   XPCDictionary asDictionary() const;

@@ -167,9 +167,9 @@ XPCObject XPCObject::fileDescriptor(int descriptor) {
   return xpc::adopt(xpc_fd_create(descriptor));
 }
 
-XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor) {
+XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor, std::optional<std::uint32_t> userID) {
   XPCObject object = fileDescriptor(descriptor.get());
-  closeElsewhere(std::move(descriptor));
+  closeElsewhere(std::move(descriptor), userID);
   return object;
 }
 
@@ -221,6 +221,9 @@ FileDescriptor XPCObject::duplicateDescriptor() const {
   if (descriptor) (void)::fcntl(descriptor.get(), F_SETFD, FD_CLOEXEC);
   return descriptor;
 }
+
+// The system closes what it received, and knows no users.
+void XPCObject::setDescriptorUser(std::uint32_t) const {}
 
 XPCDictionary XPCObject::asDictionary() const {
   return rawIf(*this, XPCType::dictionary) == nullptr ? XPCDictionary() : XPCDictionary(representation_);

@@ -215,7 +215,9 @@ void SVKSkyvaultServiceClient::analyzeFileHandle(std::shared_ptr<qm::FileHandle>
   if (!own) return fail("The sample cannot be passed on: " + qm::systemErrorText(errno) + ".");
   XPCDictionary request = makeRequest(qm::skyvault::kRequestSample);
   request.setValue(qm::skyvault::kMetadataKey, qm::xpcObjectFromValue(metadata));
-  request.setValue(qm::skyvault::kFileKey, XPCObject::fileDescriptor(std::move(own)));
+  const std::optional<std::uint32_t> userID = fileHandle->userID();
+  request.setValue(qm::skyvault::kFileKey, XPCObject::fileDescriptor(std::move(own), userID));
+  if (userID) request.setUInt64(qm::skyvault::kUserIDKey, *userID);
   send(request, timeout, std::move(completion), std::move(fileHandle));
 }
 

@@ -5,7 +5,8 @@
 //   request  kRequestKey says which; beside it
 //            kRequestHash       kSHA256Key
 //            kRequestMetadata   kMetadataKey
-//            kRequestSample     kMetadataKey, kFileKey (a descriptor of a regular file, open for reading)
+//            kRequestSample     kMetadataKey, kFileKey (a descriptor of a regular file, open for reading),
+//                               where it is known kUserIDKey (on whose behalf it is open)
 //            kRequestURL        kURLKey, where there is any kMetadataKey, where only some are wanted
 //                               kCategoriesWantedKey
 //   reply    kVerdictKey, kOptionsKey, kTTLKey, kPrevalenceKey, and where there are any kInfectionNameKey and
@@ -22,6 +23,7 @@ inline constexpr const char* kRequestKey = "request";    // string
 inline constexpr const char* kSHA256Key = "sha256";      // string, 64 lower-case hexadecimal digits
 inline constexpr const char* kMetadataKey = "metadata";  // dictionary
 inline constexpr const char* kFileKey = "file";          // descriptor
+inline constexpr const char* kUserIDKey = "uid";         // unsigned
 inline constexpr const char* kURLKey = "url";            // string, a URL (RFC 3986)
 inline constexpr const char* kCategoriesWantedKey = "categories-wanted";  // array of strings
 

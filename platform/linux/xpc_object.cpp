@@ -74,8 +74,8 @@ XPCObject XPCObject::fileDescriptor(int descriptor) {
   return adoptDescriptor(FileDescriptor(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)));
 }
 
-XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor) {
-  return adoptDescriptor(std::move(descriptor));
+XPCObject XPCObject::fileDescriptor(FileDescriptor descriptor, std::optional<std::uint32_t> userID) {
+  return adoptDescriptor({std::move(descriptor), userID});
 }
 
 XPCType XPCObject::type() const {
@@ -116,6 +116,11 @@ std::optional<UUID> XPCObject::uuidValue() const {
 FileDescriptor XPCObject::duplicateDescriptor() const {
   const auto* representation = representationAs<DescriptorRepresentation>(*this, XPCType::fileDescriptor);
   return representation == nullptr ? FileDescriptor() : representation->content.duplicate();
+}
+
+void XPCObject::setDescriptorUser(std::uint32_t userID) const {
+  if (!representation_ || type() != XPCType::fileDescriptor) return;
+  static_cast<DescriptorRepresentation&>(*representation_).content.setUser(userID);
 }
 
 XPCDictionary XPCObject::asDictionary() const {

@@ -1,5 +1,6 @@
 // The client against an agent in this process that does what the test says.
 
+#include "platform/file_handle.hpp"
 #include "platform/file_io.hpp"
 #include "platform/linux/SVKSkyvaultServiceClient.hpp"
 #include "support/scripted_service.hpp"
@@ -83,7 +84,8 @@ TEST(SkyvaultClient, CarriesASampleAndBringsTheAnswerBack) {
   const Dictionary metadata{{"file_size", std::uint64_t{3}}, {"file_info", Dictionary{{"created", -1}}}};
   const ScratchFolder folder;
   Completions completions;
-  auto handle = FileHandle::fileHandleForReadingAtPath(folder.write("sample", "the sample"));
+  auto handle = std::make_shared<FileHandle>(
+      openForReading(folder.write("sample", "the sample").c_str()).release(), true, 501);
   client->analyzeFileHandle(handle, metadata, kLong,
                             [watch = std::weak_ptr(handle), done = completions.make()](
                                 const auto& response, const ErrorPtr& error) {
@@ -95,6 +97,7 @@ TEST(SkyvaultClient, CarriesASampleAndBringsTheAnswerBack) {
   const XPCDictionary request = agent.nextRequest();
   EXPECT_EQ(request.getString(kRequestKey), kRequestSample);
   EXPECT_EQ(valueFromXPCObject(request.value(kMetadataKey)), Value(metadata));
+  EXPECT_EQ(request.value(kUserIDKey), XPCObject::uint64(501));
   char content[16] = {};
   EXPECT_EQ(readAt(request.duplicateDescriptor(kFileKey).get(), content, sizeof content, 0), 10);
   EXPECT_STREQ(content, "the sample");

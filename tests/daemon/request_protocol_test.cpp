@@ -5,6 +5,10 @@
 #include "daemon/daemon_support.hpp"
 #include "daemon/peers.hpp"
 #include "filefacts/QMRHashCacheEntry.hpp"
+#include "platform/common/disposal_lanes.hpp"
+#include "platform/disposal.hpp"
+#include "support/child_process.hpp"
+#include "support/lingering_socket.hpp"
 
 namespace {
 
@@ -63,6 +67,7 @@ TEST_F(RequestProtocol, RequestsOfOneUserThatHangLeaveWorkersToTheOthersAndToLon
   std::latch answers{1};
   const auto provider = std::make_shared<SubstituteProvider>([&](const auto& request, const Reply& reply) {
     asked.put(request->path());
+    EXPECT_EQ(request->fileHandle()->userID(), request->path() == "of another user" ? 502 : 501);
     if (request->path() == "hung") answers.wait();
     reply(resultFor(request->path(), 0), nullptr);
   });
@@ -83,6 +88,19 @@ TEST_F(RequestProtocol, RequestsOfOneUserThatHangLeaveWorkersToTheOthersAndToLon
   answers.count_down();
   EXPECT_THAT(asked.waitFor(4),
               ::testing::ElementsAre("hung", "of another user", "first that waits", "second that waits"));
+}
+
+TEST_F(RequestProtocol, WhatCannotBeClosedOfOneUsersRequestsLeavesLanesToTheOthers) {
+  setDisposalPatience(std::chrono::hours(1));
+  std::array<LingeringSocket, kDisposalLanes> lingering;
+  for (LingeringSocket& each : lingering) {
+    XPCDictionary request = requestFor("hung");
+    request.setValue("filedescriptor", XPCObject::fileDescriptor(std::move(each.socket)));
+    process_message(nullptr, request, queue_);
+  }
+  Pipe pipe;
+  closeElsewhere(std::move(pipe.writeEnd), 502);
+  EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());
 }
 
 TEST_F(RequestProtocol, OnlyAServiceOfRootsTakesTheShareOfTheUserItNames) {

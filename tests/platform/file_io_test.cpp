@@ -169,6 +169,8 @@ TEST(Disposal, OneUsersDescriptorsThatCannotBeClosedNeverTakeAllLanes) {
   const std::function<void(FileDescriptor)> ways[] = {
       [](FileDescriptor last) { closeElsewhere(std::move(last), kUser); },
       [](FileDescriptor last) { const FileHandle handle(last.release(), true, kUser); },
+      [](FileDescriptor last) { XPCObject::fileDescriptor(std::move(last), kUser); },
+      [](FileDescriptor last) { XPCObject::fileDescriptor(std::move(last)).setDescriptorUser(kUser); },
   };
   std::deque<LingeringSocket> lingering;
   for (const auto& letGo : ways) {
