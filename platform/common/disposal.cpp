@@ -49,6 +49,7 @@ class Lanes {
   void setPatience(std::chrono::milliseconds time) {
     const MutexLock lock(mutex_);
     patience_ = time;
+    if (isWatched_) watch_.after(time, [this] { look(); });
   }
 
   void add(const Block<void()>& work, std::optional<std::uint32_t> userID) {

@@ -93,11 +93,17 @@ TEST_F(RequestProtocol, RequestsOfOneUserThatHangLeaveWorkersToTheOthersAndToLon
 TEST_F(RequestProtocol, WhatCannotBeClosedOfOneUsersRequestsLeavesLanesToTheOthers) {
   setDisposalPatience(std::chrono::hours(1));
   std::array<LingeringSocket, kDisposalLanes> lingering;
+  std::vector<XPCDictionary> requests;
   for (LingeringSocket& each : lingering) {
-    XPCDictionary request = requestFor("hung");
-    request.setValue("filedescriptor", XPCObject::fileDescriptor(std::move(each.socket)));
-    process_message(nullptr, request, queue_);
+    requests.push_back(requestFor("hung"));
+    requests.back().setValue("filedescriptor", XPCObject::fileDescriptor(std::move(each.socket)));
+    process_message(nullptr, requests.back(), queue_);
   }
+  const auto isOursAlone = [](const XPCDictionary& request) {
+    return request.representation().use_count() == 1;
+  };
+  EXPECT_TRUE(eventually([&] { return std::all_of(requests.begin(), requests.end(), isOursAlone); }));
+  requests.clear();
   Pipe pipe;
   closeElsewhere(std::move(pipe.writeEnd), 502);
   EXPECT_TRUE(pipe.isWriteEndClosedEverywhere());

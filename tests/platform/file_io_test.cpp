@@ -6,6 +6,7 @@
 #include "platform/common/file_time.hpp"
 #include "platform/disposal.hpp"
 #include "platform/file_handle.hpp"
+#include "platform/queue.hpp"
 #include "platform/regular_file.hpp"
 #include "platform/xpc.hpp"
 #include "support/child_process.hpp"
@@ -210,8 +211,11 @@ TEST(Disposal, OneUsersDescriptorsThatHangLeaveLanesToTheOthersUntilTheyAreClose
   EXPECT_TRUE(log.hasError("16384 files of user 501 wait to be closed"));
 }
 
-// A fork has no threads to close anything, and its parent need not have closed anything before.
+// A fork has no threads to close anything. Its parent has, but has closed nothing before.
 TEST(DisposalDeathTest, ClosesAtOnceInAForkedChild) {
+  const auto started = std::make_shared<Inbox<bool>>();
+  Queue::global().async([started] { started->put(true); });
+  EXPECT_TRUE(started->take());
   GTEST_FLAG_SET(death_test_style, "fast");
   const auto closeInChild = [] {
     Pipe pipe;
