@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include "platform/common/disposal_lanes.hpp"
 #include "platform/disposal.hpp"
@@ -415,20 +416,62 @@ TEST(XPCAdmission, AUserPastItsShareWaitsOrIsRefusedAndOthersAreNotTouched) {
   EXPECT_FALSE(places.isFull());
 }
 
+// While it lives the user has as many closings that wait as one may have.
+class CloggedUser {
+ public:
+  explicit CloggedUser(std::uint32_t userID) {
+    setDisposalPatience(std::chrono::hours(1));
+    for (LingeringSocket& each : lingering_) closeElsewhere(std::move(each.socket), userID);
+    for (std::size_t i = 0; i < kMaximumClosingsBehind; ++i) runOnDisposalLane([] {}, userID);
+  }
+
+ private:
+  std::array<LingeringSocket, kDisposalLanes / 2> lingering_;
+};
+
 TEST(XPCAdmission, AUserWithTooManyFilesThatCannotBeClosedIsRefusedAndRootIsNot) {
-  setDisposalPatience(std::chrono::hours(1));
+  using Answer = xpc::AdmissionPlaces::Answer;
+  const CloggedUser root(0);
+  const CloggedUser user(501);
   xpc::AdmissionPlaces places;
-  std::array<LingeringSocket, kDisposalLanes> lingering;  // half of them of each
-  for (std::uint32_t userID : {0U, 501U}) {
-    for (std::size_t i = 0; i < kDisposalLanes / 2; ++i)
-      closeElsewhere(std::move(lingering[i + (userID == 0 ? 0 : kDisposalLanes / 2)].socket), userID);
+  for (const auto& [userID, expected] : {std::pair(0U, Answer::place), {501U, Answer::clogged}}) {
     xpc::AcceptedPeer peer;
     peer.peer.token.words[1] = userID;
-    EXPECT_EQ(places.enter(peer), xpc::AdmissionPlaces::Answer::place);
-    for (std::size_t i = 0; i < kMaximumClosingsBehind; ++i) runOnDisposalLane([] {}, userID);
-    EXPECT_EQ(places.enter(peer),
-              userID == 0 ? xpc::AdmissionPlaces::Answer::place : xpc::AdmissionPlaces::Answer::clogged);
+    EXPECT_EQ(places.enter(peer), expected);
   }
+}
+
+TEST(XPCChannel, AUserWithTooManyFilesThatCannotBeClosedBringsNoOtherOnAnOldConnection) {
+  LogRecorder log;
+  const std::uint32_t userID = ::getuid() == 0 ? 501 : ::getuid();
+  std::optional<xpc::SocketPair> pair = xpc::makeSocketPair(SOCK_STREAM);
+  ASSERT_TRUE(pair);
+  const auto delegate = std::make_shared<LoneChannel>();
+  const auto channel = std::make_shared<xpc::Channel>(xpc::Channel::Role::listener, delegate);
+  channel->start(std::move(pair->first),
+                 xpc::peerFromCredentials({.pid = ::getpid(), .uid = userID, .gid = ::getgid()}, {}));
+  const RawClient client(std::move(pair->second));
+  std::thread([&] {
+    // This thread's alone, unlike with the library's function.
+    if (::getuid() == 0) {
+      EXPECT_EQ(::syscall(SYS_setresuid, userID, userID, userID), 0);
+    }
+    client.greet();
+    const Pipe pipe;
+    const auto send = [&](std::uint16_t count) {
+      client.writeFrame({.kind = FrameKind::message, .descriptors = count}, kEmptyMap,
+                        std::vector<int>(count, pipe.writeEnd.get()));
+      EXPECT_TRUE(delegate->received.take());
+    };
+    send(1);
+    const CloggedUser user(userID);
+    send(0);
+    client.writeFrame({.kind = FrameKind::message, .descriptors = 1}, kEmptyMap,
+                      std::vector{pipe.writeEnd.get()});
+    EXPECT_TRUE(client.isClosedByPeer());
+  }).join();
+  EXPECT_TRUE(delegate->closed.take());
+  EXPECT_TRUE(log.hasError(": too many files of its user cannot be closed"));
 }
 
 TEST(XPCListener, WhoWaitsBehindItsUsersShareIsServedWhenAnotherIsRefused) {
