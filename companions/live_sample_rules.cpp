@@ -45,6 +45,8 @@ LiveSampleRules::~LiveSampleRules() = default;
 void LiveSampleRules::reload() {
   std::vector<RejectedRules> unreadable;
   std::vector<SampleRuleSource> sources = SampleRules::readFolder(folder_, unreadable);
+  if (!unreadable.empty() && unreadable.front().name == folder_)
+    return complainOfFolder(unreadable.front().reason);
   // What cannot be read is a mistaken text, too; said once, since no change of the text comes before the
   // next.
   std::map<std::string, std::string> reasons;
@@ -55,6 +57,8 @@ void LiveSampleRules::reload() {
     if (good != inUse_.end()) sources.push_back({file.name, good->second});
     reasons.emplace(file.name, file.reason);
   }
+  if (unreadable_.contains(folder_))
+    QM_LOG(log(), "The sample rules in %{public}@ can be read again", folder_);
   unreadable_ = std::move(reasons);
   std::map<std::string, SHA256Value> digests;
   for (const SampleRuleSource& source : sources)
@@ -63,6 +67,17 @@ void LiveSampleRules::reload() {
   if (!compile(std::move(sources))) return;
   read_ = std::move(digests);
   isFirst_ = false;
+}
+
+// Nobody has taken a rule back by that: what was found with them stays in force, too.
+void LiveSampleRules::complainOfFolder(const std::string& reason) {
+  std::string& known = unreadable_[folder_];
+  if (std::exchange(known, reason) == reason) return;
+  QM_LOG_ERROR(log(), "The sample rules in %{public}@ cannot be read: %{public}@", folder_, reason);
+  if (isFirst_)
+    QM_LOG_ERROR(log(), "No sample is examined");
+  else
+    QM_LOG_ERROR(log(), "The sample rules that were there before stay in use");
 }
 
 void LiveSampleRules::complain(const RejectedRules& file, bool hadGoodOnes) {
@@ -95,6 +110,7 @@ bool LiveSampleRules::compile(std::vector<SampleRuleSource> sources) {
     return false;
   }
   for (SampleRuleSource& source : sources) inUse_.emplace(std::move(source.name), std::move(source.text));
+  if (!isFirst_ && inUse_ == previous) return true;  // what they find is what it was
   if (rules->count() == 0)
     QM_LOG_ERROR(log(), "There are no sample rules in %{public}@, no sample is examined", folder_);
   else

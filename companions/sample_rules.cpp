@@ -175,10 +175,9 @@ int noteMatch(YR_SCAN_CONTEXT*, int message, void* data, void* context) {
   return CALLBACK_CONTINUE;
 }
 
-std::vector<std::string> ruleFilesIn(const std::string& folder) {
+std::vector<std::string> ruleFilesIn(const std::string& folder, std::error_code& failure) {
   namespace fs = std::filesystem;
   std::vector<std::string> files;
-  std::error_code failure;
   for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure))
     if (entry->path().extension() == ".yar" || entry->path().extension() == ".yara")
       files.push_back(entry->path().string());
@@ -231,8 +230,14 @@ std::shared_ptr<const SampleRules> SampleRules::compile(const std::vector<Sample
 
 std::vector<SampleRuleSource> SampleRules::readFolder(const std::string& folder,
                                                       std::vector<RejectedRules>& unreadable) {
+  std::error_code failure;
+  const std::vector<std::string> files = ruleFilesIn(folder, failure);
+  if (failure) {
+    unreadable.push_back({folder, failure.message()});
+    return {};
+  }
   std::vector<SampleRuleSource> sources;
-  for (const std::string& file : ruleFilesIn(folder)) {
+  for (const std::string& file : files) {
     FileStatus status;
     if (!statPath(file.c_str(), status) || !status.isRegularFile ||
         static_cast<std::uintmax_t>(status.size) > kMaximumFileSize) {

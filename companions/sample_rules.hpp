@@ -56,7 +56,8 @@ class SampleRules {
   static std::shared_ptr<const SampleRules> compile(const std::vector<SampleRuleSource>& sources,
                                                     std::vector<RejectedRules>* rejected = nullptr,
                                                     ErrorPtr* error = nullptr);
-  // All *.yar and *.yara files of the folder, by name; a missing folder has none.
+  // All *.yar and *.yara files of the folder, by name. Of a folder that cannot be read, or is not there,
+  // none, and the folder itself is what is unreadable.
   static std::vector<SampleRuleSource> readFolder(const std::string& folder,
                                                   std::vector<RejectedRules>& unreadable);
   ~SampleRules();

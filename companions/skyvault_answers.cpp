@@ -84,7 +84,7 @@ SVKSkyvaultResponse SkyvaultAnswers::throttled() const {
 SVKSkyvaultResponse SkyvaultAnswers::lookUp(const SHA256Value& sha256) {
   std::optional<StoredVerdict> known;
   if (!store_.find(sha256, known)) return unknown(kOptionFailed, 0);
-  return known ? responseFor(*known) : unknown(0, options_.unknownTTL);
+  return known && analysis_.isInForce(*known) ? responseFor(*known) : unknown(0, options_.unknownTTL);
 }
 
 SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
@@ -99,21 +99,22 @@ SVKSkyvaultResponse SkyvaultAnswers::lookUpURL(
 }
 
 bool SkyvaultAnswers::wantsSample(const Dictionary& metadata,
-                                  const std::optional<StoredVerdict>& known) const {
-  if (!analysis_.canExamine() || (known && analysis_.isInForce(*known))) return false;
+                                  const std::optional<StoredVerdict>& outdated) const {
+  if (!analysis_.canExamine()) return false;
   const Value* size = qm::find(metadata, "file_size");
   const std::int64_t bytes = size == nullptr ? 0 : size->integerValue();
   if (bytes <= 0 || static_cast<std::uint64_t>(bytes) > options_.maximumSampleSize) return false;
-  return contentKindFromMetadata(metadata) != ContentKind::other;
+  // What was bad is examined again whatever it is: the Wisp core daemon examines files of every kind.
+  const bool wasBad = outdated && outdated->verdict != SVKSkyvaultSafetyVerdictValueUndetected;
+  return wasBad || contentKindFromMetadata(metadata) != ContentKind::other;
 }
 
 SVKSkyvaultResponse SkyvaultAnswers::analyzeMetadata(const Dictionary& metadata, bool mayAskForSample) {
   std::optional<StoredVerdict> known;
   const bool isUsable =
       store_.find(sha256FromHex(textIn(metadata, "sha256")), sha1FromHex(textIn(metadata, "sha1")), known);
-  SVKSkyvaultResponse response = known      ? responseFor(*known)
-                                 : isUsable ? unknown(0, options_.unknownTTL)
-                                            : unknown(kOptionFailed, 0);
+  if (known && analysis_.isInForce(*known)) return responseFor(*known);
+  SVKSkyvaultResponse response = isUsable ? unknown(0, options_.unknownTTL) : unknown(kOptionFailed, 0);
   if (!wantsSample(metadata, known)) return response;
   response.options |= mayAskForSample ? kOptionSageUploadRequested : kOptionSageThrottled;
   if (!mayAskForSample) response.ttl = 0;

@@ -35,7 +35,7 @@ class SkyvaultAnswers {
   bool prepare() { return store_.open(); }
 
   // From now on samples are examined with these. What analyses found before the rules were changed (seconds
-  // since 1970) is answered, but such a file is asked for again.
+  // since 1970) is unknown until the file is examined again.
   void setRules(std::shared_ptr<const SampleRules> rules, std::int64_t changed);
 
   SVKSkyvaultResponse lookUp(const SHA256Value& sha256);
@@ -56,7 +56,7 @@ class SkyvaultAnswers {
 
  private:
   SVKSkyvaultResponse unknown(std::uint64_t options, std::uint32_t ttl) const;
-  bool wantsSample(const Dictionary& metadata, const std::optional<StoredVerdict>& known) const;
+  bool wantsSample(const Dictionary& metadata, const std::optional<StoredVerdict>& outdated) const;
   SVKSkyvaultResponse examine(const std::uint8_t* bytes, std::size_t length);
 
   const SkyvaultAnswersOptions options_;

@@ -152,7 +152,7 @@ void WispAnswers::setRules(std::shared_ptr<const SampleRules> rules, std::int64_
 WispAnswers::QvsResponse WispAnswers::lookUp(const SHA1Value& sha1) {
   std::optional<StoredVerdict> known;
   const bool isUsable = store_.find(notedSHA256(sha1), sha1, known);
-  return qvsResponse(known ? *known : unknown(isUsable));
+  return qvsResponse(known && analysis_.isInForce(*known) ? *known : unknown(isUsable));
 }
 
 WispAnswers::QvsResponse WispAnswers::lookUp(const WebURL& url) {
@@ -237,8 +237,9 @@ bool WispAnswers::judge(ScannedFile& scanned, const void* bytes, std::size_t len
                         std::optional<ScannedFile>& analyzed, ErrorPtr* error) {
   std::optional<StoredVerdict> known;
   const bool isUsable = store_.find(scanned.sha256, scanned.sha1, known);
-  scanned.verdict = known ? *known : unknown(isUsable);
-  if (bytes == nullptr || (known && analysis_.isInForce(*known))) return true;
+  const bool isKnown = known && analysis_.isInForce(*known);
+  scanned.verdict = isKnown ? *known : unknown(isUsable);
+  if (bytes == nullptr || isKnown) return true;
   ErrorPtr failure;
   const std::optional<StoredVerdict> found = analysis_.analyze(bytes, length, limitOf(its), &failure);
   if (!found) {

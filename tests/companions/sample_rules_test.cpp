@@ -72,10 +72,11 @@ class LiveRules : public RecordedTest {
   }
 
   const std::string bad_ = "verdict = \"malicious\"";
+  std::atomic<int> changes_ = 0;
   Property<std::shared_ptr<const SampleRules>> rules_;
 };
 
-TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
+TEST_F(LiveRules, AnEditIsFollowedAndOfWhatCannotBeReadOrIsBrokenWhatItSaidBeforeStays) {
   // File systems take the time of the last tick.
   const std::int64_t start = Date::now().nanosecondsSince1970 / 1'000'000'000 - 1;
   folder.write("rules/a.yar", rule("first", bad_, "abc"));
@@ -85,16 +86,19 @@ TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
                                      std::chrono::file_clock::from_sys(std::chrono::sys_seconds()));
   LiveSampleRules live(folder.path("rules"), [&](auto rules, std::int64_t changed) {
     EXPECT_GE(changed, start) << "whatever time the files bring with them";
+    ++changes_;
     rules_.set(std::move(rules));
   });
   EXPECT_EQ(nameOf(*rules_.get(), "abc"), "malicious first") << "at once";
   folder.write("rules/a.yar", rule("second", bad_, "abc"));
   EXPECT_TRUE(comesToFind("abc", "malicious second"));
+  const int changesBefore = changes_;
   folder.write("rules/a.yar", "\n\nrule second { nonsense }");
+  EXPECT_TRUE(eventually([&] { return recorder.hasError("a.yar had before stay in use"); }));
+  EXPECT_TRUE(recorder.hasError("a.yar are left out: line 3: "));
   folder.write("rules/b.yara", rule("other", bad_, "xyz"));
   EXPECT_TRUE(comesToFind("xyz", "malicious other"));
-  EXPECT_TRUE(recorder.hasError("a.yar are left out: line 3: "));
-  EXPECT_TRUE(recorder.hasError("a.yar had before stay in use"));
+  EXPECT_EQ(changes_, changesBefore + 1) << "a broken file changes nothing";
   EXPECT_EQ(nameOf(*rules_.get(), "abc"), "malicious second");
 
   const auto complaints = [&] {
@@ -111,11 +115,28 @@ TEST_F(LiveRules, AnEditIsFollowedAndOfABrokenFileWhatItSaidBeforeStays) {
   EXPECT_EQ(nameOf(*rules_.get(), "xyz"), "malicious other");
   EXPECT_EQ(complaints(), 2) << "once, though the folder was looked at again";
   folder.write("rules/b.yara", rule("other", bad_, "xyz"));
+  const int changes = changes_;
   std::filesystem::rename(folder.path("rules"), folder.path("away"));
+  EXPECT_TRUE(eventually([&] { return recorder.hasError("cannot be read: No such file or directory"); }));
+  EXPECT_EQ(nameOf(*rules_.get(), "xyz"), "malicious other");
+  std::filesystem::remove(folder.path("away/c.yar"));
+  std::filesystem::rename(folder.path("away"), folder.path("rules"));
+  EXPECT_TRUE(comesToFind("uvw", ""));
+  EXPECT_EQ(changes_, changes + 1) << "a folder that is gone changes nothing";
+  for (const char* file : {"rules/a.yar", "rules/b.yara"}) std::filesystem::remove(folder.path(file));
   EXPECT_TRUE(comesToFind("xyz", ""));
   EXPECT_TRUE(recorder.hasError("There are no sample rules in "));
-  std::filesystem::rename(folder.path("away"), folder.path("rules"));
-  EXPECT_TRUE(comesToFind("xyz", "malicious other"));
+}
+
+TEST_F(LiveRules, AFolderThatIsNotThereYetWithdrawsNothingAndIsFollowedWhenItComes) {
+  const LiveSampleRules live(folder.path("rules"), [&](auto rules, std::int64_t) {
+    ++changes_;
+    rules_.set(std::move(rules));
+  });
+  EXPECT_EQ(changes_, 0);
+  EXPECT_TRUE(recorder.hasError("cannot be read: No such file or directory"));
+  folder.write("rules/a.yar", rule("first", bad_, "abc"));
+  EXPECT_TRUE(eventually([&] { return changes_ > 0 && nameOf(*rules_.get(), "abc") == "malicious first"; }));
 }
 
 }  // namespace

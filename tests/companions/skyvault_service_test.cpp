@@ -97,18 +97,13 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   theTime += options_.undetectedTTL - 1;
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).safetyVerdict.value, "undetected");
   theTime += 1;
-  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess);
-  answers.setRules(options_.rules, theTime);
-  EXPECT_EQ(answers.analyzeMetadata(metadataOf(standardTestFile()), true).options,
-            kWanted | kOptionSageSuccess)
-      << "also what older rules found";
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted);
   theTime += 1;
   EXPECT_EQ(analyze(answers, script, kExamined), "undetected");
   EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options,
             kOptionFromServer | kOptionSageSuccess);
   answers.setRules(options_.rules, theTime);
-  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted | kOptionSageSuccess)
-      << "the rules are newer";
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(script), true).options, kWanted) << "the rules are newer";
   ASSERT_TRUE(VerdictStore::open(store_, VerdictStore::Access::readWrite)
                   ->add({{hashOf(standardTestFile()), {"known_clean", {}, 1, 60, kVerdictSourceManual, 1}}}));
   EXPECT_EQ(analyze(answers, standardTestFile(), kOptionFromServer | kOptionSageUploaded), "known_clean");
@@ -130,6 +125,54 @@ TEST_F(SkyvaultAgent, RemembersWhatItFoundUntilItIsTooOldNeverAgainstAPersonAndW
   EXPECT_EQ(contentOf(folder_.path("hurt")), hurt) << "nothing is overwritten";
   std::filesystem::remove(folder_.path("other"));
   EXPECT_EQ(without.lookUp(hashOf("x")).options, kOptionFromServer) << "it comes back";
+}
+
+TEST_F(SkyvaultAgent, WhatFormerRulesFoundIsUnknownUntilTheFileIsExaminedAgain) {
+  const std::string mistaken = "rule mistaken { meta: verdict = \"malicious\" condition: true }";
+  const std::string right = "rule right { meta: verdict = \"pu\" strings: $a = \"evil\" condition: $a }";
+  const std::string script = "#!/bin/sh\n", text = "Dear Sir", evil = "#!/bin/sh\nevil\n", listed = "listed";
+  options_.rules = SampleRules::compile({{"a.yar", mistaken}, {"b.yar", right}});
+  SkyvaultAnswers answers(store_, options_);
+  for (const std::string& content : {script, text, evil}) {
+    EXPECT_EQ(analyze(answers, content, kExamined), "malicious");
+    EXPECT_EQ(answers.lookUp(hashOf(content)).safetyVerdict.value, "malicious");
+  }
+  ASSERT_TRUE(VerdictStore::open(store_, VerdictStore::Access::readWrite)
+                  ->add({{hashOf(listed), {"malicious", {}, 1, 60, kVerdictSourceImport, 1}}}));
+  theTime += 1;
+  answers.setRules(SampleRules::compile({{"b.yar", right}}), theTime);
+  theTime += 1;
+
+  const SHA1Value hash = sha1(script.data(), script.size());
+  Dictionary bySHA1 = metadataOf(script);
+  bySHA1.erase("sha256");
+  bySHA1["sha1"] = QMRHashProvider::hexStringForBytes(hash.data(), hash.size());
+  for (const Dictionary& metadata : {metadataOf(script), metadataOf(text), metadataOf(evil), bySHA1}) {
+    const SVKSkyvaultResponse asked = answers.analyzeMetadata(metadata, true);
+    EXPECT_EQ(asked.safetyVerdict.value, "unknown") << Value(metadata).description();
+    EXPECT_EQ(asked.safetyVerdict.infectionName, std::nullopt);
+    EXPECT_EQ(asked.options, kWanted) << "whatever kind of file it is";
+    const SVKSkyvaultResponse busy = answers.analyzeMetadata(metadata, false);
+    EXPECT_EQ(busy.options, kOptionFromServer | kOptionSageThrottled);
+    EXPECT_EQ(busy.ttl, 0U);
+  }
+  const struct {
+    std::string content;
+    const char* examined;
+  } cases[] = {{script, "undetected"}, {text, "undetected"}, {evil, "pu"}};
+  for (const auto& expected : cases) {
+    const SVKSkyvaultResponse now = answers.lookUp(hashOf(expected.content));
+    EXPECT_EQ(now.safetyVerdict.value, "unknown") << expected.content;
+    EXPECT_EQ(now.options, kOptionFromServer) << expected.content;
+    EXPECT_EQ(now.ttl, options_.unknownTTL) << expected.content;
+    EXPECT_EQ(analyze(answers, expected.content, kExamined), expected.examined);
+    EXPECT_EQ(answers.lookUp(hashOf(expected.content)).safetyVerdict.value, expected.examined);
+  }
+  EXPECT_EQ(answers.lookUp(hashOf(listed)).safetyVerdict.value, "malicious") << "no rule said so";
+
+  answers.setRules(SampleRules::compile({}), theTime);
+  EXPECT_EQ(answers.analyzeMetadata(metadataOf(evil), true).options, kOptionFromServer);
+  EXPECT_EQ(answers.lookUp(hashOf(evil)).safetyVerdict.value, "unknown") << "no rule says so any more";
 }
 
 TEST_F(SkyvaultAgent, AnswersAboutAURLFromItsRecordItsHostsOrTheDomainsAbove) {

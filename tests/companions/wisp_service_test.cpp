@@ -234,6 +234,28 @@ TEST_F(ServedWisp, AFileThatIsAsItWasIsNotExaminedAgainUntilTheCacheIsCleared) {
   EXPECT_TRUE(isExamined(answers)) << "nobody keeps what the store may contradict";
 }
 
+TEST_F(ServedWisp, WhatFormerRulesFoundIsNoLongerAnsweredThoughNothingCanBeExamined) {
+  const std::string content = "Dear Sir";
+  const FilePath file{folder.write("file", content)};
+  const SHA1Value hash = sha1(content.data(), content.size());
+  StoredVerdict found = verdict("malicious", "False.Positive");
+  found.source = kVerdictSourceAnalysis;
+  ASSERT_TRUE(openStore()->addAll({{hash, {found, {}}}}));
+  WispAnswers answers(store_, answering_);
+  const auto scanned = [&] {
+    std::optional<ScannedFile> analyzed;
+    const auto deadline = [] { return CallDeadlines::Clock::now() + kPatience; };
+    return answers.scan(file, {[] { return true; }, deadline}, analyzed, nullptr)->result;
+  };
+  EXPECT_EQ(answers.lookUp(hash)->safetyVerdict, Qvs::malicious);
+  EXPECT_EQ(scanned(), CloudScan::infected);
+  answers.setRules(nullptr, found.added);
+  EXPECT_EQ(answers.lookUp(hash)->safetyVerdict, Qvs::unknown);
+  EXPECT_EQ(answers.lookUp(hash)->detectionName, std::nullopt);
+  EXPECT_EQ(answers.lookUp(hash)->ttl, answering_.unknownTTL);
+  EXPECT_EQ(scanned(), CloudScan::clean);
+}
+
 TEST_F(ServedWisp, WhatCannotBeAnsweredIsRefusedWithAReason) {
   answering_.maximumFileSize = 100;
   start();
