@@ -10,8 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/file_io.hpp"
@@ -69,6 +71,18 @@ int show(const Arguments& arguments) {
   return result;
 }
 
+// A folder that cannot count: that a program has no chain to an anchor in it would not say why.
+Failure checkAnchorsFolder(const std::string& folder) {
+  namespace fs = std::filesystem;
+  std::error_code failure;
+  const fs::directory_iterator readable(folder, failure);
+  if (failure == std::errc::no_such_file_or_directory) return folder + ": no such folder";
+  if (failure) return folder + ": " + failure.message();
+  if ((fs::status(folder, failure).permissions() & fs::perms::others_write) != fs::perms::none)
+    return folder + ": everybody may write to it, so that no root in it counts";
+  return std::nullopt;
+}
+
 int verifyProgram(const std::string& path, const std::string& anchors, const SecRequirementPtr& requirement) {
   const FileDescriptor program = openForReading(path.c_str());
   FileStatus file;
@@ -90,6 +104,7 @@ int verify(const Arguments& arguments) {
       SecRequirement::parse(*arguments.requirement, requirement, &reason) != kSecSuccess)
     return report("requirement: " + reason);
   const std::string anchors = arguments.anchors.value_or(installedAnchorsFolder());
+  if (const Failure failure = checkAnchorsFolder(anchors)) return report(failure);
   bool anyInvalid = false;
   bool anyFailure = false;
   for (const std::string& program : arguments.programs) {

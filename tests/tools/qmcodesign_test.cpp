@@ -73,6 +73,25 @@ TEST_F(Qmcodesign, VerifySaysWhatIsWrongAndByItsExitStatus) {
   EXPECT_EQ(verify("always", scratch_.path()).exitStatus, 2);
 }
 
+TEST_F(Qmcodesign, VerifySaysWhyAFolderOfAnchorsDoesNotCount) {
+  authority_.sign(program_);
+  const std::string open = scratch_.path("open");
+  fs::create_directory(open);
+  fs::permissions(open, fs::perms::all);
+  const std::pair<std::string, std::string> cases[] = {
+      {scratch_.path("missing"), ": no such folder\n"},
+      {program_, ": Not a directory\n"},
+      {open, ": everybody may write to it, so that no root in it counts\n"},
+  };
+  for (const auto& [folder, reason] : cases) {
+    const CommandResult result = qmcodesign({"verify", "--anchors", folder, program_});
+    EXPECT_EQ(result.output, "qmcodesign: " + folder + reason);
+    EXPECT_EQ(result.exitStatus, 2);
+  }
+  fs::permissions(open, fs::perms::owner_all);
+  EXPECT_EQ(qmcodesign({"verify", "--anchors", open, program_}).exitStatus, 1) << "empty, it counts";
+}
+
 TEST_F(Qmcodesign, WhatCannotBeSignedStaysAsItWas) {
   const std::string text = scratch_.write("text", "#!/bin/sh\n");
   const DevelopmentAuthority other;
