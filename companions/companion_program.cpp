@@ -4,6 +4,7 @@
 
 #include "platform/file_io.hpp"
 #include "platform/process_limits.hpp"
+#include "platform/standard_descriptors.hpp"
 #include "platform/system_log.hpp"
 #include "platform/system_root.hpp"
 #include "platform/user.hpp"
@@ -14,6 +15,7 @@
 namespace qm {
 
 void beginCompanion() {
+  occupyClosedStandardDescriptors();
   raiseDescriptorLimit();
   boundHeap();
   installSystemLog();

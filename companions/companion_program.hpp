@@ -11,8 +11,8 @@
 
 namespace qm {
 
-// Before anything else: as many descriptors as there may be, a heap that does not grow with the threads, and
-// lines of the log go where the system wants them.
+// Before anything else: no descriptor that is opened later is a standard one, there are as many as there may
+// be, the heap does not grow with the threads, and lines of the log go where the system wants them.
 void beginCompanion();
 
 // The product's path in this installation: in its namespace, below the system root.

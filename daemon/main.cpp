@@ -7,6 +7,7 @@
 #include "platform/process_limits.hpp"
 #include "platform/queue.hpp"
 #include "platform/service_manager.hpp"
+#include "platform/standard_descriptors.hpp"
 #include "platform/system_log.hpp"
 #include "platform/xpc.hpp"
 #include "reputation/QMRReputationLookup.hpp"
@@ -17,6 +18,7 @@
 #include "validation/QRMXPCConnectionValidator.hpp"
 
 int main() {
+  qm::occupyClosedStandardDescriptors();
   qm::raiseDescriptorLimit();
   qm::boundHeap();
   qm::installSystemLog();

@@ -182,4 +182,13 @@ TEST_F(SettingsRoad, APersonReadsChangesAndWatchesFromTheCommandLine) {
   EXPECT_EQ(watch.wait(), 128 + SIGINT);
 }
 
+TEST_F(SettingsRoad, ADaemonStartedWithoutStandardDescriptorsUsesThemForNothingElse) {
+  settings_->end(SIGTERM);
+  const ChildProcess daemon(
+      {"bash", "-c", "exec " + installation_.program("qmsettingsd").native() + " <&- >&- 2>&-"});
+  ASSERT_TRUE(eventually([&] { return qmr({"show"}).exitStatus == 0; }));
+  for (const char* descriptor : {"0", "1", "2"})
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/fd/" + descriptor), "/dev/null");
+}
+
 }  // namespace
