@@ -19,9 +19,11 @@
 #include "platform/file_io.hpp"
 #include "platform/linux/code_signature.hpp"
 #include "platform/linux/requirement.hpp"
+#include "platform/standard_descriptors.hpp"
 #include "tools/development_authority.hpp"
 #include "tools/program_signer.hpp"
 #include "tools/signature_report.hpp"
+#include "tools/standard_streams.hpp"
 
 namespace qm::tools {
 namespace {
@@ -197,5 +199,6 @@ int run(int argumentCount, char** argumentValues) {
 }  // namespace qm::tools
 
 int main(int argumentCount, char** argumentValues) {
-  return qm::tools::run(argumentCount, argumentValues);
+  qm::occupyClosedStandardDescriptors();
+  return qm::tools::endOutput("qmcodesign", qm::tools::run(argumentCount, argumentValues));
 }

@@ -71,6 +71,10 @@ TEST_F(Qmcodesign, VerifySaysWhatIsWrongAndByItsExitStatus) {
   EXPECT_EQ(verify(R"(info [CFBundleShortVersionString] > "99")", program_).exitStatus, 1);
   EXPECT_THAT(verify("certificate leaf[OU] = x", program_).output, HasSubstr("\"OU\" is no key"));
   EXPECT_EQ(verify("always", scratch_.path()).exitStatus, 2);
+  const CommandResult unsaid =
+      runCommand({"bash", "-c", QM_TEST_QMCODESIGN " show " + program_ + " >/dev/full"});
+  EXPECT_EQ(unsaid.exitStatus, 2);
+  EXPECT_EQ(unsaid.output, "qmcodesign: the output cannot be written: No space left on device\n");
 }
 
 TEST_F(Qmcodesign, VerifySaysWhyAFolderOfAnchorsDoesNotCount) {

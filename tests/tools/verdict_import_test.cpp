@@ -283,6 +283,17 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
   qmverdicts(2, {"add-url", "evil.example", "not a host", "--verdict", "pu"});
   EXPECT_EQ(qmverdicts(1, {"remove-url", "http://evil.example/other"}), "0 removed\n");
 
+  const std::pair<const char*, const char*> redirected[] = {
+      {"count-url >/dev/full", "qmverdicts: the output cannot be written: No space left on device\n"},
+      {"export-url >&-", "qmverdicts: the output cannot be written: standard output is closed\n"},
+      {"import-url --format csv - <&-", "qmverdicts: standard input is closed\n"}};
+  for (const auto& [command, output] : redirected) {
+    const CommandResult result = runCommand(
+        {"bash", "-c", QM_QMVERDICTS " --store " + folder.path("s.sqlite") + " " + std::string(command)});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_EQ(result.output, output);
+  }
+
   // An import that waits for more lines, and a removal that waits for its turn, end at Ctrl-C with a true
   // summary.
   qmverdicts(1, {"import-url", "--format", "hosts", "--verdict", "pu", "--source", "l", list});

@@ -1,7 +1,6 @@
 #include "tools/qmr/check_run.hpp"
 
 #include <filesystem>
-#include <istream>
 #include <ostream>
 #include <system_error>
 #include <utility>
@@ -10,6 +9,7 @@
 #include "tools/qmr/file_walker.hpp"
 #include "tools/qmr/json_report.hpp"
 #include "tools/qmr/table_report.hpp"
+#include "tools/standard_streams.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -60,12 +60,13 @@ CheckRun::CheckRun(CheckOptions options, ReputationClientOptions clientOptions, 
       streams_(streams),
       report_(makeReport(options_, streams.output, appearance.colour)),
       askedAtOnce_(options_.jobs * kAskedPerJob),
+      input_(streams.input),
       output_(streams.output),
       progress_(streams.errors, options_.quiet ? 0 : appearance.progressWidth),
       client_(completed(std::move(clientOptions), options_)) {}
 
 RunOutcome CheckRun::run() {
-  Feeder feeder([self = shared_from_this()] { self->feed(); });
+  Feeder feeder([self = shared_from_this()] { self->feed(); }, input_);
   waitForAnswers();
   client_.close();
   const bool isStuck = !feeder.end();
@@ -86,7 +87,7 @@ void CheckRun::feed() {
   for (const std::string& path : options_.paths) {
     if (path == "-")
       feedFromInput();
-    else
+    else if (!isCutShort())
       walk(path);
   }
   const std::lock_guard lock(mutex_);
@@ -94,13 +95,33 @@ void CheckRun::feed() {
   changed_.notify_all();
 }
 
+bool CheckRun::isStopped() {
+  const std::lock_guard lock(mutex_);
+  return stopped_;
+}
+
+// Of a run that has ended, notes that there was more to ask.
+bool CheckRun::isCutShort() {
+  const std::lock_guard lock(mutex_);
+  if (stopped_) notAsked_.add();
+  if (stopped_ && options_.recursive) notAsked_.addUncounted();
+  return stopped_;
+}
+
 void CheckRun::feedFromInput() {
   std::string path;
-  while (std::getline(streams_.input, path, options_.nullSeparated ? '\0' : '\n')) {
-    if (!path.empty()) walk(path);
-    const std::lock_guard lock(mutex_);
-    if (stopped_) return;
+  int error = 0;
+  if (isStopped()) return;  // nobody knows whether there is more
+  while (input_.read(path, options_.nullSeparated ? '\0' : '\n', error)) {
+    if (path.empty()) continue;
+    if (isCutShort()) {
+      const std::lock_guard lock(mutex_);
+      return notAsked_.addUncounted();
+    }
+    walk(path);
   }
+  const std::lock_guard lock(mutex_);
+  inputError_ = error;
 }
 
 void CheckRun::walk(const std::string& path) {
@@ -113,11 +134,7 @@ void CheckRun::walk(const std::string& path) {
             const std::lock_guard lock(mutex_);
             summary_.addSkippedLink();
           },
-      .shouldStop =
-          [this] {
-            const std::lock_guard lock(mutex_);
-            return stopped_;
-          },
+      .shouldStop = [this] { return isCutShort(); },
   };
   FileWalker({.recursive = options_.recursive, .oneFileSystem = options_.oneFileSystem}, visitor).walk(path);
 }
@@ -126,7 +143,7 @@ void CheckRun::ask(const std::string& path, SymbolicLinks links) {
   {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return stopped_ || outstanding_ < askedAtOnce_; });
-    if (stopped_) return;
+    if (stopped_) return notAsked_.add();
     ++outstanding_;
     showProgress(path);
   }
@@ -213,14 +230,16 @@ RunOutcome CheckRun::conclude() {
   const std::lock_guard lock(mutex_);
   progress_.clear();
   std::ostream& errors = streams_.errors;
-  const RunOutcome outcome = output_.outcome(summary_.exitStatus(), errors);
+  const RunOutcome outcome =
+      output_.outcome(exitStatusAfterInput(summary_.exitStatus(), inputError_), errors);
   if (outcome.outputClosed) return outcome;
+  if (inputError_ != 0) errors << "qmr: " << tools::inputProblem(inputError_) << '\n';
   if (!serviceError_.empty()) errors << "qmr: " << displayText(serviceError_) << '\n';
   if (lostDelayed_ > 0)
     errors << "qmr: the connection to the service ended, "
            << counted(lostDelayed_, "delayed answer", "delayed answers") << " will not come\n";
   if (!options_.quiet && (serviceError_.empty() || answeredFiles_ > 0)) {
-    errors << summary_.text();
+    errors << summary_.text() << notAsked_.text();
     if (missedDelayed_ > 0) errors << "; " << missedDelayed_ << " without a delayed answer";
     errors << '\n';
   }

@@ -34,6 +34,8 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
 
   void feed();
   void feedFromInput();
+  bool isStopped();
+  bool isCutShort();
   void walk(const std::string& path);
   void ask(const std::string& path, SymbolicLinks links);
   void couldNotLook(const std::string& path, ReputationFailure failure, const std::string& text);
@@ -48,6 +50,7 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   const RunStreams streams_;
   const std::unique_ptr<Report> report_;
   const std::size_t askedAtOnce_;
+  RunInput input_;  // of the feeder
 
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -55,6 +58,8 @@ class CheckRun : public std::enable_shared_from_this<CheckRun> {
   RunOutput output_;
   ProgressLine progress_;
   Summary summary_;
+  NotAsked notAsked_;
+  int inputError_ = 0;           // why standard input could not be read
   std::size_t outstanding_ = 0;  // asked, not answered
   std::size_t answeredFiles_ = 0;
   std::size_t awaitingDelayed_ = 0;  // files whose delayed answer may still come

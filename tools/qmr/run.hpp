@@ -1,10 +1,13 @@
 // What a run that asks about many things prints to, and how its process ends.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <future>
+#include <istream>
 #include <memory>
 #include <ostream>
+#include <string>
 #include <thread>
 
 #include "foundation/block.hpp"
@@ -32,14 +35,32 @@ struct RunOutcome {
   bool feederStuck = false;
 };
 
+// What is to be asked about, as it stands on standard input.
+class RunInput {
+ public:
+  explicit RunInput(std::istream& input) : input_(input) {}
+
+  // The next part up to the end mark. False at the end of the input and when it cannot be read: then the
+  // error is set. For one thread.
+  bool read(std::string& part, char endMark, int& error);
+  // That thread waits for input. Any thread.
+  bool isWaiting() const { return isWaiting_; }
+
+ private:
+  std::istream& input_;
+  std::atomic<bool> isWaiting_{false};
+};
+
 // The thread that finds what is to be asked about.
 class Feeder {
  public:
-  explicit Feeder(Block<void()> feed);
+  // The input, which it may read, outlives it.
+  Feeder(Block<void()> feed, const RunInput& input);
   // Called once. False when the thread does not end soon: it then goes on by itself.
   bool end();
 
  private:
+  const RunInput& input_;
   std::future<void> done_;
   std::thread thread_;
 };
@@ -66,6 +87,9 @@ class RunOutput {
   std::ostream& output_;
   int error_ = 0;  // errno of the write that failed
 };
+
+// The exit status of a run whose standard input failed with the error (0: it did not).
+int exitStatusAfterInput(int exitStatus, int inputError);
 
 // The standard ones.
 RunStreams standardStreams();

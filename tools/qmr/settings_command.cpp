@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -22,20 +23,24 @@ namespace {
 // What a watch waits for; may come more than once.
 class End {
  public:
-  void come() {
+  // With the error that ended it.
+  void come(int error = 0) {
     const std::lock_guard lock(mutex_);
+    if (!hasCome_) error_ = error;
     hasCome_ = true;
     changed_.notify_all();
   }
-  void wait() {
+  int wait() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return hasCome_; });
+    return error_;
   }
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   bool hasCome_ = false;
+  int error_ = 0;
 };
 
 class SettingsCommand {
@@ -150,8 +155,10 @@ class SettingsCommand {
 
   int watch() {
     const auto end = std::make_shared<End>();
-    const auto changes = std::make_shared<SettingsChanges>(output_, options_.json, [end] { end->come(); });
+    const auto changes =
+        std::make_shared<SettingsChanges>(output_, options_.json, [end](int error) { end->come(error); });
     int signal = 0;
+    int error = 0;
     {
       const Interruption interruption([end] { end->come(); });
       const auto client = QMRSettingsClient::create();
@@ -172,14 +179,15 @@ class SettingsCommand {
       client->setInterruptionHandler(gone);
       client->setInvalidationHandler(gone);
       errors_ << "qmr: settings: watching until Ctrl-C\n" << std::flush;
-      end->wait();
+      error = end->wait();
       client->setInterruptionHandler(nullptr);
       client->setInvalidationHandler(nullptr);
       client->shutdownWithoutUnsubscribe();  // a daemon that hangs would not take a farewell
       signal = interruption.signal();
     }
     if (signal != 0) endBySignal(signal);
-    endByClosedPipe();
+    if (error == EPIPE) endByClosedPipe();
+    return kNotAnswered;  // the program's end says that nothing can be written
   }
 
   int pushAction() {

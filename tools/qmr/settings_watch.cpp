@@ -1,6 +1,7 @@
 #include "tools/qmr/settings_watch.hpp"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "tools/qmr/display_text.hpp"
 #include "tools/qmr/settings_value.hpp"
@@ -24,7 +25,8 @@ void SettingsChanges::setSettings(const Dictionary& user, const Dictionary& syst
 }
 
 void SettingsChanges::flush() {
-  if (!(output_ << std::flush)) closed_();
+  errno = 0;
+  if (!(output_ << std::flush)) failed_(errno);
 }
 
 void SettingsChanges::compare(const char* table, const Dictionary& before, const Dictionary& after) {

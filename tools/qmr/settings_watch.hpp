@@ -15,9 +15,9 @@ namespace qm::qmr {
 // Any thread. The lines of one change come together.
 class SettingsChanges {
  public:
-  // `closed` is called when the output cannot be written any more.
-  SettingsChanges(std::ostream& output, bool json, Block<void()> closed)
-      : output_(output), json_(json), closed_(std::move(closed)) {}
+  // `failed` is called with errno when the output cannot be written any more.
+  SettingsChanges(std::ostream& output, bool json, Block<void(int error)> failed)
+      : output_(output), json_(json), failed_(std::move(failed)) {}
 
   // The state that changes are told against; what a change has brought already is newer and stays.
   void begin(const Dictionary& user, const Dictionary& system, const Array& allowList);
@@ -31,7 +31,7 @@ class SettingsChanges {
 
   std::ostream& output_;
   const bool json_;
-  const Block<void()> closed_;
+  const Block<void(int error)> failed_;
   std::mutex mutex_;
   std::optional<Dictionary> user_;
   std::optional<Dictionary> system_;

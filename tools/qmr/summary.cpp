@@ -22,6 +22,12 @@ std::string counted(std::size_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
+std::string NotAsked::text() const {
+  if (isUncounted_) return "; more were not asked";
+  if (count_ == 0) return {};
+  return "; " + std::to_string(count_) + (count_ == 1 ? " was" : " were") + " not asked";
+}
+
 void Summary::add(const ReputationAnswer& answer) {
   if (answer.answered())
     ++count(answer.verdict);

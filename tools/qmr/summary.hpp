@@ -12,6 +12,20 @@ namespace qm::qmr {
 // "1 file", "2 files".
 std::string counted(std::size_t count, const char* one, const char* many);
 
+// What a run that ended before its time did not get to.
+class NotAsked {
+ public:
+  void add() { ++count_; }
+  // There is more, which nobody has counted.
+  void addUncounted() { isUncounted_ = true; }
+  // "; 12 were not asked", "; more were not asked"; empty when all were.
+  std::string text() const;
+
+ private:
+  std::size_t count_ = 0;
+  bool isUncounted_ = false;
+};
+
 class Summary {
  public:
   void add(const ReputationAnswer& answer);

@@ -2,13 +2,13 @@
 
 #include <chrono>
 #include <cstdint>
-#include <istream>
 #include <optional>
 #include <ostream>
 #include <utility>
 #include <vector>
 
 #include "tools/qmr/display_text.hpp"
+#include "tools/standard_streams.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -54,13 +54,14 @@ URLRun::URLRun(URLOptions options, URLBackend backend, RunStreams streams, RunAp
     : options_(std::move(options)),
       backend_(std::move(backend)),
       streams_(streams),
+      input_(streams.input),
       report_(options_.json ? makeURLJson(streams.output, backend_.name)
                             : makeURLTable(streams.output, backend_.name, appearance.colour)),
       output_(streams.output),
       progress_(streams.errors, options_.quiet ? 0 : appearance.progressWidth) {}
 
 RunOutcome URLRun::run() {
-  Feeder feeder([self = shared_from_this()] { self->feed(); });
+  Feeder feeder([self = shared_from_this()] { self->feed(); }, input_);
   writeAnswers();
   const bool isStuck = !feeder.end();
   RunOutcome outcome = conclude();
@@ -88,16 +89,26 @@ void URLRun::feed() {
   changed_.notify_all();
 }
 
-void URLRun::feedFromInput() {
-  std::string line;
-  while (std::getline(streams_.input, line)) {
-    if (const std::string url = trimmed(line); !url.empty()) ask(url);
-    const std::lock_guard lock(mutex_);
-    if (stopped_) return;
-  }
+bool URLRun::isStopped() {
+  const std::lock_guard lock(mutex_);
+  return stopped_;
 }
 
-void URLRun::ask(const std::string& url) {
+void URLRun::feedFromInput() {
+  std::string line;
+  int error = 0;
+  if (isStopped()) return;  // nobody knows whether there is more
+  while (input_.read(line, '\n', error)) {
+    if (const std::string url = trimmed(line); url.empty() || ask(url)) continue;
+    const std::lock_guard lock(mutex_);
+    return notAsked_.addUncounted();
+  }
+  const std::lock_guard lock(mutex_);
+  inputError_ = error;
+}
+
+// False when the run has ended.
+bool URLRun::ask(const std::string& url) {
   const auto question = std::make_shared<Question>();
   question->url = url;
   {
@@ -105,7 +116,10 @@ void URLRun::ask(const std::string& url) {
     changed_.wait(lock, [this] {
       return stopped_ || (outstanding_ < options_.jobs && questions_.size() < options_.jobs * kAskedPerJob);
     });
-    if (stopped_) return;
+    if (stopped_) {
+      notAsked_.add();
+      return false;
+    }
     question->asked = std::chrono::steady_clock::now();
     questions_.push_back(question);
     ++outstanding_;
@@ -115,6 +129,7 @@ void URLRun::ask(const std::string& url) {
       url, static_cast<std::uint32_t>(options_.timeout.count()),
       [reply = std::make_shared<const Reply>(shared_from_this(), question)](
           const std::shared_ptr<const QMRURLReputationResult>& result) { reply->give(*result); });
+  return true;
 }
 
 void URLRun::answered(Question& question, URLAnswer answer) {
@@ -189,8 +204,12 @@ void URLRun::showProgress(const std::string& url) {
 RunOutcome URLRun::conclude() {
   // As they are now: the backend may still answer.
   std::vector<std::optional<URLAnswer>> rest;
+  NotAsked notAsked;
+  int inputError = 0;
   {
     const std::lock_guard lock(mutex_);
+    notAsked = notAsked_;
+    inputError = inputError_;
     for (const QuestionPtr& question : questions_) rest.push_back(question->answer);
   }
   for (const std::optional<URLAnswer>& answer : rest) {
@@ -201,10 +220,11 @@ RunOutcome URLRun::conclude() {
   }
   progress_.clear();
   std::ostream& errors = streams_.errors;
-  const RunOutcome outcome = output_.outcome(summary_.exitStatus(), errors);
+  const RunOutcome outcome = output_.outcome(exitStatusAfterInput(summary_.exitStatus(), inputError), errors);
   if (outcome.outputClosed) return outcome;
+  if (inputError != 0) errors << "qmr: " << tools::inputProblem(inputError) << '\n';
   for (const std::string& advice : advice_) errors << "qmr: " << displayText(advice) << '\n';
-  if (!options_.quiet) errors << summary_.text() << '\n';
+  if (!options_.quiet) errors << summary_.text() << notAsked.text() << '\n';
   errors << std::flush;
   return outcome;
 }

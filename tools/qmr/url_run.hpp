@@ -12,6 +12,7 @@
 
 #include "tools/qmr/progress_line.hpp"
 #include "tools/qmr/run.hpp"
+#include "tools/qmr/summary.hpp"
 #include "tools/qmr/url_answer.hpp"
 #include "tools/qmr/url_backend.hpp"
 #include "tools/qmr/url_options.hpp"
@@ -36,7 +37,8 @@ class URLRun : public std::enable_shared_from_this<URLRun> {
 
   void feed();
   void feedFromInput();
-  void ask(const std::string& url);
+  bool isStopped();
+  bool ask(const std::string& url);
   void answered(Question& question, URLAnswer answer);
   void setAnswer(Question& question, URLAnswer answer);
   URLAnswer failed(URLFailure failure, std::string text) const;
@@ -50,6 +52,7 @@ class URLRun : public std::enable_shared_from_this<URLRun> {
   const URLOptions options_;
   const URLBackend backend_;
   const RunStreams streams_;
+  RunInput input_;  // of the feeder
 
   // Of the thread that runs:
   const std::unique_ptr<URLReport> report_;
@@ -63,6 +66,8 @@ class URLRun : public std::enable_shared_from_this<URLRun> {
   // Under mutex_:
   std::deque<QuestionPtr> questions_;  // asked and not written, the oldest first
   std::size_t outstanding_ = 0;        // of them, not answered
+  NotAsked notAsked_;
+  int inputError_ = 0;  // why standard input could not be read
   bool feederDone_ = false;
   bool stopped_ = false;
 };

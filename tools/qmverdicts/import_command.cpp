@@ -25,6 +25,7 @@
 #include "tools/qmverdicts/debian_packages.hpp"
 #include "tools/qmverdicts/hash_formats.hpp"
 #include "tools/qmverdicts/import_run.hpp"
+#include "tools/standard_streams.hpp"
 
 namespace qm::qmverdicts {
 
@@ -49,7 +50,12 @@ struct ImportSource {
 };
 
 ImportSource openSource(const std::string& path) {
-  if (path == "-") return {readStandardInput, std::nullopt};
+  if (path == "-") {
+    char nothing = 0;
+    if (::read(STDIN_FILENO, &nothing, 0) == 0) return {readStandardInput, std::nullopt};
+    report(tools::inputProblem(errno));
+    return {};
+  }
   OpenedFile file = openRegularFile(path, SymbolicLinks::follow);
   if (!file.descriptor) {
     report(path + ": " +
@@ -146,8 +152,6 @@ int exportKinds(const Options& options, CSVSubject subject, std::initializer_lis
   ErrorPtr error;
   for (const VerdictKind kind : kinds)
     if (!store->visit(kind, options.source, write, &error)) return report(error->localizedDescription());
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-    return report(std::string("not everything could be written: ") + std::strerror(errno));
   if (unfit == 0) return kDone;
   report(std::to_string(unfit) + " left out: their texts are too long or have control characters");
   return kNotThere;

@@ -2,7 +2,7 @@
 //
 // Exit status: 0 done, 1 something asked for is not in the store or a part of an import was skipped, 2 it
 // could not be done (nothing was changed then, but for the finished part of an import or of the removal of a
-// source).
+// source) or its output not be written.
 
 #include <CLI/CLI.hpp>
 
@@ -12,11 +12,13 @@
 #include <vector>
 
 #include "platform/SVKSkyvaultServiceClientProtocol.hpp"
+#include "platform/standard_descriptors.hpp"
 #include "platform/system_root.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "tools/qmverdicts/file_commands.hpp"
 #include "tools/qmverdicts/import_command.hpp"
 #include "tools/qmverdicts/url_commands.hpp"
+#include "tools/standard_streams.hpp"
 
 namespace {
 
@@ -144,9 +146,7 @@ void addURLCommands(CLI::App& app, Options& options) {
                   options, "Only what is of this source");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   Options options;
   options.store = qm::hostPath(QMRNamespace::namespacedWithPath(qm::kVerdictStoreProductPath));
   CLI::App app(
@@ -169,4 +169,11 @@ int main(int argc, char** argv) {
   for (const auto& [name, run] : commands)
     if (app.got_subcommand(name)) return run(options);
   return kFailed;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qm::occupyClosedStandardDescriptors();
+  return qm::tools::endOutput("qmverdicts", run(argc, argv));
 }

@@ -43,6 +43,28 @@ TEST_F(QmrProgramTest, ItAsksTheServiceOfItsOwnInstallationAndToleratesAClosedPi
   EXPECT_EQ(alone.output, "qmr: the reputation service " + serviceName + " cannot be reached\n");
 }
 
+TEST_F(QmrProgramTest, StandardStreamsThatAreClosedOrFailAreSaid) {
+  const ScriptedService service(serviceName, [](const XPCDictionary& request) { answer(request, {}); });
+  const std::string full = "qmr: the output cannot be written: No space left on device\n";
+  const std::string closed = "qmr: the output cannot be written: standard output is closed\n";
+  const std::string summary = "1 file: 1 trusted\n";
+  const std::tuple<std::string, std::string> cases[] = {
+      {"check - <&-", "qmr: standard input is closed\n0 files\n"},
+      {"check - </", "qmr: standard input cannot be read: Is a directory\n0 files\n"},
+      {"check " + clean + " >&-", closed + summary},
+      {"check " + clean + " >/dev/full", full + summary},
+      {"ping <&- >&-", closed},
+      {"ping >/dev/full", full},
+      {"--version >/dev/full", full},
+  };
+  for (const auto& [arguments, output] : cases) {
+    SCOPED_TRACE(arguments);
+    const CommandResult result = runCommand({"bash", "-c", "exec " + program + " " + arguments});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_EQ(result.output, output);
+  }
+}
+
 TEST_F(QmrProgramTest, CtrlCLeavesATrueSummaryAndEndsByTheSignal) {
   const std::string silent = folder.write("silent", "x");
   std::promise<void> asked;

@@ -132,7 +132,7 @@ TEST_F(URLRunTest, TheTableAndTheLinesSayWhatWasAnswered) {
 TEST_F(URLRunTest, ARunThatIsStoppedCountsWhatHasNoAnswer) {
   stopsWhenSilent = true;
   const Result result = ask({.urls = {"silent", "good"}, .grace = std::chrono::hours(1)});
-  EXPECT_EQ(result.errors, "1 URL: 1 not answered\n");
+  EXPECT_EQ(result.errors, "1 URL: 1 not answered; 1 was not asked\n");
   EXPECT_EQ(result.exitStatus, 2);
 }
 
