@@ -70,6 +70,12 @@ void fail(ErrorPtr* error, VerdictStoreError code, std::string text) {
                             {{kLocalizedDescriptionKey, std::move(text)}}));
 }
 
+void failAsNoStore(ErrorPtr* error, const std::string& path) {
+  fail(error, VerdictStoreError::notAStore,
+       "“" + path +
+           "” is not a verdict store. Name another file, or move it away to start with an empty one.");
+}
+
 void failWith(ErrorPtr* error, const SQLiteFailure& failure, const std::string& path) {
   const std::string store = "The verdict store “" + path + "” ";
   const auto& [status, detail, errorNumber] = failure;
@@ -81,7 +87,7 @@ void failWith(ErrorPtr* error, const SQLiteFailure& failure, const std::string& 
       return fail(error, VerdictStoreError::damaged,
                   store + "is damaged (" + detail + "). Move it away to start with an empty one.");
     case SQLITE_NOTADB:
-      return fail(error, VerdictStoreError::notAStore, "“" + path + "” is not a verdict store.");
+      return failAsNoStore(error, path);
     case SQLITE_FULL:
       return fail(error, VerdictStoreError::diskFull, store + "cannot be changed: the disk is full.");
     case SQLITE_BUSY:
@@ -131,7 +137,7 @@ bool checkIdentity(SQLiteDatabase& database, const std::string& path, Identity& 
   }
   const bool isEmpty = identity.applicationID == 0 && identity.version == 0 && identity.objects == 0;
   if ((!isEmpty && identity.applicationID != kApplicationID) || identity.version < 0) {
-    fail(error, VerdictStoreError::notAStore, "“" + path + "” is not a verdict store.");
+    failAsNoStore(error, path);
     return false;
   }
   if (identity.version > kSchemaVersion) {

@@ -24,6 +24,7 @@
 #include "tools/program_signer.hpp"
 #include "tools/signature_report.hpp"
 #include "tools/standard_streams.hpp"
+#include "tools/usage.hpp"
 
 namespace qm::tools {
 namespace {
@@ -178,7 +179,7 @@ void addAuthority(CLI::App& app, Arguments& arguments, Command& chosen) {
 
 int run(int argumentCount, char** argumentValues) {
   CLI::App app("Signs programs of the product and verifies their signatures", "qmcodesign");
-  app.set_version_flag("--version", QM_PRODUCT_VERSION);
+  app.set_version_flag("--version", std::string("qmcodesign ") + QM_PRODUCT_VERSION);
   app.require_subcommand(1);
   Arguments arguments;
   Command chosen = nullptr;
@@ -190,7 +191,7 @@ int run(int argumentCount, char** argumentValues) {
   try {
     app.parse(argumentCount, argumentValues);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kNotDone;
+    return printUsage(app, error);
   }
   return chosen(arguments);
 }

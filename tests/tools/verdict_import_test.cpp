@@ -280,6 +280,8 @@ TEST(VerdictImport, TheProgramTakesURLsFromTheCommandLineAndListsAndSaysWhichRec
   for (const std::string source : {"manual", "analysis"})
     qmverdicts(2, {"import-url", "--format", "hosts", "--verdict", "pu", "--source", source, list});
   qmverdicts(2, {"remove-url"});
+  qmverdicts(2, {"add-url", "a.example", "--verdict", "pu", "--category", "two words"});
+  EXPECT_THAT(qmverdicts(2, {"nonsense"}), testing::StartsWith("qmverdicts: \"nonsense\" is no command\n"));
   qmverdicts(2, {"add-url", "evil.example", "not a host", "--verdict", "pu"});
   EXPECT_EQ(qmverdicts(1, {"remove-url", "http://evil.example/other"}), "0 removed\n");
 
@@ -346,7 +348,7 @@ TEST(VerdictImport, WhatTheTerminalSaysIsInTheStoreSurvivesAKillAndIsThereBefore
       {QM_QMVERDICTS, "--store", folder.path("s"), "import-url", "--format", "hosts", "--verdict", "pu", "-"},
       true, terminal.path());
   import.write("0.0.0.0 a.example\n0.0.0.0 b.example\n0.0.0.0 half");
-  EXPECT_THAT(terminal.readUntil(" 2 verdicts put"),
+  EXPECT_THAT(terminal.readUntil(" 2 verdicts stored"),
               testing::ContainsRegex("2 lines, [0-9]+ a second, 2 verdicts"));
   import.end(SIGKILL);
   const auto store = VerdictStore::open(folder.path("s"), VerdictStore::Access::readWrite);

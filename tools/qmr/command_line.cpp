@@ -2,10 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <sstream>
+#include <utility>
 
 #include "tools/qmr/exit_status.hpp"
 #include "tools/qmr/settings_command_line.hpp"
+#include "tools/usage.hpp"
 
 namespace qm::qmr {
 namespace {
@@ -35,11 +36,19 @@ Exit status:
   2    something could not be answered, the backend cannot be used, or wrong usage
   130  interrupted by Ctrl-C (143 by SIGTERM))";
 
-constexpr const char* kExitStatuses = R"(Exit status:
-  0    nothing bad was found
-  1    something untrusted, unwanted, suspicious or spam was found (wins over 2)
-  2    something could not be answered, the service cannot be reached, or wrong usage
-  130  interrupted by Ctrl-C (143 by SIGTERM); the summary says what was answered)";
+constexpr const char* kPingNotes = R"(Exit status:
+  0    the service answered
+  2    it did not, or wrong usage)";
+
+std::string exitStatuses(const std::string& whatIsBad) {
+  return "Exit status:\n"
+         "  0    nothing bad was found\n"
+         "  1    " +
+         whatIsBad +
+         " was found (wins over 2)\n"
+         "  2    something could not be answered, the service cannot be reached, or wrong usage\n"
+         "  130  interrupted by Ctrl-C (143 by SIGTERM); the summary says what was answered";
+}
 
 // The option's number stands behind "=" only, so that "--follow FILE" does not take the file for a number.
 std::vector<std::string> withFollowDefault(int argumentCount, const char* const* arguments) {
@@ -69,7 +78,7 @@ class Parser {
     application_.set_version_flag("--version", std::string("qmr ") + QM_PRODUCT_VERSION,
                                   "Print the version and end");
     application_.set_help_flag("-h,--help", "Print this help and end");
-    application_.footer(kExitStatuses);
+    application_.footer(exitStatuses("something untrusted, unwanted, suspicious or spam, or an unsafe URL"));
     application_.formatter(std::make_shared<HelpFormatter>());
     application_.require_subcommand(1);
     addCheck();
@@ -103,7 +112,7 @@ class Parser {
  private:
   void addCheck() {
     check_ = application_.add_subcommand("check", "Print the reputation of files");
-    check_->footer(std::string(kCheckNotes) + "\n" + kExitStatuses);
+    check_->footer(kCheckNotes + ("\n" + exitStatuses("something untrusted, unwanted, suspicious or spam")));
     check_
         ->add_option("PATH", checkOptions_.paths, "Files, with -r also directories, or - for standard input")
         ->required()
@@ -150,6 +159,7 @@ class Parser {
   void addPing() {
     ping_ =
         application_.add_subcommand("ping", "Ask the service about an empty file, to see whether it answers");
+    ping_->footer(kPingNotes);
     ping_->add_option("--timeout", pingTimeout_, "Longest wait for the answer (5)")
         ->check(CLI::Range(1, kLongestTimeoutSeconds))
         ->option_text("SECONDS");
@@ -165,11 +175,9 @@ class Parser {
     return EndAtOnce{"qmr: settings: " + problem + "\n", true, kBadUsage};
   }
 
-  EndAtOnce end(const CLI::ParseError& error) {
-    std::ostringstream output;
-    std::ostringstream errors;
-    const bool failed = application_.exit(error, output, errors) != 0;
-    return {failed ? "qmr: " + errors.str() : output.str(), failed, failed ? kBadUsage : kNothingBad};
+  EndAtOnce end(const CLI::ParseError& error) const {
+    tools::UsageEnd end = tools::endOfUsage(application_, error);
+    return {std::move(end.text), end.isError, end.isError ? kBadUsage : kNothingBad};
   }
 
   CLI::App application_{"Asks for the reputation of files and URLs, shows and changes settings.", "qmr"};

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/qmr/display_text.hpp"
+
 namespace qm::qmr {
 namespace {
 
@@ -20,6 +22,10 @@ std::string left(std::string_view text, std::size_t width) {
 }
 std::string right(std::string_view text, std::size_t width) {
   return spaces(text, width) + std::string(text);
+}
+
+std::string subject(std::string_view text) {
+  return text.empty() ? "''" : displayText(text);
 }
 
 std::string coloured(const std::string& text, std::string_view colour) {

@@ -20,6 +20,9 @@ inline constexpr const char* kMagenta = "\x1b[35m";
 std::string left(std::string_view text, std::size_t width);
 std::string right(std::string_view text, std::size_t width);
 
+// What was asked about: as displayText, '' when it is empty.
+std::string subject(std::string_view text);
+
 // The text as it is when the colour is empty.
 std::string coloured(const std::string& text, std::string_view colour);
 

@@ -57,7 +57,7 @@ void TableReport::add(const ReputationAnswer& answer) {
   const bool answered = answer.answered();
   output_ << right(answered ? std::to_string(answer.prevalence) : kNothing, kPrevalenceWidth) << kGap
           << right(answered ? std::to_string(answer.ttl) : kNothing, kTtlWidth) << kGap
-          << left(detail(answer), kDetailWidth) << kGap << displayText(answer.path) << '\n'
+          << left(detail(answer), kDetailWidth) << kGap << subject(answer.path) << '\n'
           << std::flush;
 }
 

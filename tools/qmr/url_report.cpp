@@ -55,8 +55,7 @@ class Table final : public URLReport {
     headerWritten_ = true;
     const bool answered = answer.answered();
     writeRow(answered ? std::to_string(answer.safe) : "error", colour_ ? colourOf(answer) : "",
-             answered ? std::to_string(answer.ttl) : kNothing, backend_, detail(answer),
-             displayText(answer.url));
+             answered ? std::to_string(answer.ttl) : kNothing, backend_, detail(answer), subject(answer.url));
     output_ << std::flush;
   }
 

@@ -86,7 +86,7 @@ std::string ImportLedger::progressText(std::optional<double> share) const {
   if (share && *share > 0)
     text += ", " + std::to_string(static_cast<int>(100 * *share)) + " %, " +
             textFromSeconds(seconds * (1 - *share) / *share) + " left";
-  return text + ", " + counted(done.added + done.replaced, "verdict") + " put into the store";
+  return text + ", " + counted(done.added + done.replaced, "verdict") + " stored";
 }
 
 std::string ImportLedger::outcomeText() const {

@@ -19,6 +19,7 @@
 #include "tools/qmverdicts/import_command.hpp"
 #include "tools/qmverdicts/url_commands.hpp"
 #include "tools/standard_streams.hpp"
+#include "tools/usage.hpp"
 
 namespace {
 
@@ -28,7 +29,7 @@ void addStoreOptions(CLI::App& app, Options& options) {
   app.require_subcommand(1);
   app.fallthrough();
   app.add_option("--store", options.store, "The store's file")->type_name("PATH")->capture_default_str();
-  app.set_version_flag("--version", QM_PRODUCT_VERSION);
+  app.set_version_flag("--version", std::string("qmverdicts ") + QM_PRODUCT_VERSION);
 }
 
 // What a verdict is made of; returns the option of the verdict itself.
@@ -152,14 +153,15 @@ int run(int argc, char** argv) {
   CLI::App app(
       "Looks at and edits the verdict store of the Skyvault agent.\n\n"
       "Exit status: 0 done, 1 something asked for is not in the store or a part of an import was skipped,\n"
-      "2 it could not be done.");
+      "2 it could not be done, 130 an import or the removal of a source was interrupted by Ctrl-C.",
+      "qmverdicts");
   addStoreOptions(app, options);
   addFileCommands(app, options);
   addURLCommands(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kFailed;
+    return qm::tools::printUsage(app, error);
   }
   const std::pair<const char*, int (*)(const Options&)> commands[] = {
       {"add", addFiles},        {"remove", removeFiles},    {"show", showFiles},

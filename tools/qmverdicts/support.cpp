@@ -41,8 +41,12 @@ StoredVerdict recordFrom(const Options& options, std::string source) {
 
 std::optional<StoredURLVerdict> urlRecordFrom(const Options& options, std::string source) {
   std::string listed;
-  for (const std::string& category : options.categories) listed += category + " ";
-  auto categories = categoriesFromText(listed);
+  bool areSingle = true;
+  for (const std::string& category : options.categories) {
+    areSingle = areSingle && !category.empty() && category.find(' ') == std::string::npos;
+    listed += category + " ";
+  }
+  auto categories = areSingle ? categoriesFromText(listed) : std::nullopt;
   if (categories) return StoredURLVerdict{recordFrom(options, std::move(source)), *std::move(categories)};
   report("a category is NAME or NAME=0, the name up to " + std::to_string(kMaximumCategoryNameLength) +
          " ASCII letters, digits, \"_\", \"-\" and \".\"; there may be " +

@@ -65,6 +65,21 @@ TEST_F(QmrProgramTest, StandardStreamsThatAreClosedOrFailAreSaid) {
   }
 }
 
+TEST_F(QmrProgramTest, WordsThatAskForNothingItCanDoAreNamed) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"nonsense", "qmr: \"nonsense\" is no command\n"},
+      {"settings nonsense", "qmr: \"nonsense\" is no command\n"},
+      {"settings --nonsense", "qmr: \"--nonsense\" is no option\n"},
+      {"settings", "qmr: A subcommand is required\n"},
+      {"check -j0 x", "qmr: --jobs: "},
+  };
+  for (const auto& [arguments, problem] : cases) {
+    const CommandResult result = runCommand({"bash", "-c", program + " " + arguments});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_EQ(result.output.substr(0, problem.size()), problem);
+  }
+}
+
 TEST_F(QmrProgramTest, CtrlCLeavesATrueSummaryAndEndsByTheSignal) {
   const std::string silent = folder.write("silent", "x");
   std::promise<void> asked;
