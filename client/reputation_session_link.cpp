@@ -4,6 +4,7 @@
 
 #include "client/reputation_message.hpp"
 #include "client/reputation_session.hpp"
+#include "platform/service_manager.hpp"
 
 namespace qm {
 namespace {
@@ -106,8 +107,10 @@ void ReputationSession::loseLink(const XPCObject& error) {
 void ReputationSession::retryUnreached(const std::vector<RequestPtr>& requests) {
   if (!outage_ || Clock::now() >= outageUntil_) {
     outage_ = false;
-    return failAll(ReputationFailure::serviceUnavailable,
-                   "the reputation service " + options_.serviceName + " cannot be reached");
+    const std::string place = servicePlace(options_.serviceName);
+    return failAll(ReputationFailure::serviceUnavailable, "the reputation service " + options_.serviceName +
+                                                              " cannot be reached" +
+                                                              (place.empty() ? "" : " at " + place));
   }
   for (const RequestPtr& request : requests) requeue(request);
   resumeLater();

@@ -5,8 +5,13 @@
 #include <cstring>
 
 #include "foundation/log.hpp"
+#include "platform/linux/run_folder.hpp"
 
 namespace qm {
+
+std::string servicePlace(const std::string& serviceName) {
+  return runFolder() + "/" + serviceName;
+}
 
 void notifyServiceManagerReady() {
   const int result = ::sd_notify(0, "READY=1");

@@ -174,7 +174,8 @@ TEST_F(SettingsRoad, APersonReadsChangesAndWatchesFromTheCommandLine) {
   settings_->end(SIGKILL);
   EXPECT_THAT(watch.readLine(), HasSubstr("waiting for it to come back"));
   EXPECT_EQ(qmr({"show"}).exitStatus, 2);
-  EXPECT_THAT(qmr({"show"}).output, HasSubstr("com.quillmarsh.qmsettingsd cannot be reached\n"));
+  EXPECT_THAT(qmr({"show"}).output, HasSubstr("com.quillmarsh.qmsettingsd cannot be reached at " +
+                                              installation_.settingsSocket.native() + "\n"));
   std::ofstream(file_, std::ios::app) << "later = true\n";
   settings_ = installation_.startSettingsDaemon();
   EXPECT_EQ(watch.readLine(), "user later = true") << "[user] is the last table";

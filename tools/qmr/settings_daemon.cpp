@@ -7,6 +7,7 @@
 #include "companions/settings_administration.hpp"
 #include "companions/settings_error.hpp"
 #include "platform/remote_protocol.hpp"
+#include "platform/service_manager.hpp"
 #include "settings/QMRNamespace.hpp"
 #include "settings/qmsettingsdProtocol.hpp"
 
@@ -51,7 +52,8 @@ std::string SettingsDaemon::text(const ErrorPtr& error) const {
   if (error->domain() != kCocoaErrorDomain) return error->localizedDescription();
   if (error->code() == static_cast<std::int64_t>(RemoteErrorCode::interrupted))
     return "the settings daemon " + serviceName_ + " ended, or does not admit this program";
-  return "the settings daemon " + serviceName_ + " cannot be reached";
+  const std::string place = servicePlace(serviceName_);
+  return "the settings daemon " + serviceName_ + " cannot be reached" + (place.empty() ? "" : " at " + place);
 }
 
 std::optional<AllSettings> SettingsDaemon::fetch(QMRSettingsClient& client, std::string& problem) const {

@@ -1,9 +1,11 @@
 #include "tools/qmr/url_backend.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <future>
 #include <utility>
 
+#include "platform/SVKSkyvaultServiceClientProtocol.hpp"
 #include "reputation/QMRReputationLookup.hpp"
 #include "reputation/backends/QMRWispReputationLookup.hpp"
 #include "settings/QMRCustomization.hpp"
@@ -14,12 +16,19 @@
 namespace qm::qmr {
 namespace {
 
+std::string adviceForBasalt(const URLAnswer& answer) {
+  if (answer.failure != URLFailure::reportedByBackend ||
+      answer.errorCode != static_cast<std::int64_t>(skyvault::ErrorCode::connectionLost))
+    return {};
+  return "the Skyvault agent does not run, has ended, or does not admit this program";
+}
+
 std::optional<URLBackend> makeBasalt(std::string& problem) {
   auto provider = QMRReputationLookup::reputationProviderWithBasaltEnabled(true, nullptr);
   if (provider != nullptr)
-    return URLBackend{.name = "Basalt", .provider = std::move(provider), .advice = [](const URLAnswer&) {
-                        return std::string();
-                      }};
+    return URLBackend{.name = "Basalt",
+                      .provider = std::move(provider),
+                      .advice = [](const URLAnswer& answer) { return adviceForBasalt(answer); }};
   problem = "the Basalt backend cannot be used: the Skyvault agent is not installed";
   return std::nullopt;
 }

@@ -40,7 +40,8 @@ TEST_F(QmrProgramTest, ItAsksTheServiceOfItsOwnInstallationAndToleratesAClosedPi
   }
   const CommandResult alone = runCommand({program, "check", clean});
   EXPECT_EQ(alone.exitStatus, 2);
-  EXPECT_EQ(alone.output, "qmr: the reputation service " + serviceName + " cannot be reached\n");
+  EXPECT_EQ(alone.output, "qmr: the reputation service " + serviceName + " cannot be reached at " +
+                              systemRoot() + "/run/quillmarsh/" + serviceName + "\n");
 }
 
 TEST_F(QmrProgramTest, StandardStreamsThatAreClosedOrFailAreSaid) {
