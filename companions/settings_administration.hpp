@@ -27,6 +27,9 @@ class SettingsAdministration {
   virtual void removeSettings(const Array& keys, const std::string& table, Reply reply) = 0;
   virtual void setAllowList(const Array& allowList, Reply reply) = 0;
 
+  // For every peer: the error says why the settings file, as it is now, is not what is in force.
+  virtual void checkSettingsFile(Reply reply) = 0;
+
   // Pushes an action to every process that subscribed to remote actions, and waits for them for a bounded
   // time. One dictionary for each: "process", its id (0: not known), and either "result", the code it
   // finished with (3: it has no handler for the action), or "error", a text.
@@ -44,6 +47,7 @@ struct RemoteProtocol<SettingsAdministration> {
       RemoteMethod<"setSettings:inTable:reply:", &SettingsAdministration::setSettings>,
       RemoteMethod<"removeSettings:fromTable:reply:", &SettingsAdministration::removeSettings>,
       RemoteMethod<"setAllowList:reply:", &SettingsAdministration::setAllowList>,
+      RemoteMethod<"checkSettingsFileWithReply:", &SettingsAdministration::checkSettingsFile>,
       RemoteMethod<"pushRemoteActionWithName:actionData:reply:", &SettingsAdministration::pushRemoteAction>>;
 };
 

@@ -96,6 +96,7 @@ class SettingsService::Peer final : public SettingsDaemonProtocol {
     if (!mayAdminister(reply)) return;
     change([allowList](SettingsStore& store) { return store.setAllowList(allowList); }, reply);
   }
+  void checkSettingsFile(Reply reply) override { reply(service_->store_->fileProblem()); }
   void pushRemoteAction(const std::string& name, const Dictionary& actionData,
                         Block<void(const Array&, const ErrorPtr&)> reply) override {
     const Reply refused = [reply](const ErrorPtr& error) { reply({}, error); };

@@ -76,6 +76,11 @@ std::shared_ptr<const Settings> SettingsStore::current(ErrorPtr* error) const {
   return current_;
 }
 
+ErrorPtr SettingsStore::fileProblem() const {
+  const std::lock_guard lock(mutex_);
+  return problem_;
+}
+
 std::optional<SettingsDocument> SettingsStore::read(std::optional<std::string>& content,
                                                     ErrorPtr* error) const {
   content = readText(path_);

@@ -48,6 +48,9 @@ class SettingsStore {
   // file was broken from the start: there is no last good state then.
   std::shared_ptr<const Settings> current(ErrorPtr* error = nullptr) const;
 
+  // Why the file, as it is now, is not what is in force; null when it is.
+  ErrorPtr fileProblem() const;
+
   // Change the file as it is at that moment; the change is on the disk and in force when they return.
   // Null or an error of the settings daemon: a file that is broken is left alone, and so is one that has just
   // become empty or gone (busy), until reload() has taken that for settled.
@@ -93,7 +96,7 @@ class SettingsStore {
   std::optional<Settings> file_;             // what the file says
   Dictionary state_;                         // what the daemon keeps itself
   std::shared_ptr<const Settings> current_;  // both together
-  ErrorPtr problem_;                         // why there is nothing in force
+  ErrorPtr problem_;                         // why the file is not taken
   bool isStateTold_ = true;
 
   std::unique_ptr<FileWatcher> watcher_;  // last: it calls reload until it is gone

@@ -82,7 +82,10 @@ class SettingsCommand {
     std::string problem;
     const auto client = QMRSettingsClient::create();
     auto settings = daemon_.fetch(*client, problem);
-    if (!settings) failed(problem);
+    if (!settings)
+      failed(problem);
+    else if (const std::string why = daemon_.fileProblem(); !why.empty())
+      errors_ << "qmr: settings: " << displayText(why) << ": the settings are those from before\n";
     client->shutdownWithoutUnsubscribe();  // a daemon that hangs would not take a farewell
     return settings;
   }

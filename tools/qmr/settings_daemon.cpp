@@ -117,6 +117,13 @@ bool SettingsDaemon::change(const std::string& table, const std::string& key, co
   return error == nullptr;
 }
 
+std::string SettingsDaemon::fileProblem() const {
+  const ErrorPtr error = administer([](const RemoteProxy& proxy, const Block<void(const ErrorPtr&)>& done) {
+    proxy.call<&SettingsAdministration::checkSettingsFile>(done);
+  });
+  return error != nullptr && error->domain() == kSettingsErrorDomain ? text(error) : std::string();
+}
+
 bool SettingsDaemon::setAllowList(const Array& allowList, std::string& problem) const {
   const ErrorPtr error = administer([&](const RemoteProxy& proxy, const Block<void(const ErrorPtr&)>& done) {
     proxy.call<&SettingsAdministration::setAllowList>(allowList, done);

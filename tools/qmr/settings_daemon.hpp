@@ -28,6 +28,8 @@ class SettingsDaemon {
   // A null value removes the setting; `wasThere` says whether there was one.
   bool change(const std::string& table, const std::string& key, const Value& value, bool& wasThere,
               std::string& problem) const;
+  // Why the settings file, as it is now, is not what is in force; empty when it is, or nobody can tell.
+  std::string fileProblem() const;
   bool setAllowList(const Array& allowList, std::string& problem) const;
   // What the daemon gathered: see SettingsAdministration::pushRemoteAction.
   std::optional<Array> push(const std::string& name, const Dictionary& data, std::string& problem) const;
