@@ -2,6 +2,7 @@
 #include "companions/skyvault_service.hpp"
 
 #include <algorithm>
+#include <filesystem>
 
 #include "filefacts/QMRHashProvider.hpp"
 #include "foundation/strings.hpp"
@@ -53,7 +54,9 @@ class SkyvaultAgent : public testing::Test {
     return std::make_shared<SVKSkyvaultServiceClient>(
         [endpoint = listener_.endpoint()] { return XPCConnection::createClient(endpoint); });
   }
+  // A new file each time: the last one may just be examined.
   std::shared_ptr<FileHandle> sample(const std::string& content) const {
+    std::filesystem::remove(folder_.path("sample"));
     return FileHandle::fileHandleForReadingAtPath(folder_.write("sample", content));
   }
   std::string analyze(SkyvaultAnswers& answers, const std::string& content, std::uint64_t options,
