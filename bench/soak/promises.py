@@ -5,9 +5,8 @@ import statistics
 
 # Descriptors at rest are never more than at a life's first rest, not by one. Memory, what is the process's own (Private_Dirty), may seem
 # to grow by so much over the second half of a life, as the slope through its rests has it: in the first half the
-# allocator's arenas fill up, and once more, by up to 2.1 MiB, when the agents die and requests pile up. A leak of 100 bytes a
-# request is 4 MiB in 40,000.
-MEMORY_GROWTH_KIB = 3072
+# allocator's arenas fill up. A leak of 100 bytes a request is 4 MiB in 40,000.
+MEMORY_GROWTH_KIB = 2048
 # Fewer rests than these have no slope.
 RESTS_FOR_A_SLOPE = 5
 # The pool has 64 workers at most; the others are the event loop and the like.
